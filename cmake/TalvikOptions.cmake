@@ -1,0 +1,25 @@
+# Interface targets that carry the build's options: warnings, sanitizers, the choice of a BLAS.
+
+# Everything of ours is compiled with these.
+add_library(talvik_build_options INTERFACE)
+target_compile_options(talvik_build_options INTERFACE -Wall -Wextra
+  $<$<BOOL:${TALVIK_WARNINGS_AS_ERRORS}>:-Werror>)
+if(TALVIK_SANITIZE)
+  target_compile_options(talvik_build_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(talvik_build_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+# Eigen's dense products call OpenBLAS, which picks its kernels at run time.  Any of Debian's
+# variants will do; the engine keeps it to one thread while its own team calls it.
+add_library(talvik_blas INTERFACE)
+if(TALVIK_USE_BLAS)
+  pkg_check_modules(openblas IMPORTED_TARGET openblas)
+endif()
+if(TALVIK_USE_BLAS AND openblas_FOUND)
+  message(STATUS "Dense products: OpenBLAS ${openblas_VERSION}")
+  target_compile_definitions(talvik_blas INTERFACE EIGEN_USE_BLAS)
+  target_link_libraries(talvik_blas INTERFACE PkgConfig::openblas)
+else()
+  message(STATUS "Dense products: no OpenBLAS, Eigen's own kernel (several times slower)")
+endif()
