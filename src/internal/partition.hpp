@@ -1,0 +1,37 @@
+// How a range of rows is split over a team of threads.  Every OpenMP pragma of the library sits
+// here.
+#ifndef TALVIK_INTERNAL_PARTITION_HPP
+#define TALVIK_INTERNAL_PARTITION_HPP
+
+#include <omp.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace talvik::internal {
+
+// Block t of n items over `threads`; the first n % threads blocks hold one more.
+//   n = 10, 4 threads:  [0,3) [3,6) [6,8) [8,10)      n = 2, 4 threads:  [0,1) [1,2) [2,2) [2,2)
+constexpr std::pair<int, int> block_of(int t, int threads, int n) {
+  const int first = t * (n / threads) + std::min(t, n % threads);
+  return {first, first + n / threads + (t < n % threads ? 1 : 0)};
+}
+static_assert(block_of(1, 4, 10) == std::pair(3, 6) && block_of(3, 4, 10) == std::pair(8, 10));
+static_assert(block_of(1, 4, 2) == std::pair(1, 2) && block_of(3, 4, 2) == std::pair(2, 2));
+
+/// Runs body(first, last, thread) on a team, one contiguous block of [0, n) per thread.
+/// Body writes only what its own rows own, and never throws.
+template <class Body>
+void for_each_block(int threads, int n, const Body& body) {
+  omp_set_num_threads(std::max(threads, 1));
+#pragma omp parallel
+  {
+    const int thread = omp_get_thread_num();
+    const auto [first, last] = block_of(thread, omp_get_num_threads(), n);
+    body(first, last, thread);
+  }
+}
+
+}  // namespace talvik::internal
+
+#endif
