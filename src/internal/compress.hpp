@@ -18,6 +18,11 @@ struct CompressedVocabulary {
   std::unique_ptr<float[]> embeddings;  // voc_size x vec_size, never null
 };
 
+[[noreturn]] inline void fail_unknown_word(size_t word, size_t voc_size) {
+  fail("A document holds word " + std::to_string(word) + ", but the vocabulary has " +
+       std::to_string(voc_size) + " words");
+}
+
 /// Gives the words in use new numbers 0, 1, ... in their old order, writes these in place of the
 /// old ones, and copies the words' embedding rows.
 /// @param visit_words  visit_words(body) calls body(word) with a reference to the word of every
@@ -29,8 +34,7 @@ CompressedVocabulary compress_words(int voc_size, const float* embeddings, int v
   std::vector<int> new_number(static_cast<size_t>(std::max(voc_size, 0)), unused);
   visit_words([&](auto& word) {
     if (static_cast<size_t>(word) >= new_number.size()) {
-      fail("A document holds word " + std::to_string(word) + ", but the vocabulary has " +
-           std::to_string(new_number.size()) + " words");
+      fail_unknown_word(static_cast<size_t>(word), new_number.size());
     }
     new_number[static_cast<size_t>(word)] = used;
   });

@@ -13,7 +13,8 @@ int ground_run(int voc_size, float* D_ground, int k, int delta_iterations, const
                const LabelList& labels1, const DocumentSet& docs2, const LabelList& labels2,
                float** D_out, bool compute_topk, const char* output_file, bool use_gpu) {
   internal::attach_ground(use_gpu, voc_size, D_ground);
-  const int result = internal::two_way_run({.k = k,
+  const int result = internal::two_way_run({.voc_size = voc_size,
+                                            .k = k,
                                             .delta_iterations = delta_iterations,
                                             .precompute = true,
                                             .compute_topk = compute_topk,

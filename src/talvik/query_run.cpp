@@ -27,9 +27,22 @@ std::unique_ptr<float[]> new_floats(size_t count) {
   return std::make_unique_for_overwrite<float[]>(count);
 }
 
+// Words that index an embedding or ground-distance matrix must lie inside it.
+void require_known_words(const RunParameters& run, const DocumentSet& docs, int first, int count) {
+  if (run.voc_size < 1) return;  // not told to a query step
+  const auto voc_size = static_cast<unsigned>(run.voc_size);
+  for (int d = first; d < first + count; ++d) {
+    for (const auto& entry : docs[static_cast<size_t>(d)]) {
+      if (entry.first >= voc_size) fail_unknown_word(entry.first, voc_size);
+    }
+  }
+}
+
 // Loads a batch in the form that the run's word distances need.  Returns the batch's offsets, which
 // the engine may read until it releases the batch.
-std::unique_ptr<int[]> load_batch(const Run& run, const DocumentSet& docs, int first, int count) {
+std::unique_ptr<int[]> load_batch(const RunParameters& run, const DocumentSet& docs, int first,
+                                  int count) {
+  require_known_words(run, docs, first, count);
   const int entries = count_entries(docs, first, count);
   const auto size = static_cast<size_t>(entries);
   auto start = new_ints(static_cast<size_t>(count) + 1);
@@ -48,7 +61,7 @@ std::unique_ptr<int[]> load_batch(const Run& run, const DocumentSet& docs, int f
   return start;
 }
 
-void compute_batch(const Run& run, const DocumentSet& docs, const Block& block) {
+void compute_batch(const RunParameters& run, const DocumentSet& docs, const Block& block) {
   const auto start = load_batch(run, docs, block.first_query, block.num_queries);
   compute_block(run.use_gpu, block.Z, run.delta_iterations, run.precompute);
   release_batch(run.use_gpu, run.precompute);
@@ -85,8 +98,10 @@ void require_split_of(int num_docs) {
        std::to_string(num_docs) + " of this run: call cleanup_distribution_info first");
 }
 
-int load_resident_documents(const Run& run, const DocumentSet& docs, int first, int count) {
+int load_resident_documents(const RunParameters& run, const DocumentSet& docs, int first,
+                            int count) {
   require_engine(run.use_gpu);
+  require_known_words(run, docs, first, count);
   const int entries = count_entries(docs, first, count);
   const auto ind = new_ints(static_cast<size_t>(entries));
   const auto weight = new_floats(static_cast<size_t>(entries));
@@ -102,12 +117,12 @@ int load_resident_documents(const Run& run, const DocumentSet& docs, int first, 
   return load_resident(run.use_gpu, entries, ind.get(), weight.get(), count, start.get());
 }
 
-int release_resident_documents(const Run& run) {
+int release_resident_documents(const RunParameters& run) {
   const int result = release_resident(run.use_gpu);
   return run.precompute ? result : release_vocabulary(run.use_gpu);
 }
 
-long long average_vector_floats(const Run& run, int entries, int docs) {
+long long average_vector_floats(const RunParameters& run, int entries, int docs) {
   if (run.precompute) return 0;
   return static_cast<long long>(average_entries(entries, docs)) * run.vec_size;
 }
@@ -117,9 +132,9 @@ ListBuffers allocate_lists(int rows, int k) {
   return {new_ints(entries), new_floats(entries)};
 }
 
-std::string result_path(const Run& run) { return run.output_file ? run.output_file : ""; }
+std::string result_path(const RunParameters& run) { return run.output_file ? run.output_file : ""; }
 
-void run_batches(const Run& run, const Collection& queries, const QueryPass& pass,
+void run_batches(const RunParameters& run, const Collection& queries, const QueryPass& pass,
                  const FinishBlock& finish_block) {
   const auto Z =
       new_floats(static_cast<size_t>(pass.batch) * static_cast<size_t>(pass.num_resident));

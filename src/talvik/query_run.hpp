@@ -22,8 +22,8 @@ struct Collection {
 };
 
 /// The parameters of a run, as in the public functions.
-struct Run {
-  int voc_size = 0;
+struct RunParameters {
+  int voc_size = 0;  // rows of the embedding or ground-distance matrix; 0 where not told
   float* embeddings = nullptr;
   int vec_size = 0;
   int k = 0;
@@ -74,22 +74,23 @@ void require_split_of(int num_docs);
 
 /// Loads resident documents first .. first+count-1 into the engine and, unless the run has ground
 /// distances, the words that they use.  Returns the result of the init step.
-int load_resident_documents(const Run& run, const DocumentSet& docs, int first, int count);
+int load_resident_documents(const RunParameters& run, const DocumentSet& docs, int first,
+                            int count);
 
 /// Releases what load_resident_documents loaded.  Returns the result of the cleanup step.
-int release_resident_documents(const Run& run);
+int release_resident_documents(const RunParameters& run);
 
 /// Floats of the word vectors of an average document; 0 where a batch is passed without vectors.
-long long average_vector_floats(const Run& run, int entries, int docs);
+long long average_vector_floats(const RunParameters& run, int entries, int docs);
 
 ListBuffers allocate_lists(int rows, int k);
 
 /// The run's output_file; empty, and so a file that cannot be created, where there is none.
-std::string result_path(const Run& run);
+std::string result_path(const RunParameters& run);
 
 /// Runs a pass batch by batch: loads the queries, computes the block, finishes it, and tells
 /// batch_finished.  A process without resident documents finishes empty blocks.
-void run_batches(const Run& run, const Collection& queries, const QueryPass& pass,
+void run_batches(const RunParameters& run, const Collection& queries, const QueryPass& pass,
                  const FinishBlock& finish_block);
 
 }  // namespace talvik::internal

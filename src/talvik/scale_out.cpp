@@ -10,13 +10,13 @@ namespace talvik {
 namespace internal {
 namespace {
 
-int init(const Run& run, const DocumentSet& docs, int num_docs) {
+int init(const RunParameters& run, const DocumentSet& docs, int num_docs) {
   ensure_process_group();
   require_documents("resident", docs, num_docs);
   return load_resident_documents(run, docs, 0, num_docs);
 }
 
-std::string own_result_path(const Run& run) {
+std::string own_result_path(const RunParameters& run) {
   return result_path(run) + ".thread" + std::to_string(local_id) + "-" + std::to_string(myid);
 }
 
@@ -34,7 +34,7 @@ void merge_maximum(const Block& block, int columns, float* D_max) {
 
 // This process's group of the queries, bounded by what the group itself needs: nothing is shared
 // with the other processes.
-QueryPass own_pass(const Run& run, int num_resident) {
+QueryPass own_pass(const RunParameters& run, int num_resident) {
   const int group = grp_length[myid];
   return {grp_start[myid], group, num_resident,
           queries_per_batch(run.budget_floats, group, num_resident,
@@ -42,7 +42,7 @@ QueryPass own_pass(const Run& run, int num_resident) {
 }
 
 // The resident collection's documents are in the engine; only their labels are needed.
-int query(const Run& run, int num_resident, const LabelList& resident_labels,
+int query(const RunParameters& run, int num_resident, const LabelList& resident_labels,
           const Collection& queries, float* D_max) {
   require_documents("query", queries.docs, queries.num_docs);
   if (!grp_start) load_balancing(queries.docs, queries.num_docs, queries.num_words);
@@ -73,7 +73,7 @@ int query(const Run& run, int num_resident, const LabelList& resident_labels,
 
 }  // namespace
 
-int scale_out_run(const Run& run, const Collection& resident, const Collection& queries,
+int scale_out_run(const RunParameters& run, const Collection& resident, const Collection& queries,
                   float* D_max) {
   init(run, resident.docs, resident.num_docs);
   query(run, resident.num_docs, resident.labels, queries, D_max);

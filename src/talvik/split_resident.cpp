@@ -13,7 +13,7 @@ namespace talvik {
 namespace internal {
 namespace {
 
-int init(const Run& run, const DocumentSet& docs, int num_docs, int num_words) {
+int init(const RunParameters& run, const DocumentSet& docs, int num_docs, int num_words) {
   ensure_process_group();
   require_documents("resident", docs, num_docs);
   if (!grp_start) load_balancing(docs, num_docs, num_words);
@@ -23,7 +23,7 @@ int init(const Run& run, const DocumentSet& docs, int num_docs, int num_words) {
 
 // The batch that every process takes, so that all merge the same queries at the same time.  The
 // largest group bounds it: every process knows that group's size.
-int common_batch(const Run& run, int k, const Collection& queries) {
+int common_batch(const RunParameters& run, int k, const Collection& queries) {
   const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
   return queries_per_batch(run.budget_floats, queries.num_docs, std::max(largest_group, k),
                            average_vector_floats(run, queries.num_words, queries.num_docs));
@@ -60,7 +60,8 @@ float* allocate_matrix(size_t bytes) {
   return matrix;
 }
 
-int query_matrix(const Run& run, const Collection& queries, const QueryPass& pass, float** D_out) {
+int query_matrix(const RunParameters& run, const Collection& queries, const QueryPass& pass,
+                 float** D_out) {
   const size_t bytes = static_cast<size_t>(pass.num_resident) *
                        static_cast<size_t>(queries.num_docs) * sizeof(float);
   *D_out = allocate_matrix(bytes);
@@ -71,8 +72,8 @@ int query_matrix(const Run& run, const Collection& queries, const QueryPass& pas
   return static_cast<int>(bytes);
 }
 
-int query_topk(const Run& run, const LabelList& resident_labels, const Collection& queries,
-               const QueryPass& pass, int k) {
+int query_topk(const RunParameters& run, const LabelList& resident_labels,
+               const Collection& queries, const QueryPass& pass, int k) {
   std::optional<ResultFile> file;
   if (myid == 0) file = open_result_file(result_path(run));
   const ListBuffers buffers = allocate_lists(pass.batch, k);
@@ -90,7 +91,7 @@ int query_topk(const Run& run, const LabelList& resident_labels, const Collectio
 }
 
 // The resident collection's documents are in the engine; only their labels are needed.
-int query(const Run& run, int num_resident_docs, const LabelList& resident_labels,
+int query(const RunParameters& run, int num_resident_docs, const LabelList& resident_labels,
           const Collection& queries, float** D_out) {
   require_split_of(num_resident_docs);
   require_documents("query", queries.docs, queries.num_docs);
@@ -104,8 +105,8 @@ int query(const Run& run, int num_resident_docs, const LabelList& resident_label
 
 }  // namespace
 
-int split_resident_run(const Run& run, const Collection& resident, const Collection& queries,
-                       float** D_out) {
+int split_resident_run(const RunParameters& run, const Collection& resident,
+                       const Collection& queries, float** D_out) {
   init(run, resident.docs, resident.num_docs, resident.num_words);
   query(run, resident.num_docs, resident.labels, queries, D_out);
   release_resident_documents(run);

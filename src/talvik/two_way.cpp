@@ -13,11 +13,11 @@ Collection counted(const DocumentSet& docs, const LabelList& labels) {
 
 }  // namespace
 
-int two_way_run(const Run& run, const DocumentSet& docs1, const LabelList& labels1,
+int two_way_run(const RunParameters& run, const DocumentSet& docs1, const LabelList& labels1,
                 const DocumentSet& docs2, const LabelList& labels2, float** D_out) {
   cleanup_distribution_info();  // so that the first direction splits docs1
   const Collection first = counted(docs1, labels1), second = counted(docs2, labels2);
-  Run matrix_only = run;
+  RunParameters matrix_only = run;
   matrix_only.compute_topk = false;
   split_resident_run(matrix_only, first, second, D_out);
   scale_out_run(run, second, first, *D_out);  // over the same split of docs1
