@@ -20,9 +20,10 @@ struct Outcome {
 
 Outcome launch(int processes, const std::string& failure) {
   // The launcher tells on standard error that the job was aborted; the time limit is for a hang.
-  const std::string command = std::string("timeout 60 ") + TALVIK_TEST_MPIRUN + " " +
-                              std::to_string(processes) + " " + TALVIK_TEST_FAILING_RUN + " '" +
-                              failure + "' 2>/dev/null";
+  const std::string command =
+      std::string("ASAN_OPTIONS=allocator_may_return_null=1:$ASAN_OPTIONS ") + "timeout 60 " +
+      TALVIK_TEST_MPIRUN + " " + std::to_string(processes) + " " + TALVIK_TEST_FAILING_RUN + " '" +
+      failure + "' 2>/dev/null";
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return {-1, "popen failed"};
   Outcome outcome{-1, ""};
