@@ -126,12 +126,17 @@ def require_vectors():
     fail(f"{archive} holds no word vectors")
 
 
+def program():
+    """The host program: $TALVIK or the one in build."""
+    return os.environ.get("TALVIK", "build/tools/talvik/talvik")
+
+
 def talvik(*arguments):
-    """Runs the host program: $TALVIK or the one in build."""
-    program = os.environ.get("TALVIK", str(ROOT / "build" / "tools" / "talvik" / "talvik"))
-    if not shutil.which(program):
-        fail(f"{program} is not there: build it first, or name another one in TALVIK")
-    done = subprocess.run([program, *map(str, arguments)])
+    """Runs the host program."""
+    path = ROOT / program()  # an absolute path stays what it is
+    if not shutil.which(path):
+        fail(f"{path} is not there: build it first, or name another one in TALVIK")
+    done = subprocess.run([path, *map(str, arguments)])
     if done.returncode != 0:
         fail(f"talvik {arguments[0]} failed with status {done.returncode}")
 
