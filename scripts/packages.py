@@ -128,7 +128,7 @@ def require_vectors():
 
 def program():
     """The host program: $TALVIK or the one in build."""
-    return os.environ.get("TALVIK", "build/tools/talvik/talvik")
+    return os.environ.get("TALVIK", "build/talvik")
 
 
 def talvik(*arguments):
