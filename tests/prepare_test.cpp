@@ -1,6 +1,7 @@
 // The program's data side: tokens, corpora out of texts, embedding files out of text vectors.
 #include "prepare.hpp"
 
+#include <fmt/core.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
 
@@ -322,7 +323,7 @@ TEST_F(Convert, KeepsOnlyListedWords) {
 
 TEST_F(Convert, ReadsCompressedInputAndNoticesItsEnd) {
   std::string text = "20000 1\n";
-  for (int i = 0; i < 20000; ++i) text += "w" + std::to_string(i) + " " + std::to_string(i) + "\n";
+  for (int i = 0; i < 20000; ++i) text += fmt::format("w{} {}\n", i, i);
   const gzFile file = gzopen((dir_ / "gz").c_str(), "wb");
   gzwrite(file, text.data(), static_cast<unsigned>(text.size()));
   gzclose(file);
