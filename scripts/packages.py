@@ -128,15 +128,20 @@ def require_vectors():
 
 def program():
     """The host program: $TALVIK or the one in build."""
-    return os.environ.get("TALVIK", "build/tools/talvik/talvik")
+    return os.environ.get("TALVIK", "build/talvik")
+
+
+def require_program():
+    """Path of the host program, an absolute one."""
+    path = ROOT / program()  # an absolute path in TALVIK stays what it is
+    if not shutil.which(path):
+        fail(f"{path} is not there: build it first, or name another one in TALVIK")
+    return path
 
 
 def talvik(*arguments):
     """Runs the host program."""
-    path = ROOT / program()  # an absolute path stays what it is
-    if not shutil.which(path):
-        fail(f"{path} is not there: build it first, or name another one in TALVIK")
-    done = subprocess.run([path, *map(str, arguments)])
+    done = subprocess.run([require_program(), *map(str, arguments)])
     if done.returncode != 0:
         fail(f"talvik {arguments[0]} failed with status {done.returncode}")
 

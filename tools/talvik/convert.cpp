@@ -63,15 +63,19 @@ void add_convert_command(CLI::App& app, int& status) {
   command
       ->add_option("--input", options->input,
                    "Word vectors: word2vec text, fastText .vec or GloVe text, plain or .gz")
-      ->required();
-  command->add_option("--output", options->output, "Embedding file to write")->required();
+      ->required()
+      ->type_name("FILE");
+  command->add_option("--output", options->output, "Embedding file to write")
+      ->required()
+      ->type_name("FILE");
   command
       ->add_option("--format", *format,
                    "auto: a first line of two whole numbers is a header; word2vec, fasttext: there "
                    "is a header; glove: there is none")
       ->check(CLI::IsMember({"auto", "word2vec", "fasttext", "glove"}))
       ->capture_default_str();
-  command->add_option("--words", options->words, "Keep only the words of this file, one a line");
+  command->add_option("--words", options->words, "Keep only the words of this file, one a line")
+      ->type_name("FILE");
   command->callback([options, format, &status] {
     options->format = format_names.at(*format);
     status = run(*options);

@@ -65,9 +65,10 @@ void require_class_name(const std::string& label, const std::string& place) {
   } else if (label.find('/') != std::string::npos) {
     problem = "holds a path separator";
   } else if (has_control_character(label)) {
-    problem = "holds a control character";
+    throw RunError(place + ": the class name holds a control character");
   } else if (label.size() > longest_file_name) {
-    problem = "is longer than 255 bytes";
+    throw RunError(
+        fmt::format("{}: the class name is longer than {} bytes", place, longest_file_name));
   }
   if (problem) throw RunError(fmt::format("{}: the class name \"{}\" {}", place, label, problem));
 }
@@ -185,6 +186,7 @@ class CorpusDirectory {
     if (fs::is_directory(status) && !fs::is_empty(path_, error)) {
       throw RunError(path_ + ": is not empty; remove it or name another directory");
     }
+    error.clear();  // that nothing is there yet is no error
     const fs::path parent = fs::path(path_).parent_path();
     if (!parent.empty()) fs::create_directories(parent, error);
     const std::string temporary = fmt::format("{}.partial-{}", path_, getpid());
@@ -249,8 +251,7 @@ const std::map<std::string, TextsFormat> format_names = {
 };
 
 void print_summary(const PrepareOptions& options, const PrepareSummary& summary) {
-  fmt::print("{}: {} documents in {} classes\n", options.output, summary.documents,
-             summary.classes);
+  fmt::print("{}: documents {}, classes {}\n", options.output, summary.documents, summary.classes);
   const long long tokens = summary.tokens_in + summary.tokens_out;
   if (options.embeddings.empty()) {
     fmt::print("tokens: {}\n", tokens);
@@ -331,7 +332,10 @@ PrepareSummary prepare_corpus(const PrepareOptions& options) {
   if (format == TextsFormat::jsonl) read_jsonl(options.input, summary, handle);
 
   summary.classes = static_cast<long long>(documents_of.size());
-  if (summary.documents == 0) throw RunError(options.input + ": holds no documents");
+  if (summary.documents == 0) {
+    throw RunError(options.input + (summary.classless > 0 ? ": holds no directory with texts"
+                                                          : ": holds no documents"));
+  }
   if (summary.tokens_in == 0) {
     throw RunError(options.input + (rules.vocabulary ? ": holds no word of " + options.embeddings
                                                      : ": no document has a token"));
@@ -348,31 +352,40 @@ void add_prepare_command(CLI::App& app, int& status) {
       app.add_subcommand("prepare", "Turn ordinary texts into a corpus for the command corpus");
   auto options = std::make_shared<PrepareOptions>();
   auto format = std::make_shared<std::string>("auto");
+  constexpr int longest_minimum = 1000;
+  constexpr long long largest_count = 1'000'000'000'000;
   command
       ->add_option("--input", options->input,
                    "Texts: a tree with a directory per class, a file of label<TAB>text lines, or "
                    "JSON lines {id, label, text}")
-      ->required();
-  command->add_option("--output", options->output, "Corpus directory to make")->required();
+      ->required()
+      ->type_name("PATH");
+  command->add_option("--output", options->output, "Corpus directory to make")
+      ->required()
+      ->type_name("DIR");
   command
       ->add_option("--format", *format,
                    "auto: a directory is a tree, .jsonl and .ndjson are jsonl, other files are tsv")
       ->check(CLI::IsMember({"auto", "tree", "tsv", "jsonl"}))
       ->capture_default_str();
-  command->add_option("--embeddings", options->embeddings,
-                      "Embedding file: counts words in and out of it, and keeps the hyphenated "
-                      "compounds that it has");
-  command->add_option("--stop-words", options->stop_words,
-                      "Words to leave out: a file, one a line, or the word english");
+  command
+      ->add_option("--embeddings", options->embeddings,
+                   "Embedding file: counts words in and out of it, and keeps the hyphenated "
+                   "compounds that it has")
+      ->type_name("FILE");
+  command
+      ->add_option("--stop-words", options->stop_words,
+                   "Words to leave out: a file, one a line, or the word english")
+      ->type_name("FILE");
   command->add_flag("--keep-case", options->keep_case, "Do not put words into lower case");
   command->add_option("--min-length", options->min_length, "Characters of the shortest token kept")
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Range(1, longest_minimum))
       ->capture_default_str();
   command->add_option("--limit", options->limit, "Documents per class, the first ones; 0: all")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Range(0LL, largest_count))
       ->capture_default_str();
   command->add_option("--first-id", options->first_id, "Identifier of the first document")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Range(0LL, largest_count))
       ->capture_default_str();
   command->callback([options, format, &status] {
     options->format = format_names.at(*format);

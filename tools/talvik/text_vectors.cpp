@@ -18,6 +18,7 @@
 
 #include "run_error.hpp"
 #include "text_lines.hpp"
+#include "tokenizer.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -69,10 +70,11 @@ std::optional<Header> header_of(const std::vector<std::string_view>& fields) {
 
 // Raw floats are full of bytes that no text holds.
 bool looks_binary(std::string_view line) {
-  return std::any_of(line.begin(), line.end(), [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return (byte < 0x20 && c != '\t' && c != '\r') || byte == 0x7F;
-  });
+  long long invalid = 0;
+  valid_utf8(line, invalid);
+  return invalid > 0 || std::any_of(line.begin(), line.end(), [](char c) {
+           return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r';
+         });
 }
 
 // The output under a temporary name, renamed at the end.
@@ -82,8 +84,13 @@ class EmbeddingFile {
       : path_(path),
         temporary_(fmt::format("{}.partial-{}", path, getpid())),
         count_digits_(count_digits) {
-    if (std::filesystem::is_directory(path)) {
+    std::error_code ignored;
+    const auto status = std::filesystem::status(path, ignored);
+    if (std::filesystem::is_directory(status)) {
       throw RunError(path + ": is a directory, the name of a file was expected");
+    }
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+      throw RunError(path + ": exists and is not a regular file");  // a rename would replace it
     }
     file_ = std::fopen(temporary_.c_str(), "wb");
     if (!file_) throw RunError(path + ": cannot be created: " + std::strerror(errno));
@@ -136,10 +143,17 @@ long long numbers_at_end(const std::vector<std::string_view>& fields) {
   return static_cast<long long>(count);
 }
 
+bool begins_with_word(std::string_view line) { return line.front() != ' ' && line.front() != '\t'; }
+
+// Fields that may be numbers: a blank in front stands for an empty word.
+size_t most_numbers(std::string_view line, const std::vector<std::string_view>& fields) {
+  return fields.empty() ? 0 : fields.size() - (begins_with_word(line) ? 1 : 0);
+}
+
 // The numbers of a row, which are its last `row.size()` fields.
-void read_row(const std::vector<std::string_view>& fields, const std::string& place,
-              std::vector<float>& row) {
-  const size_t numbers = fields.empty() ? 0 : fields.size() - 1;
+void read_row(std::string_view line, const std::vector<std::string_view>& fields,
+              const std::string& place, std::vector<float>& row) {
+  const size_t numbers = most_numbers(line, fields);
   if (numbers < row.size()) {
     throw RunError(fmt::format("{}: {} numbers, {} were expected", place, numbers, row.size()));
   }
@@ -159,6 +173,21 @@ void read_row(const std::vector<std::string_view>& fields, const std::string& pl
   }
 }
 
+// The header's dimensions size no array before the first row has shown that many fields.
+void require_row_of(const Header& header, const std::string& input, const TextLines& lines,
+                    std::string_view line) {
+  const auto fields = fields_of(line);
+  if (numbers_at_end(fields) < header.dimensions && looks_binary(line)) {
+    throw RunError(fmt::format("{}: is an embedding file already ({} words, {} dimensions)", input,
+                               header.words, header.dimensions));
+  }
+  const auto numbers = static_cast<long long>(most_numbers(line, fields));
+  if (numbers < header.dimensions) {
+    throw RunError(fmt::format("{}: {} numbers, the header announces {}", lines.place(), numbers,
+                               header.dimensions));
+  }
+}
+
 std::unordered_set<std::string> read_word_list(const std::string& path) {
   std::unordered_set<std::string> words;
   TextLines lines(path);
@@ -173,8 +202,8 @@ std::unordered_set<std::string> read_word_list(const std::string& path) {
 bool wanted(std::string_view line, const std::vector<std::string_view>& fields,
             const ConvertOptions& options, const std::unordered_set<std::string>& listed,
             std::unordered_set<std::string>& seen, ConvertSummary& summary) {
-  const bool whole = line.front() != ' ' && line.front() != '\t' &&
-                     fields.size() == static_cast<size_t>(summary.dimensions) + 1;
+  const bool whole =
+      begins_with_word(line) && fields.size() == static_cast<size_t>(summary.dimensions) + 1;
   if (!whole) return ++summary.with_space, false;
   const std::string word(fields.front());
   if (!options.words.empty() && !listed.contains(word)) return ++summary.not_listed, false;
@@ -227,16 +256,7 @@ ConvertSummary convert_text_vectors(const ConvertOptions& options) {
   bool more = true;
   if (header) {
     more = lines.next(line);
-    if (more && looks_binary(line)) {
-      throw RunError(fmt::format("{}: is an embedding file already ({} words, {} dimensions)",
-                                 input, header->words, header->dimensions));
-    }
-    // The dimensions size no array before a row has shown that many numbers.
-    const auto numbers = static_cast<long long>(fields_of(line).size()) - 1;
-    if (more && numbers < summary.dimensions) {
-      throw RunError(fmt::format("{}: {} numbers, the header announces {}", lines.place(), numbers,
-                                 summary.dimensions));
-    }
+    if (more) require_row_of(*header, input, lines, line);
   }
 
   EmbeddingFile output(options.output, header
@@ -259,7 +279,7 @@ ConvertSummary convert_text_vectors(const ConvertOptions& options) {
                                  lines.place(), header->words));
     }
     ++rows;
-    read_row(fields, lines.place(), row);
+    read_row(line, fields, lines.place(), row);
     if (!wanted(line, fields, options, listed, seen, summary)) continue;
     note_zero_row(fields.front(), row, summary);
     output.record(fields.front(), row);

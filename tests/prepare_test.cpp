@@ -1,0 +1,380 @@
+// The program's data side: tokens, corpora out of texts, embedding files out of text vectors.
+#include "prepare.hpp"
+
+#include <fmt/core.h>
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "run_error.hpp"
+#include "stop_words.hpp"
+#include "support/files.hpp"
+#include "talvik.hpp"
+#include "text_vectors.hpp"
+#include "tokenizer.hpp"
+
+namespace talvik::tool {
+namespace {
+
+using test::embedding_bytes;
+using test::read_file;
+using test::TempDir;
+using test::write_file;
+using Tokens = std::vector<std::string>;
+using WordSet = std::unordered_set<std::string>;
+
+// Message of the RunError that the code ends with, "" if it ends well.
+std::string error_of(const std::function<void()>& code) {
+  try {
+    code();
+  } catch (const RunError& error) {
+    return error.what();
+  }
+  return "";
+}
+
+Tokens tokens_of(std::string_view text, const TokenRules& rules = {}) {
+  long long replaced = 0;
+  return tokenize(text, rules, replaced);
+}
+
+// Names of everything below a directory, sorted.
+std::set<std::string> names_in(const std::filesystem::path& root) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+    names.insert(entry.path().lexically_relative(root).string());
+  }
+  return names;
+}
+
+TEST(Tokenizer, LowersWordsAndDropsWhatHasNoLetter) {
+  EXPECT_EQ(tokens_of("The (Cat), 42 B2B\t1990s\nsat.  --\r\nEnd_of"),
+            (Tokens{"the", "cat", "b2b", "1990s", "sat", "end", "of"}));
+  EXPECT_EQ(tokens_of(""), Tokens{});
+  EXPECT_EQ(tokens_of(std::string_view("a\0b", 3)), (Tokens{"a", "b"}));
+}
+
+TEST(Tokenizer, CutsAtTheApostropheInsideAWordOnly) {
+  EXPECT_EQ(tokens_of("'nation's' don\u2019t rock'n'roll o'neill-smith dogs' x"),
+            (Tokens{"nation", "don", "rock", "o", "smith", "dogs", "x"}));
+}
+
+TEST(Tokenizer, KeepsACompoundThatTheVocabularyHas) {
+  const WordSet vocabulary = {"well-known", "mid-1990s", "pre"};
+  TokenRules rules;
+  rules.vocabulary = &vocabulary;
+  const std::string text = "Well-Known mid-1990s pre-war - no--where end- 1990-91";
+  EXPECT_EQ(tokens_of(text, rules),
+            (Tokens{"well-known", "mid-1990s", "pre", "war", "no", "where", "end"}));
+  EXPECT_EQ(tokens_of(text),
+            (Tokens{"well", "known", "mid", "1990s", "pre", "war", "no", "where", "end"}));
+}
+
+TEST(Tokenizer, FoldsCaseAndComposesBeyondAscii) {
+  EXPECT_EQ(tokens_of("\u00C9COLE e\u0301cole STRASSE Stra\u00DFe \u0416\u0423\u041A \u4E16\u754C"),
+            (Tokens{"\u00E9cole", "\u00E9cole", "strasse", "stra\u00DFe", "\u0436\u0443\u043A",
+                    "\u4E16\u754C"}));
+  EXPECT_EQ(tokens_of("co\u00ADoperate"), Tokens{"cooperate"});  // soft hyphen
+  TokenRules keep;
+  keep.keep_case = true;
+  EXPECT_EQ(tokens_of("Paris E\u0301cole", keep), (Tokens{"Paris", "\u00C9cole"}));
+}
+
+TEST(Tokenizer, CountsInvalidAndCutSequencesOnceEach) {
+  long long replaced = 0;
+  // Latin-1 e acute, an overlong slash, a lone continuation byte, a euro sign cut at the end.
+  EXPECT_EQ(tokenize("caf\xE9 a\xC0\xAF"
+                     "b \x80 end\xE2\x82",
+                     {}, replaced),
+            (Tokens{"caf", "a", "b", "end"}));
+  EXPECT_EQ(replaced, 4);
+  replaced = 0;
+  EXPECT_EQ(valid_utf8("ok \u20AC \xE2\x82", replaced), "ok \u20AC \uFFFD");
+  EXPECT_EQ(replaced, 1);
+}
+
+TEST(Tokenizer, MinimumLengthCountsCharacters) {
+  TokenRules rules;
+  rules.min_length = 3;
+  EXPECT_EQ(tokens_of("\u00E9\u00E9 \u00E9\u00E9\u00E9 ab abc", rules),
+            (Tokens{"\u00E9\u00E9\u00E9", "abc"}));
+}
+
+TEST(Tokenizer, TokensSurviveTheCorpusReader) {
+  const std::string text =
+      "Mr. O'Brien's \"well-known\" e.g. (co-op) \u2018quoted\u2019 semi;colon a:b x,y (((z";
+  std::string line;
+  VocabularyMap vocabulary;
+  for (const std::string& token : tokens_of(text)) {
+    line += (line.empty() ? "" : " ") + token;
+    vocabulary.emplace(token, static_cast<int>(vocabulary.size()));
+  }
+  Document document;
+  const int all = 1000, none_skipped = -1, sum_to_one = 1;
+  EXPECT_EQ(parse_single_doc(line, vocabulary, document, all, none_skipped, sum_to_one),
+            static_cast<int>(vocabulary.size()));
+}
+
+TEST(StopWords, MatchWhateverTheCase) {
+  const TempDir dir;
+  write_file(dir / "stop", "The\nisn't\n");
+  for (const bool keep_case : {false, true}) {
+    const WordSet own = stop_words_from(dir / "stop");
+    TokenRules rules;
+    rules.keep_case = keep_case;
+    rules.stop_words = &own;
+    EXPECT_EQ(tokens_of("THE cat isn't the", rules), Tokens{"cat"});
+  }
+  TokenRules english;
+  english.stop_words = &english_stop_words();
+  EXPECT_EQ(tokens_of("We don't think that the cat's asleep", english),
+            (Tokens{"think", "cat", "asleep"}));
+}
+
+class Prepare : public testing::Test {
+ protected:
+  PrepareOptions options(const std::string& input) {
+    PrepareOptions options;
+    options.input = dir_ / input;
+    options.output = dir_ / "out";
+    return options;
+  }
+  std::string error_for(const std::string& name, const std::string& content) {
+    write_file(dir_ / name, content);
+    const std::string error = error_of([&] { prepare_corpus(options(name)); });
+    // Nothing that could pass for a corpus, and nothing else either.
+    std::filesystem::remove(dir_ / name);
+    EXPECT_EQ(names_in(dir_.path()), std::set<std::string>{}) << error;
+    return error;
+  }
+  const TempDir dir_;
+};
+
+TEST_F(Prepare, TreeIsReadInTheOrderOfItsPaths) {
+  write_file(dir_ / "in/b/x.txt", "Second class");
+  write_file(dir_ / "in/a/deep/er.txt", "One\ntwo");
+  write_file(dir_ / "in/a/later", "...");
+  write_file(dir_ / "in/a-b/z", "Third");
+  write_file(dir_ / "in/README", "no class");
+  write_file(dir_ / "in/.git/config", "hidden");
+  const PrepareSummary summary = prepare_corpus(options("in"));
+  EXPECT_EQ(names_in(dir_ / "out"),
+            (std::set<std::string>{"a", "a/1", "a-b", "a-b/3", "b", "b/4", "documents.tsv"}));
+  EXPECT_EQ(read_file(dir_ / "out/a/1"), "one two");
+  EXPECT_EQ(read_file(dir_ / "out/documents.tsv"),
+            "id\tsource\tclass\ttokens_in\ttokens_out\n"
+            "1\ta/deep/er.txt\ta\t2\t-\n2\ta/later\ta\t0\t-\n3\ta-b/z\ta-b\t1\t-\n"
+            "4\tb/x.txt\tb\t2\t-\n");
+  EXPECT_EQ(summary.documents, 4);
+  EXPECT_EQ(summary.classes, 3);
+  EXPECT_EQ(summary.empty, 1);
+  EXPECT_EQ(summary.classless, 1);
+}
+
+TEST_F(Prepare, LinesWithLabelsAndTheVocabulary) {
+  write_file(dir_ / "vectors", embedding_bytes({{"cat", {1, 2}}, {"dog", {0, 0}}}));
+  write_file(dir_ / "in.tsv", "pets\tThe cat\tand dog\r\n\nwild\tbear\npets\tdog\npets\tcat\n");
+  PrepareOptions wanted = options("in.tsv");
+  wanted.embeddings = dir_ / "vectors";
+  wanted.stop_words = "english";
+  wanted.limit = 2;
+  wanted.first_id = 11;
+  wanted.output += "/";
+  const PrepareSummary summary = prepare_corpus(wanted);
+  EXPECT_EQ(read_file(dir_ / "out/documents.tsv"),
+            "id\tsource\tclass\ttokens_in\ttokens_out\n"
+            "11\tin.tsv:1\tpets\t2\t0\n12\tin.tsv:3\twild\t0\t1\n13\tin.tsv:4\tpets\t1\t0\n");
+  EXPECT_EQ(read_file(dir_ / "out/pets/11"), "cat dog");
+  EXPECT_EQ(read_file(dir_ / "out/wild/12"), "bear");  // the reader drops it, the list shows it
+  EXPECT_EQ(summary.tokens_in, 3);
+  EXPECT_EQ(summary.tokens_out, 1);
+  EXPECT_EQ(summary.unknown, 1);
+  EXPECT_EQ(summary.over_limit, 1);
+}
+
+TEST_F(Prepare, JsonLinesGiveTheirOwnIds) {
+  write_file(dir_ / "in.jsonl",
+             "{\"id\":\"a\\tb\",\"label\":\"x\",\"text\":\"caf\xE9 One\\u00e9\"}\n"
+             "{\"label\":7,\"text\":\"two\"}\n");
+  const PrepareSummary summary = prepare_corpus(options("in.jsonl"));
+  EXPECT_EQ(read_file(dir_ / "out/documents.tsv"),
+            "id\tsource\tclass\ttokens_in\ttokens_out\n1\ta b\tx\t2\t-\n2\tin.jsonl:2\t7\t1\t-\n");
+  EXPECT_EQ(read_file(dir_ / "out/x/1"), "caf one\u00E9");
+  EXPECT_EQ(summary.replaced, 1);
+}
+
+TEST_F(Prepare, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
+  const std::string tsv = dir_ / "in.tsv", jsonl = dir_ / "in.jsonl";
+  EXPECT_EQ(error_for("in.tsv", "a\tone\nno tab\n"), tsv + ":2: no tab between label and text");
+  EXPECT_EQ(error_for("in.tsv", "a\tone\n../b\ttwo\n"),
+            tsv + ":2: the class name \"../b\" holds a path separator");
+  EXPECT_EQ(error_for("in.tsv", "..\ttwo\n"),
+            tsv + ":1: the class name \"..\" cannot name a directory");
+  EXPECT_EQ(error_for("in.tsv", " \t\n\ttwo\n"), tsv + ":2: the class name \"\" is empty");
+  EXPECT_EQ(error_for("in.tsv", std::string("\0\1\t", 3)),
+            tsv + ":1: the class name holds a control character");
+  EXPECT_EQ(error_for("in.tsv", std::string(256, 'x') + "\t"),
+            tsv + ":1: the class name is longer than 255 bytes");
+  EXPECT_EQ(error_for("in.tsv", ""), tsv + ": holds no documents");
+  EXPECT_EQ(error_for("in.tsv", "a\t123 ...\n"), tsv + ": no document has a token");
+  EXPECT_EQ(error_for("in.jsonl", "{\"label\":\"a\",\"text\":\"b\"}\n{\"label\":\n"),
+            jsonl + ":2: no valid JSON at byte 10");
+  EXPECT_EQ(error_for("in.jsonl", "[]\n"), jsonl + ":1: not a JSON object");
+  EXPECT_EQ(error_for("in.jsonl", "{\"label\":\"a\"}\n"), jsonl + ":1: no \"text\"");
+  EXPECT_EQ(error_for("in.jsonl", "{\"label\":[1],\"text\":\"b\"}\n"),
+            jsonl + ":1: \"label\" is neither a text nor a whole number");
+  EXPECT_EQ(error_of([&] { prepare_corpus(options("missing")); }),
+            dir_ / "missing" + ": No such file or directory");
+}
+
+TEST_F(Prepare, ANameAloneIsAnOutputInTheWorkingDirectory) {
+  write_file(dir_ / "in.tsv", "a\tone\n");
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(dir_.path());
+  PrepareOptions here;
+  here.input = "in.tsv";
+  here.output = "out";
+  EXPECT_EQ(error_of([&] { prepare_corpus(here); }), "");
+  std::filesystem::current_path(before);
+  EXPECT_EQ(names_in(dir_ / "out"), (std::set<std::string>{"a", "a/1", "documents.tsv"}));
+}
+
+TEST_F(Prepare, AnOutputThatHoldsSomethingStaysAsItIs) {
+  write_file(dir_ / "in.tsv", "a\tone\n");
+  write_file(dir_ / "out/precious", "kept");
+  EXPECT_EQ(error_of([&] { prepare_corpus(options("in.tsv")); }),
+            dir_ / "out" + ": is not empty; remove it or name another directory");
+  EXPECT_EQ(names_in(dir_.path()), (std::set<std::string>{"in.tsv", "out", "out/precious"}));
+}
+
+class Convert : public testing::Test {
+ protected:
+  ConvertSummary convert(const std::string& text, VectorFormat format = VectorFormat::automatic,
+                         const std::string& words = "") {
+    write_file(dir_ / "in", text);
+    ConvertOptions options{dir_ / "in", dir_ / "out", format, ""};
+    if (!words.empty()) {
+      write_file(dir_ / "words", words);
+      options.words = dir_ / "words";
+    }
+    return convert_text_vectors(options);
+  }
+  std::string output() { return read_file(dir_ / "out"); }
+  // The message without the input's path.
+  std::string error_for(const std::string& text, VectorFormat format = VectorFormat::automatic) {
+    const std::string error = error_of([&] { convert(text, format); });
+    EXPECT_EQ(names_in(dir_.path()), std::set<std::string>{"in"}) << error;
+    const std::string path = dir_ / "in";
+    EXPECT_EQ(error.substr(0, path.size()), path);
+    return error.substr(std::min(path.size(), error.size()));
+  }
+  const TempDir dir_;
+};
+
+TEST_F(Convert, AllThreeTextFormsGiveTheSameRecords) {
+  const std::string expected = embedding_bytes({{"caf\u00E9", {1, -0.5}}, {"b", {1e-3f, 2}}});
+  convert("2 2\ncaf\u00E9 1 -0.5\nb 1e-3 +2\n");  // word2vec
+  EXPECT_EQ(output(), expected);
+  convert("2 2 \r\ncaf\u00E9 1 -0.5 \r\nb 1e-3 2 \r\n\r\n", VectorFormat::with_header);  // fastText
+  EXPECT_EQ(output(), expected);
+  convert(
+      "caf\u00E9\t1 -0.5\nb 1e-3 2");  // GloVe; the count is not known when the header is written
+  EXPECT_EQ(output(), std::string(9, ' ') + expected);
+}
+
+TEST_F(Convert, TheLibraryReadsWhatItWrites) {
+  convert("the 3 0 4\ncat 0 0 2\nthe 9 9 9\n");
+  VocabularyMap vocabulary;
+  float* vectors = nullptr;
+  long long vec_size = 0, voc_size = 0;
+  const bool write_vocabulary = false;
+  ASSERT_TRUE(parse_embedding_file((dir_ / "out").c_str(), write_vocabulary, nullptr, vocabulary,
+                                   &vectors, vec_size, voc_size));
+  EXPECT_EQ(vocabulary, (VocabularyMap{{"the", 0}, {"cat", 1}}));
+  EXPECT_EQ(std::vector<float>(vectors, vectors + voc_size * vec_size),
+            (std::vector<float>{0.6f, 0, 0.8f, 0, 0, 1}));
+  delete[] vectors;
+  EXPECT_EQ(read_embedding_words(dir_ / "out"), (WordSet{"the", "cat"}));
+}
+
+TEST_F(Convert, LeavesOutWhatCannotBeStoredAndCountsIt) {
+  const ConvertSummary summary =
+      convert("5 2\na 1 2\na 3 4\nnew york 5 6\n 7 8\nb 0 -0\n", VectorFormat::with_header);
+  EXPECT_EQ(output(), embedding_bytes({{"a", {1, 2}}, {"b", {0, -0.0f}}}));
+  EXPECT_EQ(summary.words, 2);
+  EXPECT_EQ(summary.duplicates, 1);
+  EXPECT_EQ(summary.with_space, 2);
+  EXPECT_EQ(summary.zero_rows, 1);
+  EXPECT_EQ(summary.zero_words, Tokens{"b"});
+}
+
+TEST_F(Convert, KeepsOnlyListedWords) {
+  const ConvertSummary summary =
+      convert("a 1\nb 2\nc 3\n", VectorFormat::without_header, "c\r\na\nmissing\n");
+  EXPECT_EQ(output(), std::string(9, ' ') + embedding_bytes({{"a", {1}}, {"c", {3}}}));
+  EXPECT_EQ(summary.not_listed, 1);
+  EXPECT_EQ(summary.listed_not_found, 1);
+}
+
+TEST_F(Convert, ReadsCompressedInputAndNoticesItsEnd) {
+  std::string text = "20000 1\n";
+  for (int i = 0; i < 20000; ++i) text += fmt::format("w{} {}\n", i, i);
+  const gzFile file = gzopen((dir_ / "gz").c_str(), "wb");
+  gzwrite(file, text.data(), static_cast<unsigned>(text.size()));
+  gzclose(file);
+  EXPECT_EQ(convert(read_file(dir_ / "gz")).words, 20000);
+  std::filesystem::remove(dir_ / "gz");
+  std::filesystem::remove(dir_ / "out");
+  const std::string whole = read_file(dir_ / "in");
+  EXPECT_EQ(error_for(whole.substr(0, whole.size() / 2)).substr(0, 17), ": cannot be read:");
+}
+
+TEST_F(Convert, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
+  EXPECT_EQ(error_for(""), ": is empty");
+  EXPECT_EQ(error_for("3 2\na 1 2\nb 3 4\n"), ": the header announces 3 words, the file holds 2");
+  EXPECT_EQ(error_for("1 2\na 1 2\nb 3 4\n"),
+            ":3: a row more than the 1 that the header announces");
+  EXPECT_EQ(error_for("2 2\na 1 2\nb 3\n"), ":3: 1 numbers, 2 were expected");
+  EXPECT_EQ(error_for("2 999999999999\na 1 2\n"),
+            ":2: 2 numbers, the header announces 999999999999");
+  EXPECT_EQ(error_for("a 1 2\nb 3 4 5\n"), ":2: more than 2 numbers");
+  EXPECT_EQ(error_for("a 1 2\nb 3 4x\n"), ":2: \"4x\" is not a number");
+  EXPECT_EQ(error_for("a 1 2\nb nan 4\n"), ":2: \"nan\" is not a finite 32-bit number");
+  EXPECT_EQ(error_for("a 1 2\nb 1e39 4\n"), ":2: \"1e39\" is not a finite 32-bit number");
+  EXPECT_EQ(error_for("a 1 2\n\nb 1 4\n"), ":2: an empty line");
+  EXPECT_EQ(error_for("no numbers here\n"), ":1: no word followed by numbers");
+  EXPECT_EQ(error_for("a 1 2\n", VectorFormat::with_header).substr(0, 15), ":1: no header o");
+  EXPECT_EQ(error_for(embedding_bytes({{"a", {0.1f, 2e-5f}}, {"b", {3, 4}}})),
+            ": is an embedding file already (2 words, 2 dimensions)");
+}
+
+TEST_F(Convert, AnEarlierOutputSurvivesAFailure) {
+  convert("a 1\n");
+  const std::string before = output();
+  EXPECT_NE(error_of([&] { convert("a 1\nb x\n"); }), "");
+  EXPECT_EQ(output(), before);
+  ConvertOptions onto_itself{dir_ / "in", dir_ / "in", VectorFormat::automatic, ""};
+  EXPECT_EQ(error_of([&] { convert_text_vectors(onto_itself); }),
+            dir_ / "in" + ": is both input and output");
+}
+
+TEST_F(Convert, AVocabularyThatIsCutOrTooLargeIsRefused) {
+  const std::string bytes = embedding_bytes({{"a", {1, 2}}, {"b", {3, 4}}});
+  write_file(dir_ / "v", bytes.substr(0, bytes.size() - 4));
+  EXPECT_EQ(error_of([&] { read_embedding_words(dir_ / "v"); }),
+            dir_ / "v" + ": ends within record 2 of the 2 that it announces");
+  write_file(dir_ / "v", "4000000000000000000 4000000000000000000\n");
+  EXPECT_NE(error_of([&] { read_embedding_words(dir_ / "v"); }).find("more than its 40 bytes"),
+            std::string::npos);
+  write_file(dir_ / "v", "text");
+  EXPECT_NE(error_of([&] { read_embedding_words(dir_ / "v"); }).find("no embedding file"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace talvik::tool
