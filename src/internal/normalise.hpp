@@ -20,13 +20,18 @@ double sum_of(Items& items) {
 }
 
 template <class Items>
-double euclidean_length(Items& items) {
+double squared_norm(Items& items) {
   double sum = 0;
   for (auto& item : items) {
     const float square = value_of(item) * value_of(item);  // float product, double sum
     sum += square;
   }
-  return std::sqrt(sum);
+  return sum;
+}
+
+template <class Items>
+double euclidean_length(Items& items) {
+  return std::sqrt(squared_norm(items));
 }
 
 /// Every value becomes value * scale / measure.  A measure of zero leaves the values alone: there

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "internal/failure.hpp"
@@ -130,6 +131,8 @@ void merge_topk(int num_queries, int n, int k, float* dist, int* ind_out, float*
 void sort_cpu_parallel(int num_queries, int n, int k, float* dist, int* ind_out, float* val_out) {
   internal::merge_topk(num_queries, n, k, dist, ind_out, val_out, internal::gather_budget_entries);
 }
+
+bool isSmaller(std::pair<double, int> a, std::pair<double, int> b) { return a.first < b.first; }
 
 float compute_kth_parallel(int k, float* vals) {
   if (k < 1) internal::fail("compute_kth_parallel: k is " + std::to_string(k) + ", not at least 1");

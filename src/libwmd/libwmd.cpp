@@ -1,8 +1,10 @@
 // CPU engine: its private copies of the data, and the exported functions over them.  The work on
 // plain pointers and counts is done in src/internal; nothing else names the state below.
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <new>
+#include <span>
 #include <string>
 #include <tuple>  // tie
 #include <utility>
@@ -10,10 +12,10 @@
 
 #include "internal/distance_block.hpp"
 #include "internal/distinct_rows.hpp"
-#include "internal/embedding_rows.hpp"
 #include "internal/engine_sizes.hpp"
 #include "internal/failure.hpp"
 #include "internal/ground_distances.hpp"
+#include "internal/normalise.hpp"
 #include "internal/partition.hpp"
 #include "internal/select_smallest.hpp"
 #include "internal/word_distance.hpp"
@@ -82,9 +84,9 @@ void norm_and_normalise(float* rows, int num_rows, int m, float* norms) {
   const bool normalise = normalize_embeddings;
   internal::for_each_block(num_cpu_threads, num_rows, [&](int first, int last, int) {
     for (int r = first; r < last; ++r) {
-      float* row = rows + elements(r, std::max(m, 0));
-      norms[r] = internal::squared_norm(row, m);
-      if (normalise) internal::normalise_row(row, m, norms[r]);
+      const std::span<float> row(rows + elements(r, m), static_cast<std::size_t>(m));
+      norms[r] = static_cast<float>(internal::squared_norm(row));
+      if (normalise) internal::rescale(row, 1.0, std::sqrt(static_cast<double>(norms[r])));
     }
   });
 }

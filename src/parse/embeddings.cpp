@@ -80,9 +80,13 @@ std::vector<Record> find_records(std::string_view text, const Header& header) {
   return records;
 }
 
-/// An uninitialised matrix.  Without the memory for it the process ends.
+/// An uninitialised matrix: until a row is written, it takes no memory.  If it cannot be had, the
+/// process ends.
 std::unique_ptr<float[]> allocate_vectors(const Header& header) {
-  const long long floats = header.voc_size * header.vec_size;
+  long long floats = 0;
+  if (__builtin_mul_overflow(header.voc_size, header.vec_size, &floats)) {
+    throw std::bad_array_new_length();
+  }
   std::unique_ptr<float[]> vectors(new (std::nothrow) float[static_cast<size_t>(floats)]);
   if (!vectors) {
     std::cout << "Failed to load the embedding vectors into a memory buffer (size: " << floats
@@ -121,8 +125,8 @@ bool parse_embedding_file(const char* path, bool write_vocabulary, const char* v
     report_bad_file(path, "it does not begin with two counts");
     return false;
   }
-  // All records are found before anything is stored, so that a short file changes nothing, and
-  // before the matrix is allocated, so that its size is backed by bytes of the file.
+  std::unique_ptr<float[]> matrix = allocate_vectors(*header);
+  // All records are found before anything is stored, so that a short file changes nothing.
   const std::vector<Record> records = find_records(text, *header);
   const auto found = static_cast<long long>(records.size());
   if (found < header->voc_size) {
@@ -132,7 +136,6 @@ bool parse_embedding_file(const char* path, bool write_vocabulary, const char* v
     return false;
   }
 
-  std::unique_ptr<float[]> matrix = allocate_vectors(*header);
   const auto row_floats = static_cast<size_t>(header->vec_size);
   for (size_t i = 0; i < records.size(); ++i) {
     copy_unit_vector(records[i].values, {matrix.get() + i * row_floats, row_floats});

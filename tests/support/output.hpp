@@ -12,7 +12,12 @@ namespace talvik::test {
 template <class Code>
 std::string printed_by(const Code& code) {
   testing::internal::CaptureStdout();
-  code();
+  try {
+    code();
+  } catch (...) {
+    testing::internal::GetCapturedStdout();
+    throw;
+  }
   return testing::internal::GetCapturedStdout();
 }
 

@@ -1,0 +1,187 @@
+// The steps of a run.
+#include "execute.hpp"
+
+#include <fmt/core.h>
+#include <unistd.h>  // isatty
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "agreement.hpp"
+#include "memory_plan.hpp"
+#include "output_file.hpp"
+#include "query_run.hpp"
+#include "report.hpp"
+#include "result_writer.hpp"
+#include "run_error.hpp"
+
+namespace talvik::tool {
+namespace {
+
+/// Files that a process writes, made before the run so that a run cannot fail for them at its end.
+struct Outputs {
+  std::unique_ptr<OutputFile> results;  // process 0
+  std::unique_ptr<OutputFile> matrix;   // process 0
+  std::unique_ptr<OutputFile> shard;    // every process
+  std::unique_ptr<RemovedAtEnd> committed_shard;
+  std::unique_ptr<RemovedAtEnd> library_file;
+};
+
+std::string library_file_name(const RunOptions& options) { return options.out + ".lists"; }
+
+std::string shard_name(const RunOptions& options, int process) {
+  return fmt::format("{}.{}", options.matrix, process);
+}
+
+Outputs open_outputs(const RunOptions& options, Mode mode) {
+  Outputs outputs;
+  const bool want_matrix = !options.matrix.empty();
+  together([&] {
+    if (myid == 0) outputs.results = std::make_unique<OutputFile>(options.out);
+    if (myid == 0 && want_matrix) outputs.matrix = std::make_unique<OutputFile>(options.matrix);
+    if (want_matrix) outputs.shard = std::make_unique<OutputFile>(shard_name(options, myid));
+    const std::string own = own_library_file(mode, want_matrix, library_file_name(options));
+    if (!own.empty()) {
+      require_creatable(own);
+      outputs.library_file = std::make_unique<RemovedAtEnd>(own);
+    }
+  });
+  return outputs;
+}
+
+void apply_settings(const RunOptions& options) {
+  num_cpu_threads = options.threads > 0 ? options.threads : default_threads(num_local_procs);
+  use_cosine = options.metric == "cosine";
+  normalize_embeddings = options.normalise || use_cosine;  // 1 - dot is made for unit vectors
+}
+
+/// @return neighbours per query that can be given
+int neighbours_to_find(const Problem& problem, int asked) {
+  const auto resident = static_cast<int>(problem.resident.docs.size());
+  if (!problem.self_run()) return std::min(asked, resident);
+  if (resident < 2) throw RunError("a self run needs two documents, the collection has one");
+  return std::min(asked, resident - 1);
+}
+
+RunFacts plan_run(const Problem& problem, const RunOptions& options, Mode mode) {
+  RunFacts facts;
+  facts.k = neighbours_to_find(problem, options.k);
+  facts.used_words = count_used_words(problem);
+  facts.threads = num_cpu_threads;
+
+  const auto resident = static_cast<long long>(problem.resident.docs.size());
+  const auto queries = static_cast<long long>(problem.queries.docs.size());
+  RunShape shape;
+  shape.embedding_floats = static_cast<long long>(problem.voc_size) * problem.vec_size;
+  shape.entries = problem.resident.entries + problem.queries.entries;
+  shape.list_entries = queries * (facts.k + 1);
+  shape.batch_entries = std::max(problem.resident.entries, problem.queries.entries);
+  shape.vec_size = problem.vec_size;
+  shape.used_words = facts.used_words;
+  if (splits_queries(mode)) {
+    shape.matrix_rows = largest_group(problem.queries);
+    shape.matrix_cols = resident;
+  } else if (!options.matrix.empty()) {
+    shape.matrix_rows = largest_group(problem.resident);
+    shape.matrix_cols = queries;
+  }
+  if (mode == Mode::ground) shape.ground_words = facts.used_words;
+  facts.plan = plan_memory(shape);
+
+  constexpr double default_share = 0.8;
+  facts.budget_bytes = options.memory_limit_gib > 0 ? options.memory_limit_gib * gib
+                                                    : default_share * machine_memory_bytes();
+  const std::string refusal = over_budget(facts.plan, num_local_procs, facts.budget_bytes);
+  if (!refusal.empty()) throw RunError(refusal);
+  return facts;
+}
+
+/// Every process writes its part, then process 0 puts them together.
+void write_matrix(const RunOptions& options, Mode mode, const RunOutcome& outcome,
+                  const Problem& problem, Outputs& outputs) {
+  together([&] {
+    const auto write = splits_queries(mode) ? write_npy : write_npy_transposed;
+    write(*outputs.shard, outcome.matrix.get(), outcome.matrix_rows, outcome.matrix_cols);
+    outputs.shard->commit();
+    outputs.committed_shard = std::make_unique<RemovedAtEnd>(shard_name(options, myid));
+  });
+  together([&] {
+    if (myid != 0) return;
+    const auto resident = static_cast<long long>(problem.resident.docs.size());
+    const auto queries = static_cast<long long>(problem.queries.docs.size());
+    std::vector<Shard> shards;
+    for (int p = 0; p < num_procs; ++p) {
+      const long long length = grp_length[p];
+      shards.push_back({shard_name(options, p), splits_queries(mode) ? length : queries,
+                        splits_queries(mode) ? resident : length});
+    }
+    merge_npy(*outputs.matrix, shards,
+              splits_queries(mode) ? Join::one_below_the_other : Join::side_by_side);
+    outputs.matrix->commit();
+  });
+  outputs.committed_shard->keep = options.keep_shards;
+}
+
+void write_lists(const RunOptions& options, const Problem& problem, const NeighbourLists& lists,
+                 Outputs& outputs) {
+  together([&] {
+    if (myid != 0) return;
+    DocumentNames names;
+    if (options.by == "id") names = {&problem.queries.ids, &problem.resident.ids};
+    write_results(lists, problem.self_run(), format_of(options.format), names,
+                  [&](const std::string& text) { outputs.results->write(text); });
+    outputs.results->commit();
+  });
+}
+
+void run(const RunOptions& options, const std::function<Problem()>& load) {
+  const Mode mode = mode_of(options.mode);
+  const bool want_matrix = !options.matrix.empty();
+  apply_settings(options);
+  Outputs outputs = open_outputs(options, mode);
+  Problem problem;
+  RunFacts facts;
+  together([&] { problem = load(); });
+  together([&] { facts = plan_run(problem, options, mode); });
+  report_before(problem, options, facts);
+
+  const int k = facts.k + (problem.self_run() ? 1 : 0);  // room for the query itself
+  const bool show_progress = myid == 0 && isatty(STDERR_FILENO) != 0;
+  RunOutcome outcome = run_queries(problem, mode, k, options.delta, want_matrix,
+                                   library_file_name(options), show_progress);
+  if (problem.self_run()) put_self_first(outcome.lists, problem.self_of_query);
+  if (want_matrix) write_matrix(options, mode, outcome, problem, outputs);
+  write_lists(options, problem, outcome.lists, outputs);
+  report_after(problem, outcome.lists, problem.self_run(), outcome.seconds);
+}
+
+}  // namespace
+
+int execute(const RunOptions& options, const std::function<Problem()>& load) {
+  init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
+  int status = status_ok;
+  try {
+    run(options, load);
+  } catch (const RunError& error) {  // the same on every process
+    if (myid == 0) fmt::print(stderr, "talvik: {}\n", error.what());
+    status = status_failed;
+  } catch (const std::exception& error) {
+    // Out of step with the other processes, which may wait for this one: ending without MPI's own
+    // end makes the launcher end them too.
+    fmt::print(stderr, "talvik: process {}: {}\n", myid, error.what());
+    std::_Exit(status_failed);
+  }
+  finalize_mpi();
+  return status;
+}
+
+bool is_first_process() {
+  const char* rank = std::getenv("OMPI_COMM_WORLD_RANK");
+  return !rank || std::string_view(rank) == "0";
+}
+
+}  // namespace talvik::tool

@@ -1,0 +1,177 @@
+// Reads a corpus with the library's readers of single files and texts.  parse_docs_20 would do it
+// in one call, but numbers the classes in the file system's order, which may differ between
+// machines and between the two collections.
+#include "load_corpus.hpp"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <map>
+#include <string_view>
+#include <tuple>
+
+#include "input_checks.hpp"
+#include "internal/tokens.hpp"
+#include "run_error.hpp"
+
+namespace talvik::tool {
+namespace {
+
+constexpr int weights_sum_to_one = 1;
+
+// "root/A//B/" below "root" is the class "A/B".
+std::string class_below(const std::string& root, const std::string& dir) {
+  std::string name;
+  for (const char c : std::string_view(dir).substr(std::min(root.size(), dir.size()))) {
+    if (c != '/' || (!name.empty() && name.back() != '/')) name.push_back(c);
+  }
+  while (!name.empty() && name.back() == '/') name.pop_back();
+  return name;
+}
+
+unsigned long id_of(const std::string& path, const std::string& name) {
+  unsigned long id = 0;
+  const char* end = name.data() + name.size();
+  const auto [stopped, error] = std::from_chars(name.data(), end, id);
+  if (error == std::errc::result_out_of_range) {
+    throw RunError(path + ": the file's name is a number of more than 64 bits");
+  }
+  if (error != std::errc() || stopped != end) {
+    throw RunError(path + ": the file's name is not a decimal number");
+  }
+  return id;
+}
+
+void count_words(const std::string& text, const VocabularyMap& voc, Collection& collection) {
+  std::string word;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find(' ', at), text.size());
+    if (end > at) {
+      word = internal::clean_token(std::string_view(text).substr(at, end - at));
+      ++collection.words_read;
+      if (voc.find(word) == voc.end()) ++collection.words_unknown;
+    }
+    at = end + 1;
+  }
+}
+
+Collection read_collection(const std::string& root, const std::vector<CorpusFile>& files, int limit,
+                           const CorpusOptions& options, VocabularyMap& voc,
+                           const std::map<std::string, unsigned long>& class_numbers) {
+  Collection collection;
+  for (const int number : choose_spread(static_cast<int>(files.size()), limit)) {
+    const CorpusFile& file = files[static_cast<size_t>(number)];
+    std::string text;
+    // The size is asked for first, as the reader prints a line about an empty file.
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file.path, error);
+    const bool binary = false;
+    if (error || (size > 0 && ReadFileIntoString(file.path.c_str(), text, binary) <= 0)) {
+      throw RunError(file.path + ": cannot be read");
+    }
+    count_words(text, voc, collection);
+    Document doc;
+    const int words = parse_single_doc(std::move(text), voc, doc, options.max_words,
+                                       options.skip_index, weights_sum_to_one);
+    if (words <= 0) {
+      collection.dropped.push_back(file.path + (size == 0 ? ": empty" : ": no known word"));
+      continue;
+    }
+    collection.docs.push_back(std::move(doc));
+    collection.ids.push_back(file.id);
+    collection.classes.push_back(class_numbers.at(file.class_name));
+  }
+  if (collection.docs.empty()) {
+    throw RunError(fmt::format("{}: none of the {} documents holds a word of the vocabulary", root,
+                               files.size()));
+  }
+  finish_collection(collection, root);
+  return collection;
+}
+
+VocabularyMap read_embeddings(const std::string& path, Problem& problem) {
+  const EmbeddingFacts facts = check_embedding_file(path);
+  constexpr long long most = std::numeric_limits<int>::max();
+  if (facts.num_words > most) throw RunError(path + ": holds more words than one run can number");
+  if (facts.num_zero_rows > 0) {
+    std::string named;
+    for (const std::string& word : facts.zero_words) named += (named.empty() ? "" : ", ") + word;
+    problem.warnings.push_back(fmt::format(
+        "{}: {} word(s) with a zero vector: {}{}", path, facts.num_zero_rows, named,
+        facts.num_zero_rows > static_cast<long long>(facts.zero_words.size()) ? ", ..." : ""));
+  }
+  if (facts.trailing_bytes > 0) {
+    problem.warnings.push_back(
+        fmt::format("{}: {} bytes follow the last of {} records and are not read (a wrong header?)",
+                    path, facts.trailing_bytes, facts.num_words));
+  }
+
+  VocabularyMap voc;
+  float* vectors = nullptr;
+  long long vec_size = 0, voc_size = 0;
+  const bool write_vocabulary = false;
+  if (!parse_embedding_file(path.c_str(), write_vocabulary, nullptr, voc, &vectors, vec_size,
+                            voc_size)) {
+    throw RunError(path + ": cannot be read");
+  }
+  problem.embeddings.reset(vectors);
+  problem.voc_size = static_cast<int>(voc_size);
+  problem.vec_size = static_cast<int>(vec_size);
+  return voc;
+}
+
+}  // namespace
+
+std::vector<CorpusFile> list_corpus(const std::string& root_as_given) {
+  require_directory(root_as_given);
+  std::string root = root_as_given;
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+
+  std::vector<std::string> names, dirs;
+  if (!get_docs_20(root, names, dirs)) throw RunError(root + ": cannot be opened");
+  std::vector<CorpusFile> files;
+  for (size_t i = 0; i < names.size(); ++i) {
+    const std::string class_name = class_below(root, dirs[i]);
+    if (class_name.empty()) continue;
+    const std::string path = root + "/" + class_name + "/" + names[i];
+    files.push_back({class_name, names[i], path, id_of(path, names[i])});
+  }
+  if (files.empty()) {
+    throw RunError(root_as_given +
+                   ": holds no documents (DIR/CLASS/NUMBER was expected; talvik "
+                   "prepare makes such a tree)");
+  }
+  std::sort(files.begin(), files.end(), [](const CorpusFile& a, const CorpusFile& b) {
+    return std::tie(a.class_name, a.id, a.name) < std::tie(b.class_name, b.id, b.name);
+  });
+  return files;
+}
+
+Problem load_corpus(const CorpusOptions& options) {
+  const bool self_run = options.queries.empty();
+  const std::vector<CorpusFile> resident = list_corpus(options.resident);
+  const std::vector<CorpusFile> queries =
+      self_run ? std::vector<CorpusFile>() : list_corpus(options.queries);
+  std::map<std::string, unsigned long> class_numbers;
+  for (const auto* files : {&resident, &queries}) {
+    for (const CorpusFile& file : *files) class_numbers.emplace(file.class_name, 0);
+  }
+  unsigned long next = 0;
+  for (auto& [name, number] : class_numbers) number = next++;
+
+  Problem problem;
+  VocabularyMap voc = read_embeddings(options.embeddings, problem);
+  problem.resident = read_collection(options.resident, resident, options.limit_resident, options,
+                                     voc, class_numbers);
+  if (self_run) {
+    make_self_run(problem, options.limit_queries);
+  } else {
+    problem.queries = read_collection(options.queries, queries, options.limit_queries, options, voc,
+                                      class_numbers);
+  }
+  return problem;
+}
+
+}  // namespace talvik::tool

@@ -1,0 +1,59 @@
+// talvik: nearest documents by relaxed word mover's distance.  Exit status 0, 1 (a run failed) or 2
+// (usage).
+#include <unistd.h>  // sleep
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "commands.hpp"
+#include "execute.hpp"
+#include "run_error.hpp"
+
+namespace {
+
+using namespace talvik::tool;
+
+/// One line, as every failure of the program.
+std::string usage_line(const CLI::App*, const CLI::Error& error) {
+  return std::string("talvik: ") + error.what() + " (see talvik --help)\n";
+}
+
+/// What the command line asks for instead of a run: help, version, or its own correction.  Every
+/// process of a run gets here, before any has entered MPI.
+int answer(const CLI::App& app, const CLI::ParseError& error) {
+  const bool usage_error = error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success);
+  if (is_first_process()) {
+    app.exit(error);
+  } else if (usage_error) {
+    // The launcher ends all processes when the first one fails; that must not be before process 0
+    // has spoken.
+    constexpr unsigned longest_wait_seconds = 5;
+    sleep(longest_wait_seconds);
+  }
+  return usage_error ? status_usage : status_ok;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Nearest documents by relaxed word mover's distance", "talvik");
+  app.set_version_flag("--version", "talvik " TALVIK_VERSION);
+  app.require_subcommand(1);
+  app.failure_message(usage_line);
+  int status = status_ok;
+  add_corpus_command(app, status);
+  add_mnist_command(app, status);
+  add_convert_command(app, status);
+  add_prepare_command(app, status);
+
+  // These two are no parallel work: the first process does it.
+  const std::string_view command = argc > 1 ? argv[1] : "";
+  if (!is_first_process() && (command == "convert" || command == "prepare")) return status_ok;
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return answer(app, error);
+  }
+  return status;
+}

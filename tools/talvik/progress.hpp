@@ -1,0 +1,36 @@
+// Progress of a run on standard error: phase, share, rate, remaining time.
+#ifndef TALVIK_TOOL_PROGRESS_HPP
+#define TALVIK_TOOL_PROGRESS_HPP
+
+#include <string>
+
+#include "talvik.hpp"
+
+namespace talvik::tool {
+
+/// "second direction  25 %  1.2e+06 pairs/s  0:36 left".
+/// @param fraction  of the phase, above 0
+/// @param pairs     of the whole phase, all processes together
+std::string progress_line(const std::string& phase, double fraction, double pairs, double seconds);
+
+/// Shows a line that overwrites itself.  Assumes that all processes go on at the same rate.
+class Progress {
+ public:
+  /// @param shown  false: every call does nothing
+  Progress(bool shown, double pairs) : shown_(shown), pairs_(pairs) {}
+  void batch_done(const std::string& phase, const BatchResult& batch);
+  void clear();
+
+ private:
+  bool shown_;
+  double pairs_;
+  std::string phase_;
+  int first_query_ = 0;
+  double phase_began_ = When();
+  double last_shown_ = 0;
+  size_t width_ = 0;
+};
+
+}  // namespace talvik::tool
+
+#endif

@@ -1,0 +1,111 @@
+// Reports: short aligned lines; what is wrong goes to standard error.
+#include "report.hpp"
+
+#include <fmt/core.h>
+
+#include <cstdio>
+
+#include "majority_vote.hpp"
+#include "talvik.hpp"
+
+namespace talvik::tool {
+namespace {
+
+void print_dropped(const char* which, const Collection& collection) {
+  for (const std::string& document : collection.dropped) {
+    fmt::print("left out ({}): {}\n", which, document);
+  }
+}
+
+void print_row(const char* name, long long resident, long long queries, bool self_run) {
+  if (self_run) {
+    fmt::print("{:<20}{:>12}\n", name, resident);
+  } else {
+    fmt::print("{:<20}{:>12}{:>12}\n", name, resident, queries);
+  }
+}
+
+void print_warnings(const Problem& problem, const RunOptions& options) {
+  for (const std::string& warning : problem.warnings) {
+    fmt::print(stderr, "talvik: warning: {}\n", warning);
+  }
+  const int shared = count_shared_ids(problem.resident.ids);
+  if (options.by == "id" && shared > 0) {
+    fmt::print(stderr,
+               "talvik: warning: {} identifier(s) stand for several resident documents; --by index "
+               "tells them apart\n",
+               shared);
+  }
+}
+
+}  // namespace
+
+void report_before(const Problem& problem, const RunOptions& options, const RunFacts& facts) {
+  if (myid != 0) return;
+  const bool self = problem.self_run();
+  const Collection& resident = problem.resident;
+  const Collection& queries = problem.queries;
+  fmt::print("{:<20}{:>12}{:>12}\n", "", "resident", self ? "" : "queries");
+  print_row("documents", static_cast<long long>(resident.docs.size()),
+            static_cast<long long>(queries.docs.size()), self);
+  print_row("entries", resident.entries, queries.entries, self);
+  if (resident.words_read > 0) {
+    print_row("words", resident.words_read, queries.words_read, self);
+    print_row("out of vocabulary", resident.words_unknown, queries.words_unknown, self);
+  }
+  print_row("empty, left out", static_cast<long long>(resident.dropped.size()),
+            static_cast<long long>(queries.dropped.size()), self);
+  if (self) {
+    fmt::print("{:<20}{:>12}\n", "queries, of these", queries.docs.size());
+  }
+  fmt::print("vocabulary used     {:>12} of {} words, {} floats each\n", facts.used_words,
+             problem.voc_size, problem.vec_size);
+  fmt::print("neighbours          {:>12}{}\n", facts.k,
+             facts.k < options.k
+                 ? fmt::format(" ({} asked for, the collection has no more)", options.k)
+                 : "");
+  fmt::print("run                 {:>12}, delta {}, {}{}\n", options.mode, options.delta,
+             options.metric, normalize_embeddings ? ", normalised" : "");
+  fmt::print("processes           {:>12}, {} thread(s) each\n", num_procs, facts.threads);
+  fmt::print("memory planned      {:>12} per process, {} of {} on this machine\n",
+             in_gib(facts.plan.total_bytes), in_gib(facts.plan.total_bytes * num_local_procs),
+             in_gib(facts.budget_bytes));
+  if (options.verbose) {
+    print_dropped("resident", resident);
+    if (!self) print_dropped("queries", queries);
+  }
+  std::fflush(stdout);
+  print_warnings(problem, options);
+}
+
+void report_after(const Problem& problem, const NeighbourLists& lists, bool skip_first,
+                  double seconds) {
+  if (myid == 0) {
+    const double pairs = static_cast<double>(problem.queries.docs.size()) *
+                         static_cast<double>(problem.resident.docs.size());
+    fmt::print("seconds             {:>12.2f}\n", seconds);
+    fmt::print("pairs per second    {:>12.4g}\n", seconds > 0 ? pairs / seconds : 0.0);
+    std::fflush(stdout);
+  }
+  LabelList query_classes = problem.queries.classes;
+  LabelList resident_classes = problem.resident.classes;
+  cleanup_distribution_info();
+  load_balancing(problem.queries.docs, lists.num_queries,
+                 static_cast<int>(problem.queries.entries));
+  std::vector<int> rows = lists.neighbours;
+  const size_t own = static_cast<size_t>(grp_start[myid]) * static_cast<size_t>(lists.k);
+  const bool print_results = true;
+  evaluate_topk_precision(lists.num_queries, lists.k, rows.data() + own, query_classes.data(),
+                          resident_classes.data(), skip_first, print_results);
+  cleanup_distribution_info();
+  if (myid != 0) return;
+
+  const std::vector<int> sizes = vote_sizes(lists.k - (skip_first ? 1 : 0));
+  const std::vector<double> errors =
+      vote_errors(lists, sizes, skip_first, query_classes, resident_classes);
+  fmt::print("Classification error by majority vote\n");
+  for (size_t s = 0; s < sizes.size(); ++s) fmt::print("{} {:f}\n", sizes[s], errors[s]);
+  std::fflush(stdout);
+}
+
+}  // namespace talvik::tool

@@ -1,0 +1,63 @@
+// The shared options and their texts.
+#include "run_options.hpp"
+
+namespace talvik::tool {
+
+void add_run_options(CLI::App& command, RunOptions& options) {
+  command.add_option("--out", options.out, "Result file")->required()->type_name("FILE");
+  command
+      .add_option("--k", options.k, "Neighbours per query; above the collection its size counts")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  command
+      .add_option("--delta", options.delta,
+                  "Capacity steps: 0 sends every word whole to the nearest word, more are "
+                  "closer to the full transport distance")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  command
+      .add_option("--mode", options.mode,
+                  "two-way: the larger of both directions; ground: the same over word distances "
+                  "computed once; split, scale-out: one direction, resident or query "
+                  "collection spread over the processes")
+      ->check(CLI::IsMember({"two-way", "ground", "split", "scale-out"}))
+      ->capture_default_str();
+  command.add_option("--metric", options.metric, "Word distance; cosine implies --normalise")
+      ->check(CLI::IsMember({"euclidean", "cosine"}))
+      ->capture_default_str();
+  command.add_flag("--normalise,--normalize", options.normalise, "Word vectors to unit length");
+  command
+      .add_option("--threads", options.threads,
+                  "Threads per process (default: hardware threads over local processes)")
+      ->check(CLI::PositiveNumber);
+  command
+      .add_option("--limit-resident", options.limit_resident, "At most so many resident documents")
+      ->check(CLI::PositiveNumber);
+  command.add_option("--limit-queries", options.limit_queries, "At most so many queries")
+      ->check(CLI::PositiveNumber);
+  command
+      .add_option("--format", options.format,
+                  "library: \"query\", \"neighbour\", \"distance\"; tsv, jsonl: query, "
+                  "neighbour, rank, distance in nine significant digits")
+      ->check(CLI::IsMember({"library", "tsv", "jsonl"}))
+      ->capture_default_str();
+  command.add_option("--by", options.by, "Name documents by identifier or by number from 0")
+      ->check(CLI::IsMember({"id", "index"}))
+      ->capture_default_str();
+  auto* matrix = command
+                     .add_option("--matrix", options.matrix,
+                                 "Also write all distances: .npy, float32, queries x resident")
+                     ->type_name("FILE");
+  command
+      .add_flag("--keep-shards", options.keep_shards,
+                "Keep the part of the matrix that each process wrote, FILE.RANK")
+      ->needs(matrix);
+  command
+      .add_option("--memory-limit", options.memory_limit_gib,
+                  "GiB that the processes of a machine may plan for together (default: 80 % of "
+                  "its memory)")
+      ->check(CLI::PositiveNumber);
+  command.add_flag("--verbose", options.verbose, "List what was left out");
+}
+
+}  // namespace talvik::tool

@@ -1,0 +1,32 @@
+// Options that the commands corpus and mnist share.
+#ifndef TALVIK_TOOL_RUN_OPTIONS_HPP
+#define TALVIK_TOOL_RUN_OPTIONS_HPP
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+namespace talvik::tool {
+
+struct RunOptions {
+  int k = 10;
+  int delta = 0;
+  std::string mode = "two-way";
+  std::string metric = "euclidean";
+  bool normalise = false;
+  int threads = 0;         ///< 0: hardware threads over local processes
+  int limit_resident = 0;  ///< 0: all
+  int limit_queries = 0;   ///< 0: all
+  std::string out;
+  std::string format = "library";
+  std::string by = "id";
+  std::string matrix;  ///< empty: none
+  bool keep_shards = false;
+  double memory_limit_gib = 0;  ///< 0: a share of this machine's memory
+  bool verbose = false;
+};
+
+void add_run_options(CLI::App& command, RunOptions& options);
+
+}  // namespace talvik::tool
+
+#endif
