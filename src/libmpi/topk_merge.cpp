@@ -4,7 +4,6 @@
 #include <mpi.h>
 
 #include <algorithm>
-#include <cmath>
 #include <memory>
 #include <string>
 #include <utility>
@@ -13,6 +12,7 @@
 #include "internal/failure.hpp"
 #include "internal/partition.hpp"
 #include "internal/pipeline_sizes.hpp"
+#include "internal/select_smallest.hpp"
 #include "libmpi/abort_job.hpp"
 #include "talvik.hpp"
 
@@ -23,9 +23,6 @@ namespace {
 // Fills the slots of a list for which a process has no document.
 constexpr int filler_index = -1;
 constexpr float filler_distance = 1e6f;
-
-// Numbers ascending, NaN after all of them.
-bool ranks_before(float a, float b) { return a < b || (std::isnan(b) && !std::isnan(a)); }
 
 // The lists of this process with global document numbers, padded to k.
 void select_own_nearest(int num_queries, int n, int k, float* dist, int* ind_out, float* val_out) {
@@ -53,29 +50,30 @@ void select_own_nearest(int num_queries, int n, int k, float* dist, int* ind_out
 }
 
 // The gathered lists of one query: process p's starts at p*stride.
-struct Candidates {
+struct GatheredLists {
   const int* ind;
   const float* val;
   size_t stride;
 };
 
-// Merges the lists, each ascending with its fillers last, into the k nearest.  Of equal distances
-// the lower process comes first, and so the lower document number.  Where only fillers are left
-// the list gets fillers.
-void merge_query(const Candidates& lists, int k, int* next, int* ind_out, float* val_out) {
+// Merges the lists, each in the order of ranks_before with its fillers last, into the k nearest.
+// Where only fillers are left the list gets fillers.
+void merge_query(const GatheredLists& lists, int k, int* next, int* ind_out, float* val_out) {
   constexpr int none = -1;
   std::fill_n(next, num_procs, 0);
   for (int j = 0; j < k; ++j) {
-    int best = none;
-    size_t best_at = 0;
+    int from = none;
+    Candidate nearest{filler_distance, filler_index};
     for (int p = 0; p < num_procs; ++p) {
+      if (next[p] == k) continue;
       const size_t at = static_cast<size_t>(p) * lists.stride + static_cast<size_t>(next[p]);
-      if (next[p] == k || lists.ind[at] == filler_index) continue;
-      if (best == none || ranks_before(lists.val[at], lists.val[best_at])) best = p, best_at = at;
+      const Candidate candidate{lists.val[at], lists.ind[at]};
+      if (candidate.second == filler_index) continue;
+      if (from == none || ranks_before(candidate, nearest)) from = p, nearest = candidate;
     }
-    ind_out[j] = best == none ? filler_index : lists.ind[best_at];
-    val_out[j] = best == none ? filler_distance : lists.val[best_at];
-    if (best != none) ++next[best];
+    val_out[j] = nearest.first;
+    ind_out[j] = nearest.second;
+    if (from != none) ++next[from];
   }
 }
 
@@ -144,7 +142,8 @@ float compute_kth_parallel(int k, float* vals) {
   float kth = 0;
   if (myid == 0) {
     const auto place = candidates.begin() + (k - 1);
-    std::nth_element(candidates.begin(), place, candidates.end(), internal::ranks_before);
+    const auto smaller = [](float a, float b) { return internal::ranks_before({a, 0}, {b, 0}); };
+    std::nth_element(candidates.begin(), place, candidates.end(), smaller);
     kth = *place;
   }
   MPI_Bcast(&kth, 1, MPI_FLOAT, 0, MPI_COMM_WORLD);
