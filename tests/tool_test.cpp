@@ -203,7 +203,7 @@ TEST(EmbeddingCheck, CountsZeroRowsAndWhatFollowsTheLastRecord) {
   const std::string path = dir / "words.bin";
   std::vector<WordVector> records;
   for (int i = 0; i < 8; ++i)
-    records.push_back({"w" + std::to_string(i), {0, i < 7 ? 0.0f : 1.0f}});
+    records.push_back({std::string("w").append(std::to_string(i)), {0, i < 7 ? 0.0f : 1.0f}});
   write_file(path, embedding_bytes(records) + "more");
   const EmbeddingFacts facts = check_embedding_file(path);
   EXPECT_EQ(facts.num_words, 8);

@@ -1,0 +1,324 @@
+// The distance block of a query batch, tile by tile.
+#include "internal/distance_block.hpp"
+
+#include <Eigen/Core>
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "internal/blas_threads.hpp"
+#include "internal/nearest_entries.hpp"
+#include "internal/partition.hpp"
+#include "internal/pour.hpp"
+
+namespace talvik::internal {
+namespace {
+
+// Everything that stays the same while one group of query documents is computed.
+struct GroupTask {
+  const Vocabulary& vocabulary;
+  const ResidentCollection& resident;
+  const QueryBatch& batch;
+  const BlockRequest& request;
+  const DocumentGroup& group;
+  TilePlan plan;
+  int nearest, slots;
+  float* panels;
+  std::vector<float> stages;  // per thread, see stage_of
+};
+
+// Query documents [first, first + count) of the group and the vocabulary words whose tables are
+// held for them.
+struct Block {
+  int first_doc;
+  NearestTables tables;
+};
+
+int entries_of(const QueryBatch& batch, int doc) { return batch.start[doc + 1] - batch.start[doc]; }
+
+int nearest_of(const QueryBatch& batch, int doc, int steps, StepRule rule) {
+  if (rule == StepRule::single) return std::max(steps, 0) + 1;
+  return nearest_of_document(steps, entries_of(batch, doc));
+}
+
+// Every thread's part of the panels starts at a line of its own.
+long long panel_floats_of_thread(const TilePlan& plan, int rows) {
+  return 1ll * plan.panel_words * rows + line_floats;
+}
+
+float* line_start(float* p) {
+  constexpr std::uintptr_t line_bytes = line_floats * sizeof(float);
+  const auto address = reinterpret_cast<std::uintptr_t>(p);
+  return p + (line_bytes - address % line_bytes) % line_bytes / sizeof(float);
+}
+
+// A stage holds, for one chunk of documents and one panel of words, the nearest scores and then the
+// weights behind them: value of slot t, document j, word v at ((t*width) + j)*stage_stride + v.
+// The line that a stride has more than a panel keeps the documents from sharing cache sets.
+long long stage_stride(const TilePlan& plan) { return plan.panel_words + line_floats; }
+
+long long stage_floats(const TilePlan& plan, int slots) {
+  return 2ll * slots * plan.width * stage_stride(plan);
+}
+
+int largest_pass(const DistinctRows& distinct, const DocumentGroup& group) {
+  int rows = 0;
+  for (int p = group.first_pass; p < group.last_pass; ++p) {
+    const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
+    rows = std::max(rows, pass.last_row - pass.first_row);
+  }
+  return rows;
+}
+
+TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
+                    const BlockRequest& request, const DocumentGroup& group, int nearest) {
+  // Ground distances of an entry lie side by side: they are read where they are.
+  const bool in_place = request.source == DistanceSource::ground_of_entry;
+  return plan_tiles(request.budget, request.threads, vocabulary.voc_size,
+                    in_place ? 0 : largest_pass(*batch.distinct, group),
+                    group.last_doc - group.first_doc, nearest, nearest_slots(nearest));
+}
+
+// Scores of words [first_word, first_word + words) with the rows of a pass.
+void multiply(const Vocabulary& vocabulary, const float* rows, int num_rows, int first_word,
+              int words, float* scores, int stride) {
+  using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+  const Eigen::Index m = vocabulary.vec_size;
+  const Eigen::Map<const Rows> W(vocabulary.rows + first_word * m, words, m);
+  const Eigen::Map<const Eigen::MatrixXf> X(rows, m, num_rows);  // a row of ours is a column of it
+  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<>> Y(scores, words, num_rows,
+                                                         Eigen::OuterStride<>(stride));
+  Y.noalias() = W * X;
+}
+
+// The same from a ground-distance matrix, a line of words at a time.
+void gather(const GroupTask& task, const RowPass& pass, int first_word, int words, float* scores,
+            int stride) {
+  const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
+  for (int v = 0; v < words; v += line_floats) {
+    const int line = std::min(line_floats, words - v);
+    const float* ground = task.request.ground + static_cast<std::size_t>(first_word + v) * voc_size;
+    for (int r = pass.first_row; r < pass.last_row; ++r) {
+      const int entry = task.batch.distinct->entry_of_row[static_cast<std::size_t>(r)];
+      const float* column = ground + task.batch.ind[entry];
+      float* score = scores + static_cast<std::size_t>(r - pass.first_row) * stride + v;
+      for (int i = 0; i < line; ++i) score[i] = column[static_cast<std::size_t>(i) * voc_size];
+    }
+  }
+}
+
+Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int words,
+                 float* scores) {
+  const int stride = task.plan.panel_words;
+  const int padded = static_cast<int>(round_up(words, line_floats));
+  switch (task.request.source) {
+    case DistanceSource::ground_of_entry:
+      return {task.request.ground + first_word, static_cast<std::size_t>(task.vocabulary.voc_size),
+              words, 1, nullptr};
+    case DistanceSource::ground_of_word:
+      gather(task, pass, first_word, words, scores, stride);
+      return {scores, static_cast<std::size_t>(stride), padded, 1, nullptr};
+    case DistanceSource::vectors:
+      break;
+  }
+  multiply(task.vocabulary,
+           task.batch.rows + static_cast<std::size_t>(pass.first_row) *
+                                 static_cast<std::size_t>(task.vocabulary.vec_size),
+           pass.last_row - pass.first_row, first_word, words, scores, stride);
+  const bool with_norms = task.request.metric == Metric::euclidean;
+  return {scores, static_cast<std::size_t>(stride), padded, score_per_dot,
+          with_norms ? task.batch.row_norms + pass.first_row : nullptr};
+}
+
+// The entries of a document that lie in a pass.
+EntryRange entries_in_pass(const GroupTask& task, int doc, const RowPass& pass) {
+  const int first = std::max(task.batch.start[doc], pass.first_entry);
+  const int last = std::min(task.batch.start[doc + 1], pass.last_entry);
+  const int* row = task.request.source == DistanceSource::ground_of_entry
+                       ? task.batch.ind
+                       : task.batch.distinct->row_of_entry.data();
+  return {row + first, task.batch.weight + first, std::max(last - first, 0)};
+}
+
+NearestState state_of(const GroupTask& task, float* stage, int j) {
+  const std::size_t stride = static_cast<std::size_t>(stage_stride(task.plan));
+  const std::size_t slot = static_cast<std::size_t>(task.plan.width) * stride;
+  float* score = stage + static_cast<std::size_t>(j) * stride;
+  float* weight = score + static_cast<std::size_t>(task.slots) * slot;
+  return {score, task.slots > 1 ? weight : nullptr, slot};
+}
+
+// From documents with their words side by side to words with their documents side by side.  What
+// pads the last chunk becomes 0.
+void transpose(const float* stage, std::size_t stride, int docs, int words, int width,
+               float* table) {
+  for (int v = 0; v < words; ++v) {
+    float* row = table + static_cast<std::size_t>(v) * static_cast<std::size_t>(width);
+    for (int j = 0; j < docs; ++j) {
+      row[j] = std::min(stage[static_cast<std::size_t>(j) * stride + v], far_away);
+    }
+    std::fill(row + docs, row + width, 0.0f);
+  }
+}
+
+// A document that has fewer nearest entries than the tables hold: the last of them takes the rest.
+void end_steps_early(const GroupTask& task, const NearestState& state, int doc, int words) {
+  const int nearest = nearest_of(task.batch, doc, task.request.steps, task.request.rule);
+  if (nearest >= task.nearest) return;
+  float* capacity = state.weight + static_cast<std::size_t>(nearest - 1) * state.stride;
+  std::fill(capacity, capacity + words, std::numeric_limits<float>::max());
+}
+
+void store_chunk(const GroupTask& task, const Block& block, int chunk, int docs, int first_word,
+                 int words, float* stage) {
+  const TilePlan& plan = task.plan;
+  const std::size_t stride = static_cast<std::size_t>(stage_stride(plan));
+  const std::size_t slot = static_cast<std::size_t>(plan.width) * stride;
+  const std::size_t at =
+      (static_cast<std::size_t>(chunk) * static_cast<std::size_t>(block.tables.words) +
+       static_cast<std::size_t>(first_word - block.tables.first_word)) *
+      static_cast<std::size_t>(plan.width);
+  for (int j = 0; j < docs; ++j) {
+    const NearestState state = state_of(task, stage, j);
+    for (int t = 0; t < task.nearest && task.request.source == DistanceSource::vectors; ++t) {
+      scores_to_distances(task.request.metric, task.vocabulary.norms + first_word, words,
+                          state.score + static_cast<std::size_t>(t) * state.stride);
+    }
+    end_steps_early(task, state, block.first_doc + chunk * plan.width + j, words);
+  }
+  for (int t = 0; t < task.nearest; ++t) {
+    transpose(stage + static_cast<std::size_t>(t) * slot, stride, docs, words, plan.width,
+              block.tables.distance[static_cast<std::size_t>(t)] + at);
+    if (t + 1 == task.nearest) break;
+    transpose(stage + static_cast<std::size_t>(task.slots + t) * slot, stride, docs, words,
+              plan.width, block.tables.capacity[static_cast<std::size_t>(t)] + at);
+  }
+}
+
+// One panel of words against all passes of the group, into the block's tables.
+void compute_panel(GroupTask& task, const Block& block, int first_word, int words, int thread) {
+  const DistinctRows& distinct = *task.batch.distinct;
+  const int rows = largest_pass(distinct, task.group);
+  float* scores = line_start(task.panels + thread * panel_floats_of_thread(task.plan, rows));
+  float* stage =
+      task.stages.data() + static_cast<std::size_t>(thread * stage_floats(task.plan, task.slots));
+  const int width = task.plan.width;
+  for (int p = task.group.first_pass; p < task.group.last_pass; ++p) {
+    const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
+    const Panel panel = fill_panel(task, pass, first_word, words, scores);
+    const bool resume = p > task.group.first_pass;  // then the group is a single document
+    for (int chunk = 0; chunk < chunks_of(block.tables.docs, width); ++chunk) {
+      const int docs = std::min(width, block.tables.docs - chunk * width);
+      for (int j = 0; j < docs; ++j) {
+        const int doc = block.first_doc + chunk * width + j;
+        find_nearest_entries(panel, entries_in_pass(task, doc, pass), task.slots, resume,
+                             state_of(task, stage, j));
+      }
+      if (p + 1 == task.group.last_pass) {
+        store_chunk(task, block, chunk, docs, first_word, words, stage);
+      }
+    }
+  }
+}
+
+void fill_tables(GroupTask& task, const Block& block) {
+  const int panels = (block.tables.words + task.plan.panel_words - 1) / task.plan.panel_words;
+  for_each_block(task.request.threads, panels, [&](int first, int last, int thread) {
+    for (int panel = first; panel < last; ++panel) {
+      const int offset = panel * task.plan.panel_words;
+      const int words = std::min(task.plan.panel_words, block.tables.words - offset);
+      compute_panel(task, block, block.tables.first_word + offset, words, thread);
+    }
+  });
+}
+
+// Moves on from the entries of the last block to those of this one.  begin and end are per resident
+// document; the entries of a document ascend by word.
+void pour_block(const GroupTask& task, const Block& block, std::vector<int>& begin,
+                std::vector<int>& end, float* Z) {
+  const ResidentCollection& resident = task.resident;
+  const int last_word = block.tables.first_word + block.tables.words;
+  const bool first_block = block.tables.first_word == 0;
+  const int tiles = static_cast<int>(round_up(resident.num_docs, line_floats) / line_floats);
+  for_each_block(task.request.threads, tiles, [&](int first_tile, int last_tile, int) {
+    const int first = first_tile * line_floats;
+    const int last = std::min(resident.num_docs, last_tile * line_floats);
+    for (int i = first; i < last; ++i) {
+      const std::size_t d = static_cast<std::size_t>(i);
+      begin[d] = first_block ? resident.start[i] : end[d];
+      int p = begin[d];
+      while (p < resident.start[i + 1] && resident.ind[p] < last_word) ++p;
+      end[d] = p;
+    }
+    if (first < last) {
+      pour(block.tables, {resident.ind, resident.weight}, begin.data(), end.data(), first, last,
+           resident.num_docs, Z, first_block);
+    }
+  });
+}
+
+void compute_group(GroupTask& task, const BlockBuffers& buffers, float* Z) {
+  std::vector<int> begin(static_cast<std::size_t>(task.resident.num_docs));
+  std::vector<int> end(begin.size());
+  const int voc_size = task.vocabulary.voc_size;
+  for (int doc = task.group.first_doc; doc < task.group.last_doc; doc += task.plan.window_docs) {
+    const int docs = std::min(task.plan.window_docs, task.group.last_doc - doc);
+    float* Z_window = Z + static_cast<std::size_t>(doc) * static_cast<std::size_t>(begin.size());
+    for (int word = 0; word < voc_size; word += task.plan.block_words) {
+      const Block block{doc,
+                        {word, std::min(task.plan.block_words, voc_size - word), docs,
+                         task.plan.width, buffers.distance, buffers.capacity}};
+      fill_tables(task, block);
+      pour_block(task, block, begin, end, Z_window);
+    }
+  }
+}
+
+}  // namespace
+
+int nearest_of_batch(const QueryBatch& batch, int steps, StepRule rule) {
+  int nearest = 1;
+  for (int doc = 0; doc < batch.num_docs; ++doc) {
+    nearest = std::max(nearest, nearest_of(batch, doc, steps, rule));
+  }
+  return nearest;
+}
+
+BlockSizes block_sizes(const Vocabulary& vocabulary, const QueryBatch& batch,
+                       const BlockRequest& request) {
+  const int nearest = nearest_of_batch(batch, request.steps, request.rule);
+  const bool in_place = request.source == DistanceSource::ground_of_entry;
+  BlockSizes sizes{0, 0};
+  for (const DocumentGroup& group : batch.distinct->groups) {
+    const TilePlan plan = plan_group(vocabulary, batch, request, group, nearest);
+    const int rows = in_place ? 0 : largest_pass(*batch.distinct, group);
+    sizes.panels =
+        std::max(sizes.panels, std::max(request.threads, 1) * panel_floats_of_thread(plan, rows));
+    sizes.table = std::max(sizes.table, 1ll * plan.window_docs * plan.block_words);
+  }
+  return sizes;
+}
+
+void compute_distance_block(const Vocabulary& vocabulary, const ResidentCollection& resident,
+                            const QueryBatch& batch, const BlockRequest& request,
+                            const BlockBuffers& buffers, float* Z) {
+  const std::size_t distances =
+      static_cast<std::size_t>(batch.num_docs) * static_cast<std::size_t>(resident.num_docs);
+  // Documents without words have nothing to move.
+  if (vocabulary.voc_size <= 0) std::fill(Z, Z + distances, 0.0f);
+  if (vocabulary.voc_size <= 0 || distances == 0) return;
+  const SingleThreadedBlas single_threaded_blas;
+  const int nearest = nearest_of_batch(batch, request.steps, request.rule);
+  for (const DocumentGroup& group : batch.distinct->groups) {
+    GroupTask task{vocabulary,     resident,
+                   batch,          request,
+                   group,          plan_group(vocabulary, batch, request, group, nearest),
+                   nearest,        nearest_slots(nearest),
+                   buffers.panels, {}};
+    task.stages.resize(static_cast<std::size_t>(std::max(request.threads, 1)) *
+                       static_cast<std::size_t>(stage_floats(task.plan, task.slots)));
+    compute_group(task, buffers, Z);
+  }
+}
+
+}  // namespace talvik::internal

@@ -1,0 +1,90 @@
+// Distances between all pairs of vocabulary words, straight into the caller's matrix.
+#include "internal/ground_distances.hpp"
+
+#include <Eigen/Core>
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "internal/blas_threads.hpp"
+#include "internal/partition.hpp"
+
+namespace talvik::internal {
+namespace {
+
+// Words of a tile: large enough for the dense product to run at its rate, small enough for the
+// tile to stay in the second-level cache until it has been converted and mirrored.
+constexpr int tile_words = 256;
+
+struct Tile {
+  int u, v;  // first word of its rows and of its columns
+  int rows, columns;
+};
+
+// The tiles on and above the diagonal.
+std::vector<Tile> upper_tiles(int voc_size) {
+  std::vector<Tile> tiles;
+  for (int u = 0; u < voc_size; u += tile_words) {
+    for (int v = u; v < voc_size; v += tile_words) {
+      tiles.push_back(
+          {u, v, std::min(tile_words, voc_size - u), std::min(tile_words, voc_size - v)});
+    }
+  }
+  return tiles;
+}
+
+void multiply(const Vocabulary& vocabulary, const Tile& tile, float* D) {
+  using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+  const Eigen::Index m = vocabulary.vec_size;
+  const Eigen::Map<const Rows> U(vocabulary.rows + tile.u * m, tile.rows, m);
+  const Eigen::Map<const Rows> V(vocabulary.rows + tile.v * m, tile.columns, m);
+  Eigen::Map<Rows, 0, Eigen::OuterStride<>> product(D, tile.rows, tile.columns,
+                                                    Eigen::OuterStride<>(vocabulary.voc_size));
+  product.noalias() = U * V.transpose();
+}
+
+template <Metric metric>
+void convert(const Vocabulary& vocabulary, const Tile& tile, float* D) {
+  const std::size_t stride = static_cast<std::size_t>(vocabulary.voc_size);
+  for (int r = 0; r < tile.rows; ++r) {
+    float* row = D + static_cast<std::size_t>(r) * stride;
+    const float norm = vocabulary.norms[tile.u + r];
+    const float* norms = vocabulary.norms + tile.v;
+    for (int c = 0; c < tile.columns; ++c) row[c] = word_distance<metric>(row[c], norm, norms[c]);
+  }
+}
+
+// Line by line in both directions, so that neither side is read or written a float at a time.
+void mirror(const Vocabulary& vocabulary, const Tile& tile, const float* D, float* D_mirrored) {
+  const std::size_t stride = static_cast<std::size_t>(vocabulary.voc_size);
+  for (int c0 = 0; c0 < tile.columns; c0 += line_floats) {
+    const int c_end = std::min(c0 + line_floats, tile.columns);
+    for (int r = 0; r < tile.rows; ++r) {
+      for (int c = c0; c < c_end; ++c) {
+        D_mirrored[static_cast<std::size_t>(c) * stride + r] =
+            D[static_cast<std::size_t>(r) * stride + c];
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void compute_ground_matrix(const Vocabulary& vocabulary, Metric metric, int threads, float* D) {
+  const SingleThreadedBlas single_threaded_blas;
+  const std::vector<Tile> tiles = upper_tiles(vocabulary.voc_size);
+  const std::size_t stride = static_cast<std::size_t>(std::max(vocabulary.voc_size, 0));
+  for_each_block(threads, static_cast<int>(tiles.size()), [&](int first, int last, int) {
+    for (int i = first; i < last; ++i) {
+      const Tile& tile = tiles[static_cast<std::size_t>(i)];
+      const std::size_t u = static_cast<std::size_t>(tile.u);
+      const std::size_t v = static_cast<std::size_t>(tile.v);
+      float* D_tile = D + u * stride + v;
+      multiply(vocabulary, tile, D_tile);
+      with_metric(metric, [&]<Metric m>() { convert<m>(vocabulary, tile, D_tile); });
+      if (tile.u != tile.v) mirror(vocabulary, tile, D_tile, D + v * stride + u);
+    }
+  });
+}
+
+}  // namespace talvik::internal

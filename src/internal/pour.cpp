@@ -1,0 +1,128 @@
+// The sparse stage, compiled once per instruction set; the processor's own is chosen at run time.
+#include "internal/pour.hpp"
+
+#include <algorithm>
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "internal/pour.cpp"
+#include <hwy/foreach_target.h>  // compiles this file again for every instruction set
+#include <hwy/highway.h>
+
+#include "internal/engine_sizes.hpp"
+
+HWY_BEFORE_NAMESPACE();
+namespace talvik::internal::HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+using Floats = hn::ScalableTag<float>;
+using Vector = hn::Vec<Floats>;
+constexpr std::size_t lanes = HWY_LANES(float);
+
+// Resident documents whose sums are held together, so that a line of Z is written at once.
+constexpr int tile_docs = line_floats;
+
+// The sums of one resident document with U vectors of query documents side by side.  K nearest
+// entries take part, or, with K = 0, as many as the tables hold.
+template <int K, int U>
+HWY_INLINE void pour_document(const NearestTables& tables, const ResidentEntries& entries,
+                              int begin, int end, std::size_t chunk_offset, float* sums) {
+  const Floats d;
+  const int steps = K > 0 ? K - 1 : static_cast<int>(tables.capacity.size());
+  Vector sum[U];
+#pragma GCC unroll 8
+  for (int u = 0; u < U; ++u) sum[u] = hn::Zero(d);
+  for (int p = begin; p < end; ++p) {
+    const Vector weight = hn::Set(d, entries.weight[p]);
+    const std::size_t at =
+        chunk_offset + static_cast<std::size_t>(entries.ind[p] - tables.first_word) *
+                           static_cast<std::size_t>(tables.width);
+#pragma GCC unroll 8
+    for (int u = 0; u < U; ++u) {
+      Vector rest = weight;
+      for (int t = 0; t < steps; ++t) {
+        const float* capacity = tables.capacity[static_cast<std::size_t>(t)];
+        const float* distance = tables.distance[static_cast<std::size_t>(t)];
+        // The rest wherever the capacity is not smaller.
+        const Vector moved = hn::Min(hn::LoadU(d, capacity + at + lanes * u), rest);
+        sum[u] = hn::MulAdd(moved, hn::LoadU(d, distance + at + lanes * u), sum[u]);
+        rest = hn::Sub(rest, moved);
+      }
+      const float* farthest = tables.distance[static_cast<std::size_t>(steps)];
+      sum[u] = hn::MulAdd(rest, hn::LoadU(d, farthest + at + lanes * u), sum[u]);
+    }
+  }
+#pragma GCC unroll 8
+  for (int u = 0; u < U; ++u) hn::StoreU(sum[u], d, sums + lanes * u);
+}
+
+template <int K>
+void pour_tile(const NearestTables& tables, const ResidentEntries& entries, int begin, int end,
+               std::size_t chunk_offset, float* sums) {
+  // A row of a table is width floats; as many sums as there are registers to spare at a time.
+  constexpr std::size_t U = 4;
+  const std::size_t width = static_cast<std::size_t>(tables.width);
+  std::size_t at = 0;
+  for (; at + U * lanes <= width; at += U * lanes) {
+    pour_document<K, static_cast<int>(U)>(tables, entries, begin, end, chunk_offset + at,
+                                          sums + at);
+  }
+  for (; at < width; at += lanes) {
+    pour_document<K, 1>(tables, entries, begin, end, chunk_offset + at, sums + at);
+  }
+}
+
+template <int K>
+void pour_block(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
+                const int* end, int first, int last, int num_docs, float* Z, bool overwrite) {
+  constexpr int widest = 4 * line_floats;
+  alignas(64) float sums[tile_docs][widest];
+  for (int chunk = 0; chunk < chunks_of(tables.docs, tables.width); ++chunk) {
+    const std::size_t offset = static_cast<std::size_t>(chunk) *
+                               static_cast<std::size_t>(tables.words) *
+                               static_cast<std::size_t>(tables.width);
+    const int chunk_docs = std::min(tables.width, tables.docs - chunk * tables.width);
+    float* Z_chunk = Z + static_cast<std::size_t>(chunk) * static_cast<std::size_t>(tables.width) *
+                             static_cast<std::size_t>(num_docs);
+    for (int i = first; i < last; i += tile_docs) {
+      const int docs = std::min(tile_docs, last - i);
+      for (int r = 0; r < docs; ++r) {
+        pour_tile<K>(tables, entries, begin[i + r], end[i + r], offset, sums[r]);
+      }
+      for (int j = 0; j < chunk_docs; ++j) {
+        float* z = Z_chunk + static_cast<std::size_t>(j) * static_cast<std::size_t>(num_docs) + i;
+        for (int r = 0; r < docs; ++r) z[r] = overwrite ? sums[r][j] : z[r] + sums[r][j];
+      }
+    }
+  }
+}
+
+void Pour(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
+          const int* end, int first, int last, int num_docs, float* Z, bool overwrite) {
+  const auto run = [&]<int K>() {
+    pour_block<K>(tables, entries, begin, end, first, last, num_docs, Z, overwrite);
+  };
+  switch (tables.distance.size()) {
+    case 1:
+      return run.template operator()<1>();
+    case 2:
+      return run.template operator()<2>();
+    default:
+      return run.template operator()<0>();
+  }
+}
+
+}  // namespace talvik::internal::HWY_NAMESPACE
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace talvik::internal {
+
+HWY_EXPORT(Pour);
+
+void pour(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
+          const int* end, int first, int last, int num_docs, float* Z, bool overwrite) {
+  HWY_DYNAMIC_DISPATCH(Pour)(tables, entries, begin, end, first, last, num_docs, Z, overwrite);
+}
+
+}  // namespace talvik::internal
+#endif  // HWY_ONCE

@@ -1,0 +1,98 @@
+// Document ranges as flat arrays, and vocabularies shrunk to the words that ranges use.
+#include "talvik/collections.hpp"
+
+#include <algorithm>
+#include <limits>
+#include <string>
+
+#include "internal/compress.hpp"
+#include "internal/failure.hpp"
+
+namespace talvik {
+
+namespace internal {
+
+int count_entries(const DocumentSet& docs, int first, int count) {
+  size_t entries = 0;
+  for (int d = 0; d < count; ++d) entries += docs[static_cast<size_t>(first + d)].size();
+  if (entries > static_cast<size_t>(std::numeric_limits<int>::max())) {
+    fail("Documents " + std::to_string(first) + " to " + std::to_string(first + count - 1) +
+         " hold " + std::to_string(entries) + " entries; a range holds at most " +
+         std::to_string(std::numeric_limits<int>::max()));
+  }
+  return static_cast<int>(entries);
+}
+
+}  // namespace internal
+
+namespace {
+
+// Writes the offsets of a range and calls body(r, word, weight) for its entries r = 0, 1, ...
+template <class Body>
+void convert_range(const DocumentSet& docs, int first, int count, int* start, const Body& body) {
+  internal::count_entries(docs, first, count);  // ends the process where int offsets do not reach
+  int r = 0;
+  for (int d = 0; d < count; ++d) {
+    start[d] = r;
+    for (const auto& [word, weight] : docs[static_cast<size_t>(first + d)]) body(r++, word, weight);
+  }
+  start[std::max(count, 0)] = r;
+}
+
+// Calls body with the word of every entry of a range.
+template <class Body>
+void visit_range(DocumentSet& docs, int first, int count, const Body& body) {
+  for (int d = 0; d < count; ++d) {
+    for (auto& entry : docs[static_cast<size_t>(first + d)]) body(entry.first);
+  }
+}
+
+template <class VisitWords>
+int compress(int voc_size, const float* embeddings, int* comp_voc_size, float** comp_embeddings,
+             int vec_size, const VisitWords& visit_words) {
+  auto compressed = internal::compress_words(voc_size, embeddings, vec_size, visit_words);
+  *comp_voc_size = compressed.voc_size;
+  *comp_embeddings = compressed.embeddings.release();
+  return 1;
+}
+
+}  // namespace
+
+int setup_raw_data(const DocumentSet& docs, int first, int count, int* ind, int* start,
+                   float* weight) {
+  convert_range(docs, first, count, start, [&](int r, unsigned word, float entry_weight) {
+    ind[r] = static_cast<int>(word);
+    weight[r] = entry_weight;
+  });
+  return 0;
+}
+
+int setup_vectors(float* embeddings, int vec_size, const DocumentSet& docs, int first, int count,
+                  float* X, int* start, float* weight) {
+  const size_t row_floats = static_cast<size_t>(std::max(vec_size, 0));
+  convert_range(docs, first, count, start, [&](int r, unsigned word, float entry_weight) {
+    std::copy_n(embeddings + word * row_floats, row_floats,
+                X + static_cast<size_t>(r) * row_floats);
+    weight[r] = entry_weight;
+  });
+  return 0;
+}
+
+int compress_vocabulary(int voc_size, float* embeddings, int* comp_voc_size,
+                        float** comp_embeddings, int vec_size, DocumentSet& docs, int first,
+                        int count) {
+  return compress(voc_size, embeddings, comp_voc_size, comp_embeddings, vec_size,
+                  [&](const auto& body) { visit_range(docs, first, count, body); });
+}
+
+int compress_vocabulary_cosine(int voc_size, float* embeddings, int* comp_voc_size,
+                               float** comp_embeddings, int vec_size, DocumentSet& docs1,
+                               int first1, int count1, DocumentSet& docs2, int first2, int count2) {
+  return compress(voc_size, embeddings, comp_voc_size, comp_embeddings, vec_size,
+                  [&](const auto& body) {
+                    visit_range(docs1, first1, count1, body);
+                    visit_range(docs2, first2, count2, body);
+                  });
+}
+
+}  // namespace talvik

@@ -1,0 +1,15 @@
+// What the conversions of document ranges share with the pipelines.
+#ifndef TALVIK_TALVIK_COLLECTIONS_HPP
+#define TALVIK_TALVIK_COLLECTIONS_HPP
+
+#include "talvik.hpp"
+
+namespace talvik::internal {
+
+/// Entries of the documents first .. first+count-1.  Offsets are ints, so a range with more entries
+/// than an int can hold ends the process.
+int count_entries(const DocumentSet& docs, int first, int count);
+
+}  // namespace talvik::internal
+
+#endif

@@ -1,0 +1,95 @@
+// The engine of a run by its roles.  The only place that knows which engine fills them.
+#ifndef TALVIK_TALVIK_ENGINE_HPP
+#define TALVIK_TALVIK_ENGINE_HPP
+
+#include "internal/failure.hpp"
+#include "talvik.hpp"
+
+namespace talvik::internal {
+
+/// Ends the process if the engine asked for is not part of this build.
+inline void require_engine(bool use_gpu) {
+  if (use_gpu) fail("use_gpu is set, but this build has the CPU engine only");
+}
+
+/// From here on every role takes the engine's choice first; the others are the engine function's.
+inline void load_vocabulary(bool use_gpu, int voc_size, int vec_size, float* embeddings) {
+  require_engine(use_gpu);
+  copy_vocabulary_cpu(voc_size, vec_size, embeddings);
+}
+
+/// @return the result of a pipeline's init step
+inline int load_resident(bool use_gpu, int entries, int* ind, float* weight, int count,
+                         int* start) {
+  require_engine(use_gpu);
+  copy_raw_data_cpu(entries, ind, weight, count, start);
+  return 0;
+}
+
+/// An engine may keep start by pointer until release_batch.
+inline void load_batch_vectors(bool use_gpu, int entries, int vec_size, float* X, float* weight,
+                               int count, int* start) {
+  require_engine(use_gpu);
+  copy_vectors2_cpu(entries, vec_size, X, weight, count, start);
+}
+
+/// An engine may keep start by pointer until release_batch.
+inline void load_batch_indices(bool use_gpu, int entries, int* ind, float* weight, int count,
+                               int* start) {
+  require_engine(use_gpu);
+  copy_raw_data2_cpu(entries, ind, weight, count, start);
+}
+
+/// Z[q*resident documents + i] for the batch held.
+inline void compute_block(bool use_gpu, float* Z, int delta_iterations, bool precompute) {
+  require_engine(use_gpu);
+  if (delta_iterations > 1) {
+    ed_min_vocab_cpu_multi(Z, delta_iterations, precompute);
+  } else {
+    ed_min_vocab_cpu(Z, delta_iterations, precompute);
+  }
+}
+
+inline void release_batch(bool use_gpu, bool precompute) {
+  require_engine(use_gpu);
+  if (precompute) {
+    remove_raw_data2_cpu();
+  } else {
+    remove_vectors2_cpu();
+  }
+}
+
+/// @return the result of a pipeline's cleanup step, where it is the last release
+inline int release_resident(bool use_gpu) {
+  require_engine(use_gpu);
+  remove_raw_data_cpu();
+  return 0;
+}
+
+/// @return the result of a pipeline's cleanup step, where it is the last release
+inline int release_vocabulary(bool use_gpu) {
+  require_engine(use_gpu);
+  remove_vocabulary_cpu();
+  return 0;
+}
+
+/// D_ground[u*voc_size + v] for the vocabulary held.
+inline void compute_ground(bool use_gpu, float* D_ground) {
+  require_engine(use_gpu);
+  compute_ground_distances_cpu(D_ground);
+}
+
+/// An engine may keep the matrix by pointer until detach_ground.
+inline void attach_ground(bool use_gpu, int voc_size, float* D_ground) {
+  require_engine(use_gpu);
+  copy_ground_distances_cpu(voc_size, D_ground);
+}
+
+inline void detach_ground(bool use_gpu) {
+  require_engine(use_gpu);
+  remove_ground_distances_cpu();
+}
+
+}  // namespace talvik::internal
+
+#endif

@@ -1,0 +1,122 @@
+// The scale-out pipeline: every process holds the whole resident collection and answers a group of
+// the queries on its own.
+#include <optional>
+#include <string>
+
+#include "internal/partition.hpp"
+#include "talvik/pipelines.hpp"
+
+namespace talvik {
+namespace internal {
+namespace {
+
+int init(const RunParameters& run, const DocumentSet& docs, int num_docs) {
+  ensure_process_group();
+  require_documents("resident", docs, num_docs);
+  return load_resident_documents(run, docs, 0, num_docs);
+}
+
+std::string own_result_path(const RunParameters& run) {
+  return result_path(run) + ".thread" + std::to_string(local_id) + "-" + std::to_string(myid);
+}
+
+// Both sides become the larger value; a NaN in Z leaves D_max as it is.
+void merge_maximum(const Block& block, int columns, float* D_max) {
+  const auto row_floats = static_cast<size_t>(columns);
+  for_each_block(num_cpu_threads, block.num_queries, [&](int first, int last, int) {
+    for (size_t at = static_cast<size_t>(first) * row_floats;
+         at < static_cast<size_t>(last) * row_floats; ++at) {
+      const float larger = block.Z[at] > D_max[at] ? block.Z[at] : D_max[at];
+      D_max[at] = block.Z[at] = larger;
+    }
+  });
+}
+
+// This process's group of the queries, bounded by what the group itself needs: nothing is shared
+// with the other processes.
+QueryPass own_pass(const RunParameters& run, int num_resident) {
+  const int group = grp_length[myid];
+  return {grp_start[myid], group, num_resident,
+          queries_per_batch(run.budget_floats, group, num_resident,
+                            average_vector_floats(run, grp_data_length[myid], group))};
+}
+
+// The resident collection's documents are in the engine; only their labels are needed.
+int query(const RunParameters& run, int num_resident, const LabelList& resident_labels,
+          const Collection& queries, float* D_max) {
+  require_documents("query", queries.docs, queries.num_docs);
+  if (!grp_start) load_balancing(queries.docs, queries.num_docs, queries.num_words);
+  require_split_of(queries.num_docs);
+  const int k = run.compute_topk ? list_length(run.k, num_resident) : 0;
+  const QueryPass pass = own_pass(run, num_resident);
+
+  std::optional<ResultFile> file;
+  if (run.compute_topk) {
+    require_labels("resident", resident_labels, num_resident);
+    require_labels("query", queries.labels, queries.num_docs);
+    file = open_result_file(own_result_path(run));
+  }
+  const ListBuffers buffers = allocate_lists(pass.batch, k);
+  run_batches(run, queries, pass, [&](const Block& block) {
+    const auto first_row = static_cast<size_t>(block.first_query - pass.first_query);
+    merge_maximum(block, num_resident, D_max + first_row * static_cast<size_t>(num_resident));
+    if (k == 0) return NeighbourLists{};
+    sort_cpu(block.num_queries, num_resident, block.Z, k, buffers.ind.get(), buffers.val.get());
+    const NeighbourLists lists{block.first_query, block.num_queries, k, buffers.ind.get(),
+                               buffers.val.get()};
+    write_lists(*file, lists, queries.labels, resident_labels);
+    return lists;
+  });
+  if (file) close_result_file(std::move(*file));
+  return 0;
+}
+
+}  // namespace
+
+int scale_out_run(const RunParameters& run, const Collection& resident, const Collection& queries,
+                  float* D_max) {
+  init(run, resident.docs, resident.num_docs);
+  query(run, resident.num_docs, resident.labels, queries, D_max);
+  release_resident_documents(run);
+  return 0;
+}
+
+}  // namespace internal
+
+int rwmd2_scaleout_wrapper(int voc_size, float* embeddings, int vec_size, int k,
+                           int delta_iterations, bool precompute, DocumentSet docs1,
+                           LabelList labels1, int num_docs1, int num_words1, DocumentSet docs2,
+                           LabelList labels2, int num_docs2, int num_words2, float* D_max,
+                           bool compute_topk, const char* output_file, bool use_gpu) {
+  return internal::scale_out_run({voc_size, embeddings, vec_size, k, delta_iterations, precompute,
+                                  compute_topk, output_file, use_gpu},
+                                 {docs1, labels1, num_docs1, num_words1},
+                                 {docs2, labels2, num_docs2, num_words2}, D_max);
+}
+
+int rwmd2_scaleout_init(int voc_size, float* embeddings, int vec_size, bool precompute,
+                        DocumentSet docs1, LabelList /*labels1*/, int num_docs1, int /*num_words1*/,
+                        bool use_gpu) {
+  return internal::init({.voc_size = voc_size,
+                         .embeddings = embeddings,
+                         .vec_size = vec_size,
+                         .precompute = precompute,
+                         .use_gpu = use_gpu},
+                        docs1, num_docs1);
+}
+
+int rwmd2_scaleout_query(float* embeddings, int vec_size, int k, int delta_iterations,
+                         bool precompute, int num_docs1, LabelList labels1, DocumentSet docs2,
+                         LabelList labels2, int num_docs2, int num_words2, float* D_max,
+                         bool compute_topk, const char* output_file, bool use_gpu) {
+  constexpr int voc_size = 0;  // the vocabulary is in the engine
+  return internal::query({voc_size, embeddings, vec_size, k, delta_iterations, precompute,
+                          compute_topk, output_file, use_gpu},
+                         num_docs1, labels1, {docs2, labels2, num_docs2, num_words2}, D_max);
+}
+
+int rwmd2_scaleout_cleanup(bool use_gpu, bool precompute) {
+  return rwmd2_parallel_cleanup(use_gpu, precompute);
+}
+
+}  // namespace talvik

@@ -1,0 +1,154 @@
+// The split-resident pipeline: every process holds a group of the resident collection and runs all
+// queries against it.
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "internal/failure.hpp"
+#include "internal/partition.hpp"
+#include "talvik/pipelines.hpp"
+
+namespace talvik {
+namespace internal {
+namespace {
+
+int init(const RunParameters& run, const DocumentSet& docs, int num_docs, int num_words) {
+  ensure_process_group();
+  require_documents("resident", docs, num_docs);
+  if (!grp_start) load_balancing(docs, num_docs, num_words);
+  require_split_of(num_docs);
+  return load_resident_documents(run, docs, grp_start[myid], grp_length[myid]);
+}
+
+// The batch that every process takes, so that all merge the same queries at the same time.  The
+// largest group bounds it: every process knows that group's size.
+int common_batch(const RunParameters& run, int k, const Collection& queries) {
+  const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
+  return queries_per_batch(run.budget_floats, queries.num_docs, std::max(largest_group, k),
+                           average_vector_floats(run, queries.num_words, queries.num_docs));
+}
+
+// D_trans[i*num_queries + first_query + q] = Z[q*rows + i].  In tiles, because one of the two sides
+// is always read or written across its rows.
+void transpose_block(const Block& block, int rows, int num_queries, float* D_trans) {
+  constexpr int tile = 32;
+  for_each_block(num_cpu_threads, rows, [&](int first, int last, int) {
+    for (int i0 = first; i0 < last; i0 += tile) {
+      const int i_end = std::min(i0 + tile, last);
+      for (int q0 = 0; q0 < block.num_queries; q0 += tile) {
+        const int q_end = std::min(q0 + tile, block.num_queries);
+        for (int i = i0; i < i_end; ++i) {
+          float* row = D_trans + static_cast<size_t>(i) * static_cast<size_t>(num_queries) +
+                       static_cast<size_t>(block.first_query);
+          for (int q = q0; q < q_end; ++q) {
+            row[q] =
+                block
+                    .Z[static_cast<size_t>(q) * static_cast<size_t>(rows) + static_cast<size_t>(i)];
+          }
+        }
+      }
+    }
+  });
+}
+
+float* allocate_matrix(size_t bytes) {
+  auto* matrix = static_cast<float*>(std::calloc(bytes, 1));
+  if (!matrix && bytes > 0) {
+    fail("Failed to allocate memory for D_trans: " + std::to_string(bytes));
+  }
+  return matrix;
+}
+
+int query_matrix(const RunParameters& run, const Collection& queries, const QueryPass& pass,
+                 float** D_out) {
+  const size_t bytes = static_cast<size_t>(pass.num_resident) *
+                       static_cast<size_t>(queries.num_docs) * sizeof(float);
+  *D_out = allocate_matrix(bytes);
+  run_batches(run, queries, pass, [&](const Block& block) {
+    transpose_block(block, pass.num_resident, queries.num_docs, *D_out);
+    return NeighbourLists{block.first_query, block.num_queries, 0, nullptr, nullptr};
+  });
+  return static_cast<int>(bytes);
+}
+
+int query_topk(const RunParameters& run, const LabelList& resident_labels,
+               const Collection& queries, const QueryPass& pass, int k) {
+  std::optional<ResultFile> file;
+  if (myid == 0) file = open_result_file(result_path(run));
+  const ListBuffers buffers = allocate_lists(pass.batch, k);
+  run_batches(run, queries, pass, [&](const Block& block) {
+    NeighbourLists lists{block.first_query, block.num_queries, 0, nullptr, nullptr};
+    sort_cpu_parallel(block.num_queries, pass.num_resident, k, block.Z, buffers.ind.get(),
+                      buffers.val.get());
+    if (!file) return lists;
+    lists = {block.first_query, block.num_queries, k, buffers.ind.get(), buffers.val.get()};
+    write_lists(*file, lists, queries.labels, resident_labels);
+    return lists;
+  });
+  if (file) close_result_file(std::move(*file));
+  return 0;
+}
+
+// The resident collection's documents are in the engine; only their labels are needed.
+int query(const RunParameters& run, int num_resident_docs, const LabelList& resident_labels,
+          const Collection& queries, float** D_out) {
+  require_split_of(num_resident_docs);
+  require_documents("query", queries.docs, queries.num_docs);
+  const int k = run.compute_topk ? list_length(run.k, num_resident_docs) : 0;
+  const QueryPass pass{0, queries.num_docs, grp_length[myid], common_batch(run, k, queries)};
+  if (!run.compute_topk) return query_matrix(run, queries, pass, D_out);
+  require_labels("resident", resident_labels, num_resident_docs);
+  require_labels("query", queries.labels, queries.num_docs);
+  return query_topk(run, resident_labels, queries, pass, k);
+}
+
+}  // namespace
+
+int split_resident_run(const RunParameters& run, const Collection& resident,
+                       const Collection& queries, float** D_out) {
+  init(run, resident.docs, resident.num_docs, resident.num_words);
+  query(run, resident.num_docs, resident.labels, queries, D_out);
+  release_resident_documents(run);
+  return 0;
+}
+
+}  // namespace internal
+
+int rwmd2_parallel(int voc_size, float* embeddings, int vec_size, int k, int delta_iterations,
+                   bool precompute, DocumentSet docs1, LabelList labels1, int num_docs1,
+                   int num_words1, DocumentSet docs2, LabelList labels2, int num_docs2,
+                   int num_words2, float** D_out, bool compute_topk, const char* output_file,
+                   bool use_gpu) {
+  return internal::split_resident_run({voc_size, embeddings, vec_size, k, delta_iterations,
+                                       precompute, compute_topk, output_file, use_gpu},
+                                      {docs1, labels1, num_docs1, num_words1},
+                                      {docs2, labels2, num_docs2, num_words2}, D_out);
+}
+
+int rwmd2_parallel_init(int voc_size, float* embeddings, int vec_size, bool precompute,
+                        DocumentSet docs1, LabelList /*labels1*/, int num_docs1, int num_words1,
+                        bool use_gpu) {
+  return internal::init({.voc_size = voc_size,
+                         .embeddings = embeddings,
+                         .vec_size = vec_size,
+                         .precompute = precompute,
+                         .use_gpu = use_gpu},
+                        docs1, num_docs1, num_words1);
+}
+
+int rwmd2_parallel_query(float* embeddings, int vec_size, int k, int delta_iterations,
+                         bool precompute, int num_docs1, LabelList labels1, DocumentSet docs2,
+                         LabelList labels2, int num_docs2, int num_words2, float** D_out,
+                         bool compute_topk, const char* output_file, bool use_gpu) {
+  constexpr int voc_size = 0;  // the vocabulary is in the engine
+  return internal::query({voc_size, embeddings, vec_size, k, delta_iterations, precompute,
+                          compute_topk, output_file, use_gpu},
+                         num_docs1, labels1, {docs2, labels2, num_docs2, num_words2}, D_out);
+}
+
+int rwmd2_parallel_cleanup(bool use_gpu, bool precompute) {
+  return internal::release_resident_documents({.precompute = precompute, .use_gpu = use_gpu});
+}
+
+}  // namespace talvik

@@ -1,0 +1,205 @@
+// The block computation under budgets so small that every loop over tiles, windows, groups and
+// passes runs, and the pieces below it.
+#include "internal/distance_block.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "internal/blas_threads.hpp"
+#include "internal/select_smallest.hpp"
+#include "support/engine.hpp"
+#include "support/oracle.hpp"
+#include "support/world.hpp"
+
+namespace talvik::internal {
+namespace {
+
+using test::Csr;
+using test::csr_of;
+using test::World;
+
+// The rows of a batch's entries, one after the other.
+std::vector<float> entry_rows(const World& world, const Csr& batch) {
+  const size_t m = static_cast<size_t>(world.shape.vec_size);
+  std::vector<float> rows;
+  for (const int word : batch.ind) {
+    const float* row = world.embeddings.data() + static_cast<size_t>(word) * m;
+    rows.insert(rows.end(), row, row + m);
+  }
+  return rows;
+}
+
+void expect_oracle_block(const World& world, int steps, int max_rows, const EngineBudget& budget,
+                         DistanceSource source) {
+  const Csr resident = csr_of(world.resident);
+  Csr batch = csr_of(world.queries);
+  const int m = world.shape.vec_size;
+  const int threads = 3;
+  std::vector<float> X = entry_rows(world, batch);
+  std::vector<float> norms(static_cast<size_t>(world.shape.voc_size + line_floats));
+  const auto norm = [m](const float* row) {
+    float sum = 0;
+    for (int j = 0; j < m; ++j) sum += row[j] * row[j];
+    return sum;
+  };
+  for (int v = 0; v < world.shape.voc_size; ++v) norms[v] = norm(&world.embeddings[v * m]);
+  std::vector<float> D(static_cast<size_t>(world.shape.voc_size * world.shape.voc_size));
+  for (int u = 0; u < world.shape.voc_size; ++u) {
+    for (int v = 0; v < world.shape.voc_size; ++v) {
+      D[u * world.shape.voc_size + v] =
+          static_cast<float>(test::oracle_word_distance(world.embeddings.data(), m, u, v));
+    }
+  }
+
+  const DistinctRows distinct =
+      find_distinct_rows(X.data(), m * sizeof(float), batch.start.data(),
+                         static_cast<int>(world.queries.size()), max_rows, threads);
+  std::vector<float> rows, row_norms;
+  for (const int entry : distinct.entry_of_row) {
+    rows.insert(rows.end(), &X[entry * m], &X[entry * m] + m);
+    row_norms.push_back(norm(&X[entry * m]));
+  }
+  batch.ind.resize(batch.ind.size() + row_padding);
+  const Vocabulary vocabulary{world.shape.voc_size, m, world.embeddings.data(), norms.data()};
+  const QueryBatch queries{static_cast<int>(world.queries.size()),
+                           batch.start.data(),
+                           batch.weight.data(),
+                           batch.ind.data(),
+                           &distinct,
+                           rows.data(),
+                           row_norms.data()};
+  const BlockRequest request{source, Metric::euclidean, D.data(), steps, StepRule::halving, threads,
+                             budget};
+  const BlockSizes sizes = block_sizes(vocabulary, queries, request);
+  const int nearest = nearest_of_batch(queries, steps, StepRule::halving);
+  std::vector<float> panels(static_cast<size_t>(sizes.panels));
+  std::vector<std::vector<float>> tables(static_cast<size_t>(2 * nearest - 1),
+                                         std::vector<float>(static_cast<size_t>(sizes.table)));
+  BlockBuffers buffers{panels.data(), {}, {}};
+  for (int t = 0; t < nearest; ++t) buffers.distance.push_back(tables[t].data());
+  for (int t = nearest; t < 2 * nearest - 1; ++t) buffers.capacity.push_back(tables[t].data());
+  std::vector<float> Z(world.resident.size() * world.queries.size(), -1.0f);
+  compute_distance_block(vocabulary,
+                         {static_cast<int>(world.resident.size()), resident.start.data(),
+                          resident.ind.data(), resident.weight.data()},
+                         queries, request, buffers, Z.data());
+  for (size_t d = 0; d < world.queries.size(); ++d) {
+    for (size_t i = 0; i < world.resident.size(); ++i) {
+      const double expected = test::oracle_distance(
+          world.embeddings, m, world.resident[i], world.queries[d], steps, test::StepRule::halving);
+      ASSERT_NEAR(expected, Z[d * world.resident.size() + i], 2e-3 + 1e-5 * std::fabs(expected))
+          << "resident " << i << ", query " << d << ", steps " << steps << ", rows " << max_rows;
+    }
+  }
+}
+
+// A world whose resident documents ascend by word, as the block computation wants them.
+World sorted_world(unsigned seed) {
+  test::WorldShape shape;
+  shape.seed = seed;
+  shape.voc_size = 101;
+  shape.num_resident = 35;
+  shape.num_queries = 90;
+  shape.min_words = 0;
+  shape.max_words = 30;
+  shape.repeated_words = true;
+  World world = random_world(shape);
+  for (Document& doc : world.resident) std::sort(doc.begin(), doc.end());
+  return world;
+}
+
+TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
+  const World world = sorted_world(11);
+  const EngineBudget tiny{1, 1, 1}, small{3000, 3000, 3000};
+  for (const DistanceSource source :
+       {DistanceSource::vectors, DistanceSource::ground_of_word, DistanceSource::ground_of_entry}) {
+    for (const int steps : {0, 1, 2, 3, 7, 20}) {
+      // Documents of up to 30 entries in passes of 5 and 25 rows: several passes for one document,
+      // and several documents for one pass.
+      for (const int max_rows : {5, 25, 1000}) {
+        expect_oracle_block(world, steps, max_rows, tiny, source);
+        expect_oracle_block(world, steps, max_rows, small, source);
+      }
+    }
+  }
+}
+
+TEST(DistinctRows, GroupsCoverAllDocumentsAndRowsAreFoundAgain) {
+  const World world = sorted_world(12);
+  const Csr batch = csr_of(world.queries);
+  const int num_docs = static_cast<int>(world.queries.size());
+  for (const int max_rows : {1, 7, 40, 100000}) {
+    const DistinctRows found = find_distinct_rows(batch.ind.data(), sizeof(int), batch.start.data(),
+                                                  num_docs, max_rows, 2);
+    int doc = 0, pass = 0, entry = 0, row = 0;
+    for (const DocumentGroup& group : found.groups) {
+      EXPECT_EQ(group.first_doc, doc);
+      EXPECT_EQ(group.first_pass, pass);
+      if (group.last_pass - group.first_pass > 1) {
+        EXPECT_EQ(group.last_doc, group.first_doc + 1);
+      }
+      doc = group.last_doc;
+      pass = group.last_pass;
+    }
+    EXPECT_EQ(doc, num_docs);
+    EXPECT_EQ(pass, static_cast<int>(found.passes.size()));
+    for (const RowPass& p : found.passes) {
+      EXPECT_EQ(p.first_row, row);
+      EXPECT_EQ(p.first_entry, entry);
+      EXPECT_LE(p.last_row - p.first_row, max_rows);
+      row = p.last_row;
+      entry = p.last_entry;
+      for (int e = p.first_entry; e < p.last_entry; ++e) {
+        const int same = found.entry_of_row[p.first_row + found.row_of_entry[e]];
+        ASSERT_EQ(batch.ind[e], batch.ind[same]);
+        ASSERT_LE(same, e);
+      }
+    }
+    EXPECT_EQ(entry, batch.start[num_docs]);
+  }
+  const DistinctRows all =
+      find_distinct_rows(batch.ind.data(), sizeof(int), batch.start.data(), num_docs, 100000, 2);
+  EXPECT_EQ(all.passes.size(), 1u);
+  EXPECT_LE(all.entry_of_row.size(), 101u) << "no more rows than words";
+}
+
+TEST(Selection, MatchesAFullSortForEveryK) {
+  std::mt19937 random(3);
+  std::uniform_int_distribution<int> few_values(0, 40);
+  for (const int n : {1, 2, 63, 64, 65, 1000, 5000}) {
+    std::vector<float> values(static_cast<size_t>(n));
+    for (float& v : values) {
+      const int drawn = few_values(random);
+      v = drawn == 0 ? NAN : drawn == 1 ? INFINITY : static_cast<float>(drawn);
+    }
+    if (n == 5000) std::fill(values.begin(), values.begin() + 4990, NAN);  // few numbers, late
+    std::vector<Candidate> sorted, smallest;
+    for (int i = 0; i < n; ++i) sorted.emplace_back(values[i], i);
+    std::stable_sort(sorted.begin(), sorted.end(), [](const Candidate& a, const Candidate& b) {
+      return std::isnan(b.first) ? !std::isnan(a.first) : a.first < b.first;
+    });
+    for (const int k : {1, 2, 10, 16, 300, n}) {
+      if (k > n) continue;
+      select_smallest(values.data(), n, k, smallest);
+      ASSERT_EQ(static_cast<int>(smallest.size()), k);
+      for (int j = 0; j < k; ++j) EXPECT_EQ(smallest[j].second, sorted[j].second) << n << " " << k;
+    }
+  }
+}
+
+TEST(Blas, SettingOfTheHostProgramIsBackAfterwards) {
+  if (!openblas_set_num_threads) GTEST_SKIP() << "built without OpenBLAS";
+  openblas_set_num_threads(2);
+  {
+    const SingleThreadedBlas single;
+    EXPECT_EQ(openblas_get_num_threads(), 1);
+  }
+  EXPECT_EQ(openblas_get_num_threads(), 2);
+}
+
+}  // namespace
+}  // namespace talvik::internal

@@ -1,0 +1,234 @@
+// The CPU engine against the oracle: every metric, normalisation, form and number of steps.
+#include "support/engine.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <tuple>
+#include <vector>
+
+#include "support/oracle.hpp"
+#include "support/world.hpp"
+#include "talvik.hpp"
+
+namespace talvik::test {
+namespace {
+
+struct Settings {
+  bool cosine, normalise;
+};
+
+// metric, ground distances, capacity steps, engine function
+using Mode = std::tuple<Settings, bool, int, StepRule>;
+
+class EveryMode : public ::testing::TestWithParam<Mode> {
+ protected:
+  void SetUp() override {
+    use_cosine = std::get<0>(GetParam()).cosine;
+    normalize_embeddings = std::get<0>(GetParam()).normalise;
+    num_cpu_threads = 3;
+  }
+  void TearDown() override {
+    use_cosine = normalize_embeddings = false;
+    num_cpu_threads = 8;
+  }
+};
+
+// Distances that reach the oracle within float rounding; squared distances near 0 lose half of
+// their digits in sqrt(|a.a + b.b - 2 a.b|).
+void expect_near(double expected, float actual, const std::string& where) {
+  EXPECT_NEAR(expected, actual, 2e-3 + 1e-5 * std::fabs(expected)) << where;
+}
+
+void expect_block_matches_oracle(const World& world, bool ground, int steps, StepRule rule) {
+  const std::vector<float> Z = distance_block(world, steps, rule, ground);
+  for (size_t d = 0; d < world.queries.size(); ++d) {
+    for (size_t i = 0; i < world.resident.size(); ++i) {
+      const double expected = oracle_distance(world.embeddings, world.shape.vec_size,
+                                              world.resident[i], world.queries[d], steps, rule);
+      expect_near(expected, Z[d * world.resident.size() + i],
+                  "resident " + std::to_string(i) + ", query " + std::to_string(d));
+    }
+  }
+}
+
+TEST_P(EveryMode, MatchesTheOracle) {
+  const auto [settings, ground, steps, rule] = GetParam();
+  const unsigned seed = 1 + static_cast<unsigned>(steps + 1 + ground) % 2;
+  WorldShape shape;
+  shape.seed = seed;
+  shape.min_words = 0;
+  shape.repeated_words = seed % 2 == 1;
+  shape.max_words = seed % 2 == 1 ? 40 : 12;
+  shape.voc_size = 70 + static_cast<int>(seed);
+  shape.num_resident = 37;
+  shape.num_queries = 83;  // more than one chunk of the tables
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  expect_block_matches_oracle(random_world(shape), ground, steps, rule);
+}
+
+constexpr Settings every_setting[] = {{false, false}, {false, true}, {true, false}, {true, true}};
+
+INSTANTIATE_TEST_SUITE_P(SingleStep, EveryMode,
+                         ::testing::Combine(::testing::ValuesIn(every_setting), ::testing::Bool(),
+                                            ::testing::Values(-1, 0, 1, 5),
+                                            ::testing::Values(StepRule::single)));
+
+INSTANTIATE_TEST_SUITE_P(SeveralSteps, EveryMode,
+                         ::testing::Combine(::testing::ValuesIn(every_setting), ::testing::Bool(),
+                                            ::testing::Values(-1, 0, 1, 2, 3, 7, 20),
+                                            ::testing::Values(StepRule::halving)));
+
+// Words on a 3-4-5 line: resident word at (0,0), query words at distances 5 and 10.
+class ExactLine : public ::testing::TestWithParam<StepRule> {
+ protected:
+  static float distance(const Document& query, int steps) {
+    World world{{}, {0, 0, 3, 4, 6, 8, -3, -4}, {{{0, 1.0f}}}, {query}, {}, {}};
+    world.shape.voc_size = 4;
+    world.shape.vec_size = 2;
+    return distance_block(world, steps, GetParam(), false).at(0);
+  }
+};
+
+TEST_P(ExactLine, PoursTheRestIntoTheNextNearestWord) {
+  const Document query{{2, 0.75f}, {1, 0.25f}};
+  EXPECT_EQ(distance(query, 0), 5);
+  EXPECT_EQ(distance(query, 1), 0.25f * 5 + 0.75f * 10);
+}
+
+TEST_P(ExactLine, OfEqualDistancesTheFirstEntryIsTheNearest) {
+  // Words 1 and 3 are both 5 away, word 2 is 10 away.
+  const Document query{{1, 0.125f}, {3, 0.5f}, {2, 0.375f}};
+  EXPECT_EQ(distance(query, 1), 5);
+  const Document repeated{{2, 0.5f}, {1, 0.25f}, {1, 0.25f}};
+  EXPECT_EQ(distance(repeated, 1), 5) << "the repeated word is the second nearest, too";
+}
+
+TEST_P(ExactLine, EmptyDocumentIsFarAway) {
+  EXPECT_EQ(distance({}, 0), 1e30f);
+  EXPECT_EQ(distance({}, 1), 1e30f);
+}
+
+TEST_P(ExactLine, SingleEntryTakesAllOrWhatItCan) {
+  const Document query{{1, 0.25f}};
+  if (GetParam() == StepRule::halving) {
+    EXPECT_EQ(distance(query, 1), 5);
+  } else {
+    EXPECT_EQ(distance(query, 1), 0.25f * 5 + 0.75f * 1e30f);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rules, ExactLine, ::testing::Values(StepRule::single, StepRule::halving));
+
+TEST(Engine, BlockDoesNotDependOnThreadsOrBatches) {
+  WorldShape shape;
+  shape.seed = 5;
+  shape.whole_numbers = true;  // exact sums: == must hold
+  shape.num_resident = 50;
+  shape.num_queries = 70;
+  World world = random_world(shape);
+  for (const int steps : {0, 1, 3}) {
+    num_cpu_threads = 1;
+    const std::vector<float> one = distance_block(world, steps, StepRule::halving, false);
+    num_cpu_threads = 7;
+    const std::vector<float> seven = distance_block(world, steps, StepRule::halving, false);
+    std::vector<float> rounding;
+    World part = world;
+    for (const Document& query : world.queries) {
+      part.queries = {query};
+      const std::vector<float> row = distance_block(part, steps, StepRule::halving, false);
+      rounding.insert(rounding.end(), row.begin(), row.end());
+    }
+    num_cpu_threads = 8;
+    ASSERT_EQ(one.size(), rounding.size());
+    for (size_t i = 0; i < one.size(); ++i) {
+      EXPECT_NEAR(one[i], seven[i], 1e-4);
+      EXPECT_NEAR(one[i], rounding[i], 1e-4);
+    }
+  }
+}
+
+TEST(Engine, UnsortedResidentEntriesGiveTheSameDistances) {
+  WorldShape shape;
+  shape.seed = 6;
+  shape.num_resident = 20;
+  World world = random_world(shape);
+  const std::vector<float> shuffled = distance_block(world, 1, StepRule::single, false);
+  for (Document& doc : world.resident) std::sort(doc.begin(), doc.end());
+  const std::vector<float> sorted = distance_block(world, 1, StepRule::single, false);
+  for (size_t i = 0; i < sorted.size(); ++i) EXPECT_NEAR(shuffled[i], sorted[i], 1e-4);
+}
+
+TEST(Engine, NothingToDoIsNoFailure) {
+  WorldShape shape;
+  for (const bool ground : {false, true}) {
+    for (const StepRule rule : {StepRule::single, StepRule::halving}) {
+      World world = random_world(shape);
+      world.queries.clear();
+      EXPECT_TRUE(distance_block(world, 1, rule, ground).empty());
+      world = random_world(shape);
+      world.resident.clear();
+      EXPECT_TRUE(distance_block(world, 1, rule, ground).empty());
+      world = random_world(shape);
+      for (Document& doc : world.queries) doc.clear();
+      for (const float z : distance_block(world, 0, rule, ground)) EXPECT_NEAR(z, 1e30, 1e25);
+      world = random_world(shape);
+      for (Document& doc : world.resident) doc.clear();
+      for (const float z : distance_block(world, 1, rule, ground)) EXPECT_EQ(z, 0);
+    }
+  }
+}
+
+TEST(Engine, ZeroRowStaysZeroUnderNormalisation) {
+  World world{{}, {0, 0, 3, 4, 5, 0}, {{{0, 1.0f}}}, {{{1, 1.0f}}, {{2, 1.0f}}}, {}, {}};
+  world.shape.voc_size = 3;
+  world.shape.vec_size = 2;
+  normalize_embeddings = true;
+  const std::vector<float> Z = distance_block(world, 0, StepRule::single, false);
+  normalize_embeddings = false;
+  EXPECT_FLOAT_EQ(Z[0], std::sqrt(2.0f));  // |2 - 2*0|: the zero row counts as of unit length
+  EXPECT_FLOAT_EQ(Z[1], std::sqrt(2.0f));
+}
+
+TEST(Engine, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
+  float D[] = {0, 1, 2, 0};  // D[word 0][word 1] = 1, D[word 1][word 0] = 2
+  int start[] = {0, 1}, resident_word[] = {0}, query_word[] = {1};
+  float weight[] = {1};
+  copy_raw_data_cpu(1, resident_word, weight, 1, start);
+  copy_ground_distances_cpu(2, D);
+  copy_raw_data2_cpu(1, query_word, weight, 1, start);
+  const bool precompute = true;
+  float plain = -1, multi = -1;
+  ed_min_vocab_cpu(&plain, 0, precompute);
+  ed_min_vocab_cpu_multi(&multi, 0, precompute);
+  remove_raw_data2_cpu();
+  remove_raw_data_cpu();
+  remove_ground_distances_cpu();
+  EXPECT_EQ(plain, 1);  // row of the vocabulary word
+  EXPECT_EQ(multi, 2);  // row of the query word
+}
+
+TEST(GroundDistances, AreTheWordDistancesOfEveryPair) {
+  WorldShape shape;
+  shape.seed = 9;
+  shape.voc_size = 600;  // several tiles, the last one partial
+  World world = random_world(shape);
+  for (const Settings settings :
+       {Settings{false, false}, Settings{false, true}, Settings{true, true}}) {
+    use_cosine = settings.cosine;
+    normalize_embeddings = settings.normalise;
+    const std::vector<float> D = ground_matrix(world);
+    for (unsigned u = 0; u < 600; ++u) {
+      for (unsigned v = 0; v < 600; ++v) {
+        ASSERT_NEAR(oracle_word_distance(world.embeddings.data(), shape.vec_size, u, v),
+                    D[u * 600 + v], u == v ? 5e-3 : 1e-4)
+            << u << ", " << v;
+      }
+    }
+  }
+  use_cosine = normalize_embeddings = false;
+}
+
+}  // namespace
+}  // namespace talvik::test

@@ -1,0 +1,172 @@
+// Characters are classified, lowered and composed by utf8proc.
+#include "tokenizer.hpp"
+
+#include <utf8proc.h>
+
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace talvik::tool {
+namespace {
+
+constexpr utf8proc_int32_t replacement = 0xFFFD;
+
+// The character at `at`, and moves on; an invalid sequence gives the replacement character.
+utf8proc_int32_t next_character(std::string_view text, size_t& at, long long& replaced) {
+  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+  utf8proc_int32_t character = 0;
+  const auto length =
+      utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(text.size() - at), &character);
+  if (length > 0) {
+    at += static_cast<size_t>(length);
+    return character;
+  }
+  ++replaced;
+  const auto continues = [&] { return at < text.size() && (bytes[at] & 0xC0) == 0x80; };
+  do ++at;
+  while (continues());
+  return replacement;
+}
+
+void append(std::string& text, utf8proc_int32_t character) {
+  utf8proc_uint8_t bytes[4];
+  const auto length = utf8proc_encode_char(character, bytes);
+  text.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+}
+
+enum class Role { letter, other_of_word, apostrophe, hyphen, nothing, separator };
+
+Role role_of(utf8proc_int32_t c) {
+  constexpr utf8proc_int32_t right_quote = 0x2019, modifier_apostrophe = 0x02BC;
+  constexpr utf8proc_int32_t hyphen = 0x2010, non_breaking_hyphen = 0x2011;
+  if (c == '\'' || c == right_quote || c == modifier_apostrophe) return Role::apostrophe;
+  if (c == '-' || c == hyphen || c == non_breaking_hyphen) return Role::hyphen;
+  switch (utf8proc_category(c)) {
+    case UTF8PROC_CATEGORY_LU:
+    case UTF8PROC_CATEGORY_LL:
+    case UTF8PROC_CATEGORY_LT:
+    case UTF8PROC_CATEGORY_LM:
+    case UTF8PROC_CATEGORY_LO:
+      return Role::letter;
+    case UTF8PROC_CATEGORY_MN:
+    case UTF8PROC_CATEGORY_MC:
+    case UTF8PROC_CATEGORY_ME:
+    case UTF8PROC_CATEGORY_ND:
+      return Role::other_of_word;
+    case UTF8PROC_CATEGORY_CF:
+      return Role::nothing;
+    default:
+      return Role::separator;
+  }
+}
+
+// Marks and their letter as one character where there is one: vocabularies are composed.
+std::string composed(const std::string& word) {
+  const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+  bool ascii = true;
+  for (const char c : word) ascii = ascii && is_ascii(c);
+  if (ascii) return word;
+  const std::unique_ptr<utf8proc_uint8_t, void (*)(void*)> text(
+      utf8proc_NFC(reinterpret_cast<const utf8proc_uint8_t*>(word.c_str())), std::free);
+  if (!text) throw std::bad_alloc();
+  return reinterpret_cast<const char*>(text.get());
+}
+
+std::string lowered(std::string_view word) {
+  std::string lower;
+  long long none = 0;
+  for (size_t at = 0; at < word.size();) {
+    append(lower, utf8proc_tolower(next_character(word, at, none)));
+  }
+  return lower;
+}
+
+int length_of(std::string_view word) {
+  int characters = 0;
+  for (const char c : word) characters += (c & 0xC0) != 0x80;
+  return characters;
+}
+
+// Words joined by hyphens, under construction.
+struct Compound {
+  std::vector<std::string> parts;
+  std::vector<char> has_letter;  // one per part
+  bool cut = false;              // an apostrophe has ended it, what follows is left out
+};
+
+void add_token(const std::string& part, const TokenRules& rules, std::vector<std::string>& tokens) {
+  const std::string word = composed(part);
+  const std::string lower = lowered(word);
+  if (length_of(word) < rules.min_length) return;
+  if (rules.stop_words && rules.stop_words->contains(lower)) return;
+  tokens.push_back(rules.keep_case ? word : lower);
+}
+
+void finish(Compound& compound, const TokenRules& rules, std::vector<std::string>& tokens) {
+  if (compound.parts.size() > 1 && rules.vocabulary) {
+    std::string whole;
+    bool letter = false;
+    for (size_t i = 0; i < compound.parts.size(); ++i) {
+      whole += (i > 0 ? "-" : "") + compound.parts[i];
+      letter = letter || compound.has_letter[i];
+    }
+    const std::string word = composed(rules.keep_case ? whole : lowered(whole));
+    if (letter && rules.vocabulary->contains(word)) {
+      add_token(whole, rules, tokens);
+      compound = {};
+      return;
+    }
+  }
+  for (size_t i = 0; i < compound.parts.size(); ++i) {
+    if (compound.has_letter[i]) add_token(compound.parts[i], rules, tokens);
+  }
+  compound = {};
+}
+
+}  // namespace
+
+std::vector<std::string> tokenize(std::string_view text, const TokenRules& rules,
+                                  long long& replaced) {
+  std::vector<std::string> tokens;
+  Compound compound;
+  bool in_word = false;         // the character before belongs to a word
+  bool hyphen_pending = false;  // joins two words if the next character belongs to one
+  for (size_t at = 0; at < text.size();) {
+    const utf8proc_int32_t character = next_character(text, at, replaced);
+    const Role role = role_of(character);
+    if (role == Role::nothing) continue;
+    if (role == Role::letter || role == Role::other_of_word) {
+      if (!in_word) {
+        if (!hyphen_pending) finish(compound, rules, tokens);
+        compound.parts.emplace_back();
+        compound.has_letter.push_back(false);
+      }
+      if (!compound.cut) {
+        append(compound.parts.back(), character);
+        compound.has_letter.back() |= role == Role::letter;
+      }
+      in_word = true;
+      hyphen_pending = false;
+      continue;
+    }
+    if (role == Role::apostrophe && in_word) {
+      compound.cut = true;
+      continue;
+    }
+    hyphen_pending = role == Role::hyphen && in_word && !compound.cut;
+    if (!hyphen_pending) finish(compound, rules, tokens);
+    in_word = false;
+  }
+  finish(compound, rules, tokens);
+  return tokens;
+}
+
+std::string valid_utf8(std::string_view text, long long& replaced) {
+  std::string valid;
+  valid.reserve(text.size());
+  for (size_t at = 0; at < text.size();) append(valid, next_character(text, at, replaced));
+  return valid;
+}
+
+}  // namespace talvik::tool
