@@ -32,12 +32,13 @@ void add_corpus_command(CLI::App& app, int& status) {
   command
       ->add_option("--max-words", corpus.max_words,
                    "Keep the so many most frequent words of a document (default: all)")
-      ->check(CLI::PositiveNumber);
+      ->check(at_least(1));
   command->add_option("--skip-index", corpus.skip_index,
                       "Leave out the words of the embedding file up to this number from 0; they "
                       "usually stand by frequency (default: none)");
   add_run_options(*command, options->run);
   command->callback([options, &status] {
+    check_run_options(options->run);
     options->corpus.limit_resident = options->run.limit_resident;
     options->corpus.limit_queries = options->run.limit_queries;
     status = execute(options->run, [options] { return load_corpus(options->corpus); });

@@ -31,7 +31,7 @@ struct Outputs {
   std::unique_ptr<RemovedAtEnd> library_file;
 };
 
-std::string library_file_name(const RunOptions& options) { return options.out + ".lists"; }
+std::string library_file_name(const RunOptions& options) { return options.out + ".partial.lists"; }
 
 std::string shard_name(const RunOptions& options, int process) {
   return fmt::format("{}.{}", options.matrix, process);

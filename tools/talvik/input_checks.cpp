@@ -88,7 +88,7 @@ float check_vector(const std::string& path, std::string_view bytes, const std::s
 }
 
 std::array<unsigned long, 4> idx_header(const std::string& path, size_t words) {
-  const long long size = require_file(path);
+  const long long size = input_file_size(path);
   std::ifstream file(path, std::ios::binary);
   std::array<unsigned char, 16> bytes{};
   file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(4 * words));
@@ -132,7 +132,7 @@ void require_bytes(const std::string& path, unsigned long count, const char* wha
 
 }  // namespace
 
-long long require_file(const std::string& path) {
+long long input_file_size(const std::string& path) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
   if (!std::filesystem::exists(status)) throw RunError(path + ": no such file");
@@ -169,7 +169,7 @@ std::string quoted(const std::string& word) {
 }
 
 EmbeddingFacts check_embedding_file(const std::string& path) {
-  require_file(path);
+  input_file_size(path);
   std::string text;
   const bool binary = true;
   if (ReadFileIntoString(path.c_str(), text, binary) <= 0) {

@@ -9,7 +9,7 @@
 namespace talvik::tool {
 
 /// @return the file's size; it is a regular, readable file and not empty
-long long require_file(const std::string& path);
+long long input_file_size(const std::string& path);
 
 void require_directory(const std::string& path);
 

@@ -46,15 +46,12 @@ unsigned long id_of(const std::string& path, const std::string& name) {
 
 void count_words(const std::string& text, const VocabularyMap& voc, Collection& collection) {
   std::string word;
-  for (size_t at = 0; at < text.size();) {
-    const size_t end = std::min(text.find(' ', at), text.size());
-    if (end > at) {
-      word = internal::clean_token(std::string_view(text).substr(at, end - at));
-      ++collection.words_read;
-      if (voc.find(word) == voc.end()) ++collection.words_unknown;
-    }
-    at = end + 1;
-  }
+  internal::for_each_token(text, [&](std::string_view token) {
+    if (token.empty()) return;
+    word = internal::clean_token(token);
+    ++collection.words_read;
+    if (voc.find(word) == voc.end()) ++collection.words_unknown;
+  });
 }
 
 Collection read_collection(const std::string& root, const std::vector<CorpusFile>& files, int limit,

@@ -51,6 +51,11 @@ int main(int argc, char** argv) {
   const std::string_view command = argc > 1 ? argv[1] : "";
   if (!is_first_process() && (command == "convert" || command == "prepare")) return status_ok;
   try {
+    const bool is_option = command.empty() || command.front() == '-';
+    const auto named = [command](const CLI::App* known) { return known->get_name() == command; };
+    if (!is_option && app.get_subcommands(named).empty()) {
+      throw CLI::ValidationError(argv[1], "no such command");
+    }
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return answer(app, error);

@@ -38,6 +38,7 @@ void add_mnist_command(CLI::App& app, int& status) {
   query_images->needs(query_labels);
   add_run_options(*command, options->run);
   command->callback([options, &status] {
+    check_run_options(options->run);
     options->images.limit_resident = options->run.limit_resident;
     options->images.limit_queries = options->run.limit_queries;
     status = execute(options->run, [options] { return load_mnist(options->images); });

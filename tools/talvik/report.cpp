@@ -45,7 +45,7 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
   const bool self = problem.self_run();
   const Collection& resident = problem.resident;
   const Collection& queries = problem.queries;
-  fmt::print("{:<20}{:>12}{:>12}\n", "", "resident", self ? "" : "queries");
+  fmt::print("{:<20}{:>12}{}\n", "", "resident", self ? "" : "     queries");
   print_row("documents", static_cast<long long>(resident.docs.size()),
             static_cast<long long>(queries.docs.size()), self);
   print_row("entries", resident.entries, queries.entries, self);

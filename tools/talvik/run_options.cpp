@@ -1,19 +1,35 @@
 // The shared options and their texts.
 #include "run_options.hpp"
 
+#include <fmt/core.h>
+
+#include <cstdlib>
+
 namespace talvik::tool {
+
+CLI::Validator at_least(long long smallest) {
+  const auto check = [smallest](const std::string& text) {
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    const bool number = end != text.c_str() && *end == '\0';  // else the conversion complains
+    return number && value < static_cast<double>(smallest)
+               ? fmt::format("{} is below {}", text, smallest)
+               : std::string();
+  };
+  return CLI::Validator(check, fmt::format("(from {})", smallest));
+}
 
 void add_run_options(CLI::App& command, RunOptions& options) {
   command.add_option("--out", options.out, "Result file")->required()->type_name("FILE");
   command
       .add_option("--k", options.k, "Neighbours per query; above the collection its size counts")
-      ->check(CLI::PositiveNumber)
+      ->check(at_least(1))
       ->capture_default_str();
   command
       .add_option("--delta", options.delta,
                   "Capacity steps: 0 sends every word whole to the nearest word, more are "
                   "closer to the full transport distance")
-      ->check(CLI::NonNegativeNumber)
+      ->check(at_least(0))
       ->capture_default_str();
   command
       .add_option("--mode", options.mode,
@@ -29,12 +45,12 @@ void add_run_options(CLI::App& command, RunOptions& options) {
   command
       .add_option("--threads", options.threads,
                   "Threads per process (default: hardware threads over local processes)")
-      ->check(CLI::PositiveNumber);
+      ->check(at_least(1));
   command
       .add_option("--limit-resident", options.limit_resident, "At most so many resident documents")
-      ->check(CLI::PositiveNumber);
+      ->check(at_least(1));
   command.add_option("--limit-queries", options.limit_queries, "At most so many queries")
-      ->check(CLI::PositiveNumber);
+      ->check(at_least(1));
   command
       .add_option("--format", options.format,
                   "library: \"query\", \"neighbour\", \"distance\"; tsv, jsonl: query, "
@@ -56,8 +72,14 @@ void add_run_options(CLI::App& command, RunOptions& options) {
       .add_option("--memory-limit", options.memory_limit_gib,
                   "GiB that the processes of a machine may plan for together (default: 80 % of "
                   "its memory)")
-      ->check(CLI::PositiveNumber);
+      ->check(at_least(0));
   command.add_flag("--verbose", options.verbose, "List what was left out");
+}
+
+void check_run_options(const RunOptions& options) {
+  if (options.out == options.matrix) {
+    throw CLI::ValidationError("--matrix", options.matrix + " is also the name after --out");
+  }
 }
 
 }  // namespace talvik::tool

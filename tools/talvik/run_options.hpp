@@ -25,7 +25,14 @@ struct RunOptions {
   bool verbose = false;
 };
 
+/// Accepts numbers from smallest on; what is no number at all is left to the option's own
+/// conversion.
+CLI::Validator at_least(long long smallest);
+
 void add_run_options(CLI::App& command, RunOptions& options);
+
+/// Throws CLI::ValidationError where options that are right each contradict one another.
+void check_run_options(const RunOptions& options);
 
 }  // namespace talvik::tool
 

@@ -1,0 +1,304 @@
+// The host program's parts that need no process group: files, formats, selection, checks.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <limits>
+
+#include "input_checks.hpp"
+#include "load_corpus.hpp"
+#include "majority_vote.hpp"
+#include "memory_plan.hpp"
+#include "neighbour_lists.hpp"
+#include "npy.hpp"
+#include "output_file.hpp"
+#include "progress.hpp"
+#include "result_writer.hpp"
+#include "run_error.hpp"
+#include "support/files.hpp"
+
+namespace talvik::tool {
+namespace {
+
+using test::embedding_bytes;
+using test::embedding_record;
+using test::read_file;
+using test::TempDir;
+using test::WordVector;
+using test::write_file;
+
+/// The text of the RunError that code throws.
+template <class Code>
+std::string error_of(const Code& code) {
+  try {
+    code();
+  } catch (const RunError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+std::string written(const NeighbourLists& lists, bool skip_first, Format format,
+                    const DocumentNames& names) {
+  std::string all;
+  write_results(lists, skip_first, format, names, [&](const std::string& text) { all += text; });
+  return all;
+}
+
+const NeighbourLists two_lists{2, 2, {1, 0, 0, 1}, {0.73182f, 2.0f / 3, 0.0f, 1e30f}};
+const LabelList query_ids{5, 6}, resident_ids{10, 18446744073709551615ul};
+
+TEST(ResultFile, LibraryLinesCarrySixDigitsAndIdentifiers) {
+  EXPECT_EQ(written({1, 2, {1, 0}, {0.73182f, 2.0f}}, false, Format::library,
+                    {&query_ids, &resident_ids}),
+            "\"5\", \"18446744073709551615\", \"0.731820\"\n\"5\", \"10\", \"2.000000\"\n");
+}
+
+TEST(ResultFile, TabbedAndJsonLinesCarryRankAndNineDigits) {
+  EXPECT_EQ(written(two_lists, false, Format::tsv, {}),
+            "query\tneighbour\trank\tdistance\n0\t1\t1\t0.731819987\n0\t0\t2\t0.666666687\n"
+            "1\t0\t1\t0\n1\t1\t2\t1.00000002e+30\n");
+  // The query itself stands first in a self run: ranks count from the entry after it.
+  EXPECT_EQ(
+      written({1, 2, {0, 1}, {0, 0.5f}}, true, Format::jsonl, {&query_ids, &resident_ids}),
+      "{\"query\": 5, \"neighbour\": 18446744073709551615, \"rank\": 1, \"distance\": 0.5}\n");
+  EXPECT_EQ(
+      written({1, 1, {0}, {std::numeric_limits<float>::quiet_NaN()}}, false, Format::jsonl, {}),
+      "{\"query\": 0, \"neighbour\": 0, \"rank\": 1, \"distance\": null}\n");
+}
+
+TEST(SelfRun, TheQueryComesFirstAndTheOthersKeepTheirOrder) {
+  // 0: at the front; 1: behind a duplicate; 2: pushed out by duplicates, takes the last place
+  NeighbourLists lists{3, 3, {0, 4, 5, 3, 4, 1, 6, 7, 8}, {0, .1f, .2f, 0, 0, .3f, 0, 0, 0.5f}};
+  put_self_first(lists, {0, 1, 2});
+  EXPECT_EQ(lists.neighbours, (std::vector<int>{0, 4, 5, 1, 3, 4, 2, 6, 7}));
+  EXPECT_EQ(lists.distances, (std::vector<float>{0, .1f, .2f, .3f, 0, 0, 0, 0, 0}));
+}
+
+TEST(MajorityVote, TiedClassesGoToTheNearestMember) {
+  EXPECT_EQ(vote_sizes(10), (std::vector<int>{1, 3, 5, 9}));
+  EXPECT_EQ(vote_sizes(2), (std::vector<int>{1}));
+  EXPECT_TRUE(vote_sizes(0).empty());
+  const LabelList resident{7, 8, 8, 9};
+  // First row: 7, then 7:1 8:1 9:1 (7 is nearest), then 8 has two.  Second: always 8 but for the
+  // skipped entry.
+  const NeighbourLists lists{2, 5, {3, 0, 1, 3, 2, 0, 1, 2, 1, 2}, {0, 1, 2, 3, 4, 0, 1, 2, 3, 4}};
+  EXPECT_EQ(vote_errors(lists, {1, 3, 4}, true, {7, 8}, resident),
+            (std::vector<double>{0, 0, 0.5}));
+}
+
+TEST(Npy, HeaderIsAlignedAndStatesTheShape) {
+  const std::string header = npy_header(500, 60000);
+  EXPECT_EQ(header.size() % 64, 0u);
+  EXPECT_EQ(header.substr(0, 8), std::string("\x93NUMPY\x01\x00", 8));
+  EXPECT_EQ(static_cast<unsigned char>(header[8]) + 256 * header[9],
+            static_cast<int>(header.size()) - 10);
+  EXPECT_EQ(header.substr(10, 68),
+            "{'descr': '<f4', 'fortran_order': False, 'shape': (500, 60000), }   ");
+  EXPECT_EQ(header.back(), '\n');
+}
+
+TEST(Npy, ShardsOfEitherSplitJoinToTheSameMatrix) {
+  const TempDir dir;
+  const auto save = [&](const std::string& name, const auto& write) {
+    OutputFile file(dir / name);
+    write(file);
+    file.commit();
+    return read_file(dir / name);
+  };
+  const std::vector<float> whole{0, 1, 2, 10, 11, 12};  // 2 x 3
+  const std::string expected =
+      save("whole", [&](OutputFile& file) { write_npy(file, whole.data(), 2, 3); });
+  EXPECT_EQ(expected.size(), 128 + 6 * sizeof(float));
+
+  save("r0", [&](OutputFile& file) { write_npy(file, whole.data(), 1, 3); });
+  save("r1", [&](OutputFile& file) { write_npy(file, nullptr, 0, 3); });
+  save("r2", [&](OutputFile& file) { write_npy(file, whole.data() + 3, 1, 3); });
+  EXPECT_EQ(save("rows",
+                 [&](OutputFile& file) {
+                   merge_npy(file, {{dir / "r0", 1, 3}, {dir / "r1", 0, 3}, {dir / "r2", 1, 3}},
+                             Join::one_below_the_other);
+                 }),
+            expected);
+
+  const std::vector<float> left{0, 10}, right{1, 11, 2, 12};  // a row per resident document
+  save("c0", [&](OutputFile& file) { write_npy_transposed(file, left.data(), 1, 2); });
+  save("c1", [&](OutputFile& file) { write_npy_transposed(file, right.data(), 2, 2); });
+  save("c2", [&](OutputFile& file) { write_npy_transposed(file, nullptr, 0, 2); });
+  EXPECT_EQ(save("columns",
+                 [&](OutputFile& file) {
+                   merge_npy(file, {{dir / "c0", 2, 1}, {dir / "c1", 2, 2}, {dir / "c2", 2, 0}},
+                             Join::side_by_side);
+                 }),
+            expected);
+}
+
+TEST(OutputFile, AppearsOnlyWhenItIsWhole) {
+  const TempDir dir;
+  write_file(dir / "result", "old");
+  {
+    OutputFile abandoned(dir / "result");
+    abandoned.write("half");
+  }
+  EXPECT_EQ(read_file(dir / "result"), "old");
+  OutputFile file(dir / "result");
+  file.write("whole");
+  EXPECT_EQ(read_file(dir / "result"), "old");
+  file.commit();
+  EXPECT_EQ(read_file(dir / "result"), "whole");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(OutputFile, RefusesWhatARenameWouldReplace) {
+  const TempDir dir;
+  EXPECT_EQ(error_of([&] { OutputFile file(dir.path()); }),
+            dir.path().string() + ": is a directory, the name of a result file was expected");
+  EXPECT_EQ(error_of([] { OutputFile file("/dev/null"); }),
+            "/dev/null: exists and is not a regular file");
+  EXPECT_EQ(error_of([&] { OutputFile file(dir / "none/result"); }),
+            (dir / "none/result") + ": cannot be created: No such file or directory");
+}
+
+TEST(EmbeddingCheck, EveryDefectIsNamedWithItsPlace) {
+  const TempDir dir;
+  const std::string path = dir / "words.bin";
+  const auto found = [&](const std::string& bytes) {
+    write_file(path, bytes);
+    const std::string text = error_of([&] { check_embedding_file(path); });
+    return text.substr(text.find(path) == 0 ? path.size() + 2 : 0);
+  };
+  const std::vector<WordVector> good{
+      {"cat", {0.5f, 0.25f}}, {"dog", {0, 0}}, {"g\xc3\xa4ns", {1, 2}}};
+  const std::string bytes = embedding_bytes(good);
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+
+  EXPECT_EQ(found(bytes), "no error");
+  EXPECT_EQ(found(""), "is empty");
+  EXPECT_EQ(found("cat 0.1 0.2\n"),
+            "does not begin with two integers, records and floats per vector (talvik convert makes "
+            "embedding files from text)");
+  EXPECT_EQ(found("0 2\n"), "the header announces 0 records of 2 floats");
+  EXPECT_EQ(found("4000000000000000000 4000000000000000000" + bytes.substr(3)),
+            "the header announces 4000000000000000000 records of 4000000000000000000 floats, which "
+            "do not fit into the file's 81 bytes (cut short, or a wrong header)");
+  EXPECT_EQ(found(bytes.substr(0, bytes.size() - 2)), "ends within record 3 of 3");
+  EXPECT_EQ(found("2 2\ncat 0.1 0.2\ndog 0.3 0.4\n"),
+            "is a text file (talvik convert makes an embedding file of it)");
+  EXPECT_EQ(found(embedding_bytes({{"cat", {1, 2}}, {"dog", {0, nan}}})),
+            "value 2 of record 2, word 'dog', is not a finite number");
+  EXPECT_EQ(found(embedding_bytes({{"cat", {1, 2}}, {"cat", {3, 4}}})),
+            "records 1 and 2 are of the same word 'cat'");
+  // Bytes turned round: 0.5 reads as 8.8e-44, 0.25 as 4.6e-41.
+  std::string swapped = "1 2\ncat ";
+  for (const float value : {0.5f, 0.25f}) {
+    const std::string record = embedding_record({"", {value}});
+    swapped.append(record.rbegin(), record.rend() - 1);
+  }
+  EXPECT_EQ(found(swapped),
+            "the values of record 1, word 'cat', are implausible (magnitude 4.6e-41): the floats "
+            "must be little-endian");
+}
+
+TEST(EmbeddingCheck, CountsZeroRowsAndWhatFollowsTheLastRecord) {
+  const TempDir dir;
+  const std::string path = dir / "words.bin";
+  std::vector<WordVector> records;
+  for (int i = 0; i < 8; ++i)
+    records.push_back({std::string("w").append(std::to_string(i)), {0, i < 7 ? 0.0f : 1.0f}});
+  write_file(path, embedding_bytes(records) + "more");
+  const EmbeddingFacts facts = check_embedding_file(path);
+  EXPECT_EQ(facts.num_words, 8);
+  EXPECT_EQ(facts.vec_size, 2);
+  EXPECT_EQ(facts.num_zero_rows, 7);
+  EXPECT_EQ(facts.zero_words, (std::vector<std::string>{"'w0'", "'w1'", "'w2'", "'w3'", "'w4'"}));
+  EXPECT_EQ(facts.trailing_bytes, 4);
+}
+
+TEST(IdxCheck, EveryDefectIsNamed) {
+  const TempDir dir;
+  const std::string path = dir / "images";
+  const auto found = [&](const std::string& bytes, bool images = true) {
+    write_file(path, bytes);
+    const std::string text =
+        error_of([&] { images ? check_idx_images(path) : check_idx_labels(path); });
+    return text.substr(text.find(path) == 0 ? path.size() + 2 : 0);
+  };
+  const std::string image = test::idx_image({{1, 1, 9}});
+  EXPECT_EQ(found(test::idx_image_header(1) + image), "no error");
+  EXPECT_EQ(found(test::idx_label_header(2) + "ab", false), "no error");
+  EXPECT_EQ(found(""), "is empty");
+  EXPECT_EQ(found("short"), "holds 5 bytes, less than an IDX header of 16");
+  EXPECT_EQ(found(test::idx_label_header(2) + "abcdefgh"),
+            "not an IDX image file (begins with 00000801, not 00000803)");
+  EXPECT_EQ(found(std::string("\x01\x08\0\0\x02\0\0\0ab", 10), false),
+            "not an IDX label file (begins with 01080000, not 00000801): its header must be "
+            "big-endian");
+  EXPECT_EQ(
+      found(std::string("\x1f\x8b\x08\0", 4) + std::string(20, 'x')),
+      "not an IDX image file (begins with 1f8b0800, not 00000803): it is compressed with gzip");
+  EXPECT_EQ(found(test::idx_image_header(1, 32, 32) + image),
+            "holds images of 32 x 32 pixels, 28 x 28 were expected");
+  EXPECT_EQ(found(test::idx_image_header(4000000000u) + image),
+            "the header announces 4000000000 images, which need 3136000000016 bytes; the file "
+            "holds 800");
+  EXPECT_EQ(found(test::idx_image_header(0)), "holds no images");
+}
+
+TEST(CorpusList, OrderIsByClassAndNumberWhateverTheFileSystem) {
+  const TempDir dir;
+  for (const char* name : {"b/10", "b/9", "a/x/2", "a/100", "documents.tsv"}) {
+    write_file(dir / name, "text");
+  }
+  std::vector<std::string> order;
+  for (const CorpusFile& file : list_corpus(dir.path().string() + "/")) {
+    order.push_back(file.class_name + " " + std::to_string(file.id));
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{"a 100", "a/x 2", "b 9", "b 10"}));
+
+  const std::string root = dir.path();
+  const auto found = [&](const std::string& name) {
+    write_file(dir / name, "text");
+    const std::string text = error_of([&] { list_corpus(root); });
+    std::filesystem::remove(dir / name);
+    return text;
+  };
+  EXPECT_EQ(found("a/7.txt"), root + "/a/7.txt: the file's name is not a decimal number");
+  EXPECT_EQ(found("a/-7"), root + "/a/-7: the file's name is not a decimal number");
+  EXPECT_EQ(found("a/18446744073709551616"),
+            root + "/a/18446744073709551616: the file's name is a number of more than 64 bits");
+  EXPECT_EQ(error_of([&] { list_corpus(dir / "b/9"); }),
+            (dir / "b/9") + ": is a file, a directory was expected");
+  EXPECT_EQ(error_of([&] { list_corpus(dir / "b"); }),
+            (dir / "b") +
+                ": holds no documents (DIR/CLASS/NUMBER was expected; talvik prepare "
+                "makes such a tree)");
+}
+
+TEST(Choice, IsSpreadEvenlyAndAscending) {
+  EXPECT_EQ(choose_spread(7, 3), (std::vector<int>{0, 2, 4}));
+  EXPECT_EQ(choose_spread(3, 5), (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(choose_spread(3, 0), (std::vector<int>{0, 1, 2}));
+}
+
+TEST(MemoryPlan, RefusesWithTheNumbers) {
+  RunShape shape;
+  shape.matrix_rows = 1 << 15;
+  shape.matrix_cols = 1 << 15;   // 4 GiB
+  shape.ground_words = 1 << 14;  // 1 GiB
+  const MemoryPlan plan = plan_memory(shape);
+  EXPECT_EQ(plan.matrix_bytes, 4 * gib);
+  EXPECT_EQ(plan.ground_bytes, gib);
+  EXPECT_EQ(plan.working_bytes, 0.25 * gib);  // a batch's distances stay bounded
+  EXPECT_EQ(over_budget(plan, 2, 10.5 * gib), "");
+  EXPECT_EQ(over_budget(plan, 2, 10.4 * gib),
+            "the run needs 10.50 GiB on this machine, over the memory limit of 10.40 GiB: 2 "
+            "process(es), each with 4.00 GiB of distance matrix, 1.00 GiB of ground distances, "
+            "0.00 GiB of data, 0.25 GiB of working memory");
+}
+
+TEST(Progress, LineStatesShareRateAndRemainingTime) {
+  EXPECT_EQ(progress_line("second direction", 0.25, 4e6, 30),
+            "second direction  25 %  3.33e+04 pairs/s  1:30 left");
+}
+
+}  // namespace
+}  // namespace talvik::tool
