@@ -249,9 +249,16 @@ TEST_F(CorpusRun, ASelfRunLeavesEveryDocumentItselfOut) {
 
 TEST_F(CorpusRun, MoreProcessesThanDocumentsIsNoObstacle) {
   for (const std::string mode : {"two-way", "ground", "split", "scale-out"}) {
-    const Ran ran = run(4, inputs() + "--threads 1 --limit-resident 2 --limit-queries 2 --mode " +
-                               mode + " --out " + (dir_ / "out") + " --matrix " + (dir_ / "m.npy"));
+    const Ran ran =
+        run(4, inputs() + "--threads 1 --limit-resident 2 --limit-queries 2 --mode " + mode +
+                   " --out " + (dir_ / "out") + " --keep-shards --matrix " + (dir_ / "m.npy"));
     EXPECT_EQ(ran.status, 0) << mode << ran.output;
+    size_t shard_bytes = 0;
+    for (const char* shard : {"m.npy.0", "m.npy.1", "m.npy.2", "m.npy.3"}) {
+      shard_bytes += std::filesystem::file_size(dir_ / shard);
+    }
+    constexpr size_t header_bytes = 128, cells = 2 * 2;
+    EXPECT_EQ(shard_bytes, 4 * header_bytes + cells * sizeof(float)) << mode;
     const std::string lists = read_file(dir_ / "out");
     EXPECT_EQ(std::count(lists.begin(), lists.end(), '\n'), 4) << mode << ran.output;
   }
