@@ -94,6 +94,7 @@ int main(int argc, char** argv) {
     return benchmark::RegisterBenchmark(name, function, arguments...)
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime()
+        ->MeasureProcessCPUTime()
         ->Iterations(1)
         ->Repetitions(5);
   };

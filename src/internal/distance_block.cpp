@@ -41,9 +41,14 @@ int nearest_of(const QueryBatch& batch, int doc, int steps, StepRule rule) {
   return nearest_of_document(steps, entries_of(batch, doc));
 }
 
+// A panel holds the score of word v and row r at r*panel_stride + v.  The line that a stride has
+// more than its words spreads the rows over all sets of the caches: at a stride of 4 KiB, the same
+// word of all rows shares a few of them, and the reduction took half as long again.
+int panel_stride(const TilePlan& plan) { return plan.panel_words + line_floats; }
+
 // Every thread's part of the panels starts at a line of its own.
 long long panel_floats_of_thread(const TilePlan& plan, int rows) {
-  return 1ll * plan.panel_words * rows + line_floats;
+  return 1ll * panel_stride(plan) * rows + line_floats;
 }
 
 float* line_start(float* p) {
@@ -52,10 +57,11 @@ float* line_start(float* p) {
   return p + (line_bytes - address % line_bytes) % line_bytes / sizeof(float);
 }
 
-// A stage holds, for one chunk of documents and one panel of words, the nearest scores and then the
-// weights behind them: value of slot t, document j, word v at ((t*width) + j)*stage_stride + v.
-// The line that a stride has more than a panel keeps the documents from sharing cache sets.
-long long stage_stride(const TilePlan& plan) { return plan.panel_words + line_floats; }
+// A stage holds, for one chunk of documents and the words of a strip, or of a whole panel where its
+// nearest entries are found in several passes, the nearest scores and then the weights behind them:
+// value of slot t, document j, word v at ((t*width) + j)*stage_stride + v.  The line that a stride
+// has more than its words keeps the documents from sharing cache sets.
+long long stage_stride(const TilePlan& plan) { return plan.stage_words + line_floats; }
 
 long long stage_floats(const TilePlan& plan, int slots) {
   return 2ll * slots * plan.width * stage_stride(plan);
@@ -76,18 +82,20 @@ TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
   const bool in_place = request.source == DistanceSource::ground_of_entry;
   return plan_tiles(request.budget, request.threads, vocabulary.voc_size,
                     in_place ? 0 : largest_pass(*batch.distinct, group),
-                    group.last_doc - group.first_doc, nearest, nearest_slots(nearest));
+                    group.last_doc - group.first_doc, nearest, nearest_slots(nearest),
+                    group.last_pass - group.first_pass > 1);
 }
 
-// Scores of words [first_word, first_word + words) with the rows of a pass.
+// Dot products of words [first_word, first_word + words) with rows: of word v and row r at
+// scores[r*stride + v].
 void multiply(const Vocabulary& vocabulary, const float* rows, int num_rows, int first_word,
               int words, float* scores, int stride) {
   using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
   const Eigen::Index m = vocabulary.vec_size;
   const Eigen::Map<const Rows> W(vocabulary.rows + first_word * m, words, m);
   const Eigen::Map<const Eigen::MatrixXf> X(rows, m, num_rows);  // a row of ours is a column of it
-  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<>> Y(scores, words, num_rows,
-                                                         Eigen::OuterStride<>(stride));
+  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<> > Y(scores, words, num_rows,
+                                                          Eigen::OuterStride<>(stride));
   Y.noalias() = W * X;
 }
 
@@ -109,7 +117,7 @@ void gather(const GroupTask& task, const RowPass& pass, int first_word, int word
 
 Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int words,
                  float* scores) {
-  const int stride = task.plan.panel_words;
+  const int stride = panel_stride(task.plan);
   const int padded = static_cast<int>(round_up(words, line_floats));
   switch (task.request.source) {
     case DistanceSource::ground_of_entry:
@@ -195,6 +203,28 @@ void store_chunk(const GroupTask& task, const Block& block, int chunk, int docs,
   }
 }
 
+// Where a pass stands among those of its group.  With several, the group is a single document.
+struct PassPlace {
+  bool first, last;
+};
+
+// One strip of a panel: the nearest entries of every document, chunk by chunk.  The strip may be
+// padded; words are real.
+void reduce_strip(const GroupTask& task, const Block& block, const RowPass& pass,
+                  const PassPlace& place, const Panel& strip, int first_word, int words,
+                  float* stage) {
+  const int width = task.plan.width;
+  for (int chunk = 0; chunk < chunks_of(block.tables.docs, width); ++chunk) {
+    const int docs = std::min(width, block.tables.docs - chunk * width);
+    for (int j = 0; j < docs; ++j) {
+      const int doc = block.first_doc + chunk * width + j;
+      find_nearest_entries(strip, entries_in_pass(task, doc, pass), task.slots, !place.first,
+                           state_of(task, stage, j));
+    }
+    if (place.last) store_chunk(task, block, chunk, docs, first_word, words, stage);
+  }
+}
+
 // One panel of words against all passes of the group, into the block's tables.
 void compute_panel(GroupTask& task, const Block& block, int first_word, int words, int thread) {
   const DistinctRows& distinct = *task.batch.distinct;
@@ -202,21 +232,17 @@ void compute_panel(GroupTask& task, const Block& block, int first_word, int word
   float* scores = line_start(task.panels + thread * panel_floats_of_thread(task.plan, rows));
   float* stage =
       task.stages.data() + static_cast<std::size_t>(thread * stage_floats(task.plan, task.slots));
-  const int width = task.plan.width;
+  const bool several_passes = task.group.last_pass - task.group.first_pass > 1;
   for (int p = task.group.first_pass; p < task.group.last_pass; ++p) {
     const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
     const Panel panel = fill_panel(task, pass, first_word, words, scores);
-    const bool resume = p > task.group.first_pass;  // then the group is a single document
-    for (int chunk = 0; chunk < chunks_of(block.tables.docs, width); ++chunk) {
-      const int docs = std::min(width, block.tables.docs - chunk * width);
-      for (int j = 0; j < docs; ++j) {
-        const int doc = block.first_doc + chunk * width + j;
-        find_nearest_entries(panel, entries_in_pass(task, doc, pass), task.slots, resume,
-                             state_of(task, stage, j));
-      }
-      if (p + 1 == task.group.last_pass) {
-        store_chunk(task, block, chunk, docs, first_word, words, stage);
-      }
+    const PassPlace place{p == task.group.first_pass, p + 1 == task.group.last_pass};
+    for (int offset = 0; offset < words; offset += task.plan.strip_words) {
+      Panel strip = panel;
+      strip.scores += offset;
+      strip.words = std::min(task.plan.strip_words, panel.words - offset);
+      reduce_strip(task, block, pass, place, strip, first_word + offset,
+                   std::min(strip.words, words - offset), several_passes ? stage + offset : stage);
     }
   }
 }

@@ -30,7 +30,7 @@ using Vector = hn::Vec<Floats>;
 constexpr std::size_t lanes = HWY_LANES(float);
 
 // How far ahead the rows of coming entries are fetched: they are picked all over the panel.
-constexpr int prefetch_entries = 4;
+constexpr int prefetch_entries = 8;
 
 // Registers for K nearest of U vectors of words.
 template <int K, int U>

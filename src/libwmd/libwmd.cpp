@@ -15,6 +15,7 @@
 #include "internal/engine_sizes.hpp"
 #include "internal/failure.hpp"
 #include "internal/ground_distances.hpp"
+#include "internal/large_pages.hpp"
 #include "internal/normalise.hpp"
 #include "internal/partition.hpp"
 #include "internal/select_smallest.hpp"
@@ -167,6 +168,7 @@ struct Buffer {
   Buffer(long long asked, long long needed, const std::string& message)
       : floats(new (std::nothrow) float[static_cast<std::size_t>(std::max(asked, needed))]) {
     if (!floats) internal::fail(message);
+    internal::advise_large_pages(floats, static_cast<std::size_t>(needed) * sizeof(float));
   }
   ~Buffer() { delete[] floats; }
   Buffer(const Buffer&) = delete;
