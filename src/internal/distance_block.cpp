@@ -78,73 +78,88 @@ int largest_pass(const DistinctRows& distinct, const DocumentGroup& group) {
 
 TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
                     const BlockRequest& request, const DocumentGroup& group, int nearest) {
-  // Ground distances of an entry lie side by side: they are read where they are.
-  const bool in_place = request.source == DistanceSource::ground_of_entry;
   return plan_tiles(request.budget, request.threads, vocabulary.voc_size,
-                    in_place ? 0 : largest_pass(*batch.distinct, group),
-                    group.last_doc - group.first_doc, nearest, nearest_slots(nearest),
-                    group.last_pass - group.first_pass > 1);
+                    largest_pass(*batch.distinct, group), group.last_doc - group.first_doc, nearest,
+                    nearest_slots(nearest), group.last_pass - group.first_pass > 1);
 }
 
 // Dot products of words [first_word, first_word + words) with rows: of word v and row r at
 // scores[r*stride + v].
 void multiply(const Vocabulary& vocabulary, const float* rows, int num_rows, int first_word,
-              int words, float* scores, int stride) {
+              int words, float* scores, std::size_t stride) {
   using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
   const Eigen::Index m = vocabulary.vec_size;
   const Eigen::Map<const Rows> W(vocabulary.rows + first_word * m, words, m);
   const Eigen::Map<const Eigen::MatrixXf> X(rows, m, num_rows);  // a row of ours is a column of it
-  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<> > Y(scores, words, num_rows,
-                                                          Eigen::OuterStride<>(stride));
+  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<> > Y(
+      scores, words, num_rows, Eigen::OuterStride<>(static_cast<Eigen::Index>(stride)));
   Y.noalias() = W * X;
 }
 
-// The same from a ground-distance matrix, a line of words at a time.
-void gather(const GroupTask& task, const RowPass& pass, int first_word, int words, float* scores,
-            int stride) {
+int word_of_row(const GroupTask& task, int row) {
+  return task.batch.ind[task.batch.distinct->entry_of_row[static_cast<std::size_t>(row)]];
+}
+
+// The same from a ground-distance matrix with the vocabulary words in its rows: a line of words at
+// a time.  The rows of the batch ascend by word, so each of these words' distances is read in
+// order.
+void gather_by_word(const GroupTask& task, const RowPass& pass, int first_word, int words,
+                    float* scores, std::size_t stride) {
   const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
   for (int v = 0; v < words; v += line_floats) {
     const int line = std::min(line_floats, words - v);
     const float* ground = task.request.ground + static_cast<std::size_t>(first_word + v) * voc_size;
     for (int r = pass.first_row; r < pass.last_row; ++r) {
-      const int entry = task.batch.distinct->entry_of_row[static_cast<std::size_t>(r)];
-      const float* column = ground + task.batch.ind[entry];
+      const float* column = ground + word_of_row(task, r);
       float* score = scores + static_cast<std::size_t>(r - pass.first_row) * stride + v;
       for (int i = 0; i < line; ++i) score[i] = column[static_cast<std::size_t>(i) * voc_size];
     }
   }
 }
 
+// The same with the query words in the rows of the matrix.  A copy, though the distances could be
+// read where they are: there, a document's rows lie pages apart.
+void gather_by_entry(const GroupTask& task, const RowPass& pass, int first_word, int words,
+                     float* scores, std::size_t stride) {
+  const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
+  for (int r = pass.first_row; r < pass.last_row; ++r) {
+    const float* ground =
+        task.request.ground + static_cast<std::size_t>(word_of_row(task, r)) * voc_size;
+    std::copy_n(ground + first_word, words,
+                scores + static_cast<std::size_t>(r - pass.first_row) * stride);
+  }
+}
+
+// The panel is padded to whole lines; what stands there means nothing.
 Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int words,
                  float* scores) {
-  const int stride = panel_stride(task.plan);
-  const int padded = static_cast<int>(round_up(words, line_floats));
+  const std::size_t stride = static_cast<std::size_t>(panel_stride(task.plan));
+  Panel panel{scores, stride, static_cast<int>(round_up(words, line_floats)), 1, nullptr};
   switch (task.request.source) {
     case DistanceSource::ground_of_entry:
-      return {task.request.ground + first_word, static_cast<std::size_t>(task.vocabulary.voc_size),
-              words, 1, nullptr};
-    case DistanceSource::ground_of_word:
-      gather(task, pass, first_word, words, scores, stride);
-      return {scores, static_cast<std::size_t>(stride), padded, 1, nullptr};
-    case DistanceSource::vectors:
+      gather_by_entry(task, pass, first_word, words, scores, stride);
       break;
+    case DistanceSource::ground_of_word:
+      gather_by_word(task, pass, first_word, words, scores, stride);
+      break;
+    case DistanceSource::vectors:
+      multiply(task.vocabulary,
+               task.batch.rows + static_cast<std::size_t>(pass.first_row) *
+                                     static_cast<std::size_t>(task.vocabulary.vec_size),
+               pass.last_row - pass.first_row, first_word, words, scores, stride);
+      panel.scale = score_per_dot;
+      if (task.request.metric == Metric::euclidean) {
+        panel.row_bias = task.batch.row_norms + pass.first_row;
+      }
   }
-  multiply(task.vocabulary,
-           task.batch.rows + static_cast<std::size_t>(pass.first_row) *
-                                 static_cast<std::size_t>(task.vocabulary.vec_size),
-           pass.last_row - pass.first_row, first_word, words, scores, stride);
-  const bool with_norms = task.request.metric == Metric::euclidean;
-  return {scores, static_cast<std::size_t>(stride), padded, score_per_dot,
-          with_norms ? task.batch.row_norms + pass.first_row : nullptr};
+  return panel;
 }
 
 // The entries of a document that lie in a pass.
 EntryRange entries_in_pass(const GroupTask& task, int doc, const RowPass& pass) {
   const int first = std::max(task.batch.start[doc], pass.first_entry);
   const int last = std::min(task.batch.start[doc + 1], pass.last_entry);
-  const int* row = task.request.source == DistanceSource::ground_of_entry
-                       ? task.batch.ind
-                       : task.batch.distinct->row_of_entry.data();
+  const int* row = task.batch.distinct->row_of_entry.data();
   return {row + first, task.batch.weight + first, std::max(last - first, 0)};
 }
 
@@ -313,11 +328,10 @@ int nearest_of_batch(const QueryBatch& batch, int steps, StepRule rule) {
 BlockSizes block_sizes(const Vocabulary& vocabulary, const QueryBatch& batch,
                        const BlockRequest& request) {
   const int nearest = nearest_of_batch(batch, request.steps, request.rule);
-  const bool in_place = request.source == DistanceSource::ground_of_entry;
   BlockSizes sizes{0, 0};
   for (const DocumentGroup& group : batch.distinct->groups) {
     const TilePlan plan = plan_group(vocabulary, batch, request, group, nearest);
-    const int rows = in_place ? 0 : largest_pass(*batch.distinct, group);
+    const int rows = largest_pass(*batch.distinct, group);
     sizes.panels =
         std::max(sizes.panels, std::max(request.threads, 1) * panel_floats_of_thread(plan, rows));
     sizes.table = std::max(sizes.table, 1ll * plan.window_docs * plan.block_words);

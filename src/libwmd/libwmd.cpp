@@ -213,10 +213,9 @@ int remove_vocabulary_cpu() {
 
 int copy_raw_data2_cpu(int n2, int* ind2, float* weight2, int num_docs2_, int* start2_) {
   copy_query_documents(n2, weight2, num_docs2_, start2_);
-  // Prefetching may run ahead of the last entry.
-  host::ind2 = new int[static_cast<std::size_t>(n2) + internal::row_padding]();
-  std::copy_n(ind2, n2, host::ind2);
+  host::ind2 = copy_of(ind2, static_cast<std::size_t>(n2));
   host::distinct2 = distinct_rows_of(host::ind2, sizeof(int));
+  internal::order_rows(host::ind2, host::distinct2);
   return 1;
 }
 
@@ -260,6 +259,8 @@ int remove_ground_distances_cpu() {
 }
 
 int compute_ground_distances_cpu(float* D_ground) {
+  const std::size_t pairs = elements(host::voc_size, host::voc_size);
+  internal::advise_large_pages(D_ground, pairs * sizeof(float));
   internal::compute_ground_matrix(held_vocabulary(),
                                   internal::chosen_metric(use_cosine, normalize_embeddings),
                                   num_cpu_threads, D_ground);
