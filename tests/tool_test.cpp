@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <limits>
 
 #include "input_checks.hpp"
@@ -158,6 +159,17 @@ TEST(OutputFile, RefusesWhatARenameWouldReplace) {
             (dir / "none/result") + ": cannot be created: No such file or directory");
 }
 
+TEST(OutputFile, WhatIsDiscardedTakesNoSpace) {
+  const TempDir dir;
+  const std::string path = dir / "lists";
+  write_file(path, "of an earlier run");
+  make_discarded(path);
+  std::ofstream(path) << "of this one";
+  EXPECT_EQ(read_file(path), "");
+  EXPECT_EQ(error_of([&] { make_discarded(dir / "none/lists"); }),
+            (dir / "none/lists") + ": cannot be created: No such file or directory");
+}
+
 TEST(EmbeddingCheck, EveryDefectIsNamedWithItsPlace) {
   const TempDir dir;
   const std::string path = dir / "words.bin";
@@ -187,6 +199,11 @@ TEST(EmbeddingCheck, EveryDefectIsNamedWithItsPlace) {
             "value 2 of record 2, word 'dog', is not a finite number");
   EXPECT_EQ(found(embedding_bytes({{"cat", {1, 2}}, {"cat", {3, 4}}})),
             "records 1 and 2 are of the same word 'cat'");
+  std::string shorter = bytes;  // one float less than there are
+  shorter[2] = '1';
+  EXPECT_EQ(
+      found(shorter),
+      "the word of record 2, '\\x00\\x00\uFFFD>\\x0adog', holds a line break (a wrong header?)");
   // Bytes turned round: 0.5 reads as 8.8e-44, 0.25 as 4.6e-41.
   std::string swapped = "1 2\ncat ";
   for (const float value : {0.5f, 0.25f}) {
