@@ -1,5 +1,6 @@
 // The host program's parts that need no process group: files, formats, selection, checks.
 #include <gtest/gtest.h>
+#include <unistd.h>  // geteuid
 
 #include <cstdlib>
 #include <fstream>
@@ -288,6 +289,17 @@ TEST(CorpusList, OrderIsByClassAndNumberWhateverTheFileSystem) {
             (dir / "b") +
                 ": holds no documents (DIR/CLASS/NUMBER was expected; talvik prepare "
                 "makes such a tree)");
+}
+
+TEST(CorpusList, AClassThatCannotBeReadIsNotPassedOver) {
+  if (geteuid() == 0) GTEST_SKIP() << "root may read everything";
+  const TempDir dir;
+  write_file(dir / "a/1", "text");
+  write_file(dir / "b/2", "text");
+  std::filesystem::permissions(dir / "b", std::filesystem::perms::none);
+  EXPECT_EQ(error_of([&] { list_corpus(dir.path()); }),
+            (dir / "b") + ": cannot be opened: Permission denied");
+  std::filesystem::permissions(dir / "b", std::filesystem::perms::owner_all);
 }
 
 TEST(Choice, IsSpreadEvenlyAndAscending) {
