@@ -330,6 +330,10 @@ TEST(Usage, MistakesAreToldOnceWithStatusTwo) {
   expect_usage(1, files + "--mode three-way",
                "--mode: three-way not in {two-way,ground,split,scale-out}");
   expect_usage(1, files + "--matrix o", "--matrix: o is also the name after --out");
+  expect_usage(1, files + "--threads 100000", "--threads: Value 100000 not in range 1 to 4096");
+  expect_usage(1, files + "--matrix ./e", "--matrix: ./e is also an input");
+  expect_usage(1, "corpus --embeddings e --resident r --out e", "--out: e is also an input");
+  expect_usage(1, "corpus --embeddings e --resident r --out \"\"", "--out: the name is empty");
   expect_usage(2, "corpus --resident r --out o", "--embeddings is required");
   expect_usage(1, "mnist --resident-images i --resident-labels l --out o --query-images q",
                "--query-images requires --query-labels");
