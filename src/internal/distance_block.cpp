@@ -78,9 +78,12 @@ int largest_pass(const DistinctRows& distinct, const DocumentGroup& group) {
 
 TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
                     const BlockRequest& request, const DocumentGroup& group, int nearest) {
+  // Ground distances are only copied: a panel of one strip stays in the caches until it is reduced.
+  const int panel_most =
+      request.source == DistanceSource::vectors ? panel_words_most : strip_words_most;
   return plan_tiles(request.budget, request.threads, vocabulary.voc_size,
                     largest_pass(*batch.distinct, group), group.last_doc - group.first_doc, nearest,
-                    nearest_slots(nearest), group.last_pass - group.first_pass > 1);
+                    nearest_slots(nearest), panel_most, group.last_pass - group.first_pass > 1);
 }
 
 // Dot products of words [first_word, first_word + words) with rows: of word v and row r at

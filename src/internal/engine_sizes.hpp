@@ -87,9 +87,11 @@ struct TilePlan {
 /// @param docs     query documents of the group, at least 1
 /// @param nearest  nearest words per vocabulary word and document
 /// @param slots    of them, as many as are kept while they are searched
+/// @param panel_most  words of a panel at most
 /// @param several_passes  nearest entries of a panel are kept from pass to pass
 constexpr TilePlan plan_tiles(const EngineBudget& budget, int threads, int voc_size, int rows,
-                              int docs, int nearest, int slots, bool several_passes) {
+                              int docs, int nearest, int slots, int panel_most,
+                              bool several_passes) {
   threads = std::max(threads, 1);
   const int width = table_width(docs);
   const long long tables = 2ll * nearest - 1;
@@ -104,7 +106,7 @@ constexpr TilePlan plan_tiles(const EngineBudget& budget, int threads, int voc_s
   const long long strip = std::min<long long>(stage_fits, strip_words_most);
   long long panel = std::clamp<long long>(
       panels_fit / line_floats * line_floats, line_floats,
-      several_passes ? std::min<long long>(stage_fits, panel_words_most) : panel_words_most);
+      several_passes ? std::min<long long>(stage_fits, panel_most) : panel_most);
   // The same number of panels for every thread, all of about the same width.
   const long long rounds = std::max((block + threads * panel - 1) / (threads * panel), 1ll);
   panel = std::clamp<long long>(
