@@ -1,12 +1,17 @@
 # Interface targets that carry the build's options: warnings, sanitizers, the choice of a BLAS.
 
-# Everything of ours is compiled with these.
+# Everything of ours is compiled with these.  nvcc hands the host compiler's options on.
 add_library(talvik_build_options INTERFACE)
-target_compile_options(talvik_build_options INTERFACE -Wall -Wextra
-  $<$<BOOL:${TALVIK_WARNINGS_AS_ERRORS}>:-Werror>)
-if(TALVIK_SANITIZE)
+target_compile_options(talvik_build_options INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra>
+  $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-Wall,-Wextra,-fopenmp>)
+if(TALVIK_WARNINGS_AS_ERRORS)
   target_compile_options(talvik_build_options INTERFACE
-    -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+    $<$<COMPILE_LANGUAGE:CXX>:-Werror> $<$<COMPILE_LANGUAGE:CUDA>:--Werror=all-warnings>)
+endif()
+if(TALVIK_SANITIZE)
+  target_compile_options(talvik_build_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:
+    -fsanitize=address,undefined;-fno-sanitize-recover=undefined;-fno-omit-frame-pointer>)
   target_link_options(talvik_build_options INTERFACE -fsanitize=address,undefined)
 endif()
 
