@@ -18,6 +18,8 @@ inline constexpr bool device_is_emulated = false;
 inline int allocations() { return 0; }
 inline bool nothing_is_held() { return true; }
 inline long long calls_of(const std::string&) { return 0; }
+inline void set_devices(int) {}
+inline int device_in_use() { return -1; }
 
 #else
 
@@ -28,6 +30,8 @@ inline bool nothing_is_held() {
   return hostdev::live_allocations() == 0 && hostdev::live_handles() == 0;
 }
 inline long long calls_of(const std::string& call) { return hostdev::call_count(call); }
+inline void set_devices(int count) { hostdev::set_device_count(count); }
+inline int device_in_use() { return hostdev::selected_device(); }
 
 #endif
 
