@@ -35,7 +35,10 @@ float* allocate(size_t floats) {
   return pointer;
 }
 
-__global__ void write_one(int index, float* values) { values[index] = 1; }
+// By the first thread of the grid only.
+__global__ void write_one(int index, float* values) {
+  if (blockIdx.y == 0 && threadIdx.x == 0) values[index] = 1;
+}
 
 TEST_F(Hostdev, FreshMemoryHoldsNaNs) {
   float* memory = allocate(1000);
@@ -248,6 +251,25 @@ TEST_F(HostdevDeathTest, InterleavedNeighboursRunOnDifferentCpuThreads) {
   };
   EXPECT_EXIT(interleaved_run(), testing::ExitedWithCode(0), "");
 }
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+__global__ void sum_without_care(float* sum) { *sum += 1; }
+
+// Two neighbours of one block, which the same CPU thread would run one after the other.
+TEST_F(HostdevDeathTest, ThreadSanitizerSeesNeighboursRace) {
+  const auto racing_run = [] {
+    setenv("TALVIK_HOSTDEV_INTERLEAVE", "1", 1);
+    omp_set_num_threads(2);
+    float sum = 0;
+    launch(sum_without_care, 1, 128, &sum);
+    std::exit(0);
+  };
+  const int found_a_race = 66;
+  EXPECT_EXIT(racing_run(), testing::ExitedWithCode(found_a_race), "data race");
+}
+#endif
+#endif
 
 }  // namespace
 }  // namespace talvik
