@@ -141,7 +141,9 @@ std::vector<Failure> computations() {
       // 2 steps of a document of 3 entries: one step.
       {Scene::steps, "cusparseScsrmm", 0, 7, sparse + "iteration 0 7"},
       {Scene::steps, "cusparseScsrmm", 1, 6, sparse + "final iteration 6"},
-      {Scene::plain, "cudaMemcpy", 0, 1, "Failed to copy Z"},
+      {Scene::plain, "cudaMemcpy", 0, 1, "Failed to copy start2"},
+      {Scene::plain, "cudaMemcpy", 1, 1, "Failed to copy row_of_entry"},
+      {Scene::plain, "cudaMemcpy", 2, 1, "Failed to copy Z"},
       {Scene::plain, "cusparseDestroyMatDescr", 0, 1, "Matrix descriptor destruction failed"},
       {Scene::plain, "cusparseDestroy", 0, 1, "CUSPARSE Library release of resources failed"},
       {Scene::ground, "cudaMalloc", 0, 2, "Failed to allocate GPU memory for D_ground_dev"},

@@ -1,18 +1,16 @@
 // One batch's block of distances on the GPU.  Distance rows are computed once per distinct query
-// row, at the front of Y_dev, and spread behind them to one row per query entry, piece by piece;
-// of a piece's rows the nearest entries of every document are chosen, and the resident weights
-// travel there.  Kernels of the default stream run in the order of their launches, so nothing waits
-// but the copies.  Included by libwmd.cu alone.
+// row; the entries of a document point to theirs.  The nearest entries of every document are
+// chosen, and the resident weights travel there.  Kernels of the default stream run in the order of
+// their launches, so nothing waits but the copies.  Included by libwmd.cu alone.
 #ifndef TALVIK_LIBWMD_GPU_BLOCK_CUH
 #define TALVIK_LIBWMD_GPU_BLOCK_CUH
 
 #include <algorithm>
-#include <climits>
 #include <string>
 #include <vector>
 
 #include "internal/distinct_rows.hpp"
-#include "internal/gpu_plan.hpp"
+#include "internal/gpu_sizes.hpp"
 #include "libwmd/gpu_calls.cuh"
 
 namespace talvik::internal {
@@ -24,10 +22,8 @@ struct GpuBlock {
   bool precompute;  // distances from D_ground_dev
   GpuBudget budget;
 
-  DistinctRows rows;     // one row per distinct query row in vector form, none in index form
-  bool rows_repeat;      // rows.entry_of_row and rows.row_of_entry are not both 0, 1, 2, ...
-  int first_spread_row;  // of Y_dev
-  std::vector<Piece> pieces;
+  DistinctRows rows;  // one row per distinct query row in vector form, none in index form
+  bool rows_repeat;   // there are fewer of them than entries
 
   cublasHandle_t handle_blas;
   cusparseHandle_t handle_sparse;
@@ -40,27 +36,45 @@ struct GpuBlock {
   float* weight_updated;     // num_vecs, what is left of every resident entry; with steps only
   float* weight_delta;       // num_vecs, what moves; with steps only
 
+  int* start2_dev;        // start2, for the top-1 rule only
+  int* row_of_entry_dev;  // rows.row_of_entry; vector form only
+
   // Only where rows repeat.
-  int* row_of_entry_dev;  // rows.row_of_entry
   int* entry_of_row_dev;  // rows.entry_of_row
   float* X_rows_dev;      // distinct rows of a pass, vec_size each
   float* Rn_rows_dev;     // their squared norms; without normalisation only
 };
 
 using TopKernel = void (*)(int, int, float*, float*, float*, float*);
+using TopOfRowsKernel = void (*)(int, int, float*, int*, float*, float*, float*, bool);
 
-TopKernel top_kernel(int nearest, bool goes_on) {
+TopKernel top_kernel(int nearest) {
   switch (nearest) {
     case 1:
-      return goes_on ? &topN_continued<1> : &top1_single;
+      return &top1_single;
     case 2:
-      return goes_on ? &topN_continued<2> : &top2_single;
+      return &top2_single;
     case 4:
-      return goes_on ? &topN_continued<4> : &top4_single;
+      return &top4_single;
     case 8:
-      return goes_on ? &topN_continued<8> : &top8_single;
+      return &top8_single;
     default:
-      return goes_on ? &topN_continued<16> : &top16_single;
+      return &top16_single;
+  }
+}
+
+TopOfRowsKernel top_of_rows_kernel(int nearest) {
+  switch (nearest) {
+    case 1:
+      return &top_of_rows<1>;
+    case 2:
+      return &top_of_rows<2>;
+    case 4:
+      return &top_of_rows<4>;
+    case 8:
+      return &top_of_rows<8>;
+    default:
+      return &top_of_rows<16>;
   }
 }
 
@@ -79,21 +93,17 @@ int largest_pass(const DistinctRows& rows) {
   return largest;
 }
 
-// Half of the block for distinct rows at most, so that there is room to spread them.
+// With ground distances nothing is computed: all entries' rows are those of the matrix.
 void plan_block(GpuBlock& block, const std::vector<int>& row_ids) {
-  const int block_rows = rows_of_block(block.budget, voc_size);
   const int num_entries = start2[num_docs2];
   if (block.precompute) {
     block.rows.passes = {{0, 0, 0, num_entries}};
-  } else {
-    block.rows = find_distinct_rows(row_ids.data(), sizeof(int), start2, num_docs2, block_rows / 2,
-                                    num_cpu_threads);
-    block.rows_repeat = static_cast<int>(block.rows.entry_of_row.size()) < num_entries;
+    block.rows.groups = {{0, num_docs2, 0, 1}};
+    return;
   }
-  block.first_spread_row = largest_pass(block.rows);
-  const int max_docs = block.steps > 0 ? INT_MAX : block.budget.group_docs;
-  block.pieces = cut_into_pieces(start2, num_docs2, block.rows.passes,
-                                 block_rows - block.first_spread_row, max_docs);
+  block.rows = find_distinct_rows(row_ids.data(), sizeof(int), start2, num_docs2,
+                                  rows_of_block(block.budget, voc_size), num_cpu_threads);
+  block.rows_repeat = static_cast<int>(block.rows.entry_of_row.size()) < num_entries;
 }
 
 void open_libraries(GpuBlock& block) {
@@ -123,11 +133,16 @@ void allocate_buffers(GpuBlock& block) {
     block.weight_updated = allocate_on_device<float>(entries, "weight_updated");
     block.weight_delta = allocate_on_device<float>(entries, "weight_delta");
   }
-  if (block.rows_repeat) {
-    const DistinctRows& rows = block.rows;
+  const DistinctRows& rows = block.rows;
+  if (!steps) {
+    block.start2_dev = upload(start2, static_cast<std::size_t>(num_docs2) + 1, "start2");
+  }
+  if (!block.precompute) {
     const auto entries = static_cast<std::size_t>(start2[num_docs2]);
-    const int pass_rows = largest_pass(rows);
     block.row_of_entry_dev = upload(rows.row_of_entry.data(), entries, "row_of_entry");
+  }
+  if (block.rows_repeat) {
+    const int pass_rows = largest_pass(rows);
     block.entry_of_row_dev =
         upload(rows.entry_of_row.data(), rows.entry_of_row.size(), "entry_of_row");
     block.X_rows_dev = allocate_on_device<float>(elements(pass_rows, vec_size), "X_rows");
@@ -146,12 +161,11 @@ void free_buffers(GpuBlock& block) {
     free_on_device(block.weight_updated, "weight_updated");
     free_on_device(block.weight_delta, "weight_delta");
   }
-  if (block.rows_repeat) {
-    free_on_device(block.row_of_entry_dev, "row_of_entry");
-    free_on_device(block.entry_of_row_dev, "entry_of_row");
-    free_on_device(block.X_rows_dev, "X_rows");
-    free_on_device(block.Rn_rows_dev, "Rn_rows");
-  }
+  free_on_device(block.start2_dev, "start2");
+  free_on_device(block.row_of_entry_dev, "row_of_entry");
+  free_on_device(block.entry_of_row_dev, "entry_of_row");
+  free_on_device(block.X_rows_dev, "X_rows");
+  free_on_device(block.Rn_rows_dev, "Rn_rows");
 }
 
 void close_libraries(GpuBlock& block) {
@@ -188,35 +202,32 @@ void compute_rows(GpuBlock& block, const RowPass& pass) {
   convert_to_distances(rows, voc_size, block.Y_dev, RW_dev, norms);
 }
 
-// A distance row for each entry of the piece, one after the other.
-float* rows_of_piece(GpuBlock& block, const Piece& piece) {
-  const int count = piece.last_entry - piece.first_entry;
-  if (count == 0) return block.Y_dev;
-  float* source = D_ground_dev;
-  int* row_dev = nullptr;
-  if (block.precompute) {
-    row_dev = ind2_dev + piece.first_entry;
-  } else {
-    const int* row = block.rows.row_of_entry.data() + piece.first_entry;
-    if (consecutive(row, count)) return block.Y_dev + elements(row[0], voc_size);
-    source = block.Y_dev;
-    row_dev = block.row_of_entry_dev + piece.first_entry;
-  }
-  float* spread = block.Y_dev + elements(block.first_spread_row, voc_size);
-  launch(gather_matrix_rows, row_grid(count), block_shape(), count, voc_size, source, row_dev,
-         spread);
-  return spread;
+// Where the distance rows are, and which one belongs to an entry.
+float* distance_rows(const GpuBlock& block) {
+  return block.precompute ? D_ground_dev : block.Y_dev;
 }
 
-// Row r of nearest_dev: every vocabulary word's (r+1)-th nearest entry of the document, among those
-// of this piece and the pieces before.  A document without entries is far away.
-void choose_nearest(GpuBlock& block, const Piece& piece, float* piece_rows, int doc, int nearest,
-                    float* nearest_dev) {
-  const int first = std::max(start2[doc], piece.first_entry);
-  const int count = std::min(start2[doc + 1], piece.last_entry) - first;
-  launch(top_kernel(nearest, piece.goes_on), column_grid(voc_size), block_shape(), count, voc_size,
-         piece_rows + elements(first - piece.first_entry, voc_size), nearest_dev,
-         weight2_dev + first, block.weights_min_dev_t);
+int* row_of_entry(const GpuBlock& block) {
+  return block.precompute ? ind2_dev : block.row_of_entry_dev;
+}
+
+// Row r of Y_dev_t: every vocabulary word's (r+1)-th nearest entry of the document, among those of
+// this pass and, if it goes on, the passes before.  A document without entries is far away.
+void choose_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int doc) {
+  const int nearest = topk_of_document(block.steps, start2[doc + 1] - start2[doc]);
+  const int first = std::max(start2[doc], pass.first_entry);
+  const int count = std::min(start2[doc + 1], pass.last_entry) - first;
+  float* weights = weight2_dev + first;
+  const std::vector<int>& rows = block.rows.row_of_entry;  // empty in index form
+  if (!block.precompute && !goes_on && consecutive(rows.data() + first, count)) {
+    float* first_row = block.Y_dev + elements(rows[static_cast<std::size_t>(first)], voc_size);
+    launch(top_kernel(nearest), column_grid(voc_size), block_shape(), count, voc_size, first_row,
+           block.Y_dev_t, weights, block.weights_min_dev_t);
+  } else {
+    launch(top_of_rows_kernel(nearest), column_grid(voc_size), block_shape(), count, voc_size,
+           distance_rows(block), row_of_entry(block) + first, block.Y_dev_t, weights,
+           block.weights_min_dev_t, goes_on);
+  }
 }
 
 void copy_to_Z(const GpuBlock& block, int first_doc, int count) {
@@ -227,16 +238,17 @@ void copy_to_Z(const GpuBlock& block, int first_doc, int count) {
   }
 }
 
-// All weight goes to the nearest entry: one product for all documents of the piece.
-void send_to_nearest(GpuBlock& block, const Piece& piece, float* piece_rows) {
-  constexpr int nearest = 1;
-  for (int doc = piece.first_doc; doc < piece.last_doc; ++doc) {
-    choose_nearest(block, piece, piece_rows, doc, nearest,
-                   block.Y_dev_t + elements(doc - piece.first_doc, voc_size));
-  }
-  if (!piece.complete) return;
+// Row q of Y_dev_t: every vocabulary word's distance to the nearest entry of document first_doc +
+// q.
+void find_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int first_doc, int docs) {
+  launch(nearest_of_documents, column_grid(voc_size, docs), block_shape(), voc_size,
+         distance_rows(block), row_of_entry(block), block.start2_dev + first_doc, pass.first_entry,
+         pass.last_entry, block.Y_dev_t, goes_on);
+}
+
+// All weight goes to the nearest entry: one product for all documents of Y_dev_t.
+void send_to_nearest(GpuBlock& block, int first_doc, int docs) {
   const float fp1 = 1, fp0 = 0;
-  const int docs = piece.last_doc - piece.first_doc;
   const cusparseStatus_t status = cusparseScsrmm2(
       block.handle_sparse, CUSPARSE_OPERATION_NON_TRANSPOSE, CUSPARSE_OPERATION_NON_TRANSPOSE,
       num_docs, docs, voc_size, num_vecs, &fp1, block.descr, weight_dev, start_dev, ind_dev,
@@ -247,7 +259,7 @@ void send_to_nearest(GpuBlock& block, const Piece& piece, float* piece_rows) {
     if (status == CUSPARSE_STATUS_EXECUTION_FAILED) text += "\nExecution Failed";
     fail(text);
   }
-  copy_to_Z(block, piece.first_doc, docs);
+  copy_to_Z(block, first_doc, docs);
 }
 
 // dp_dev[d] += the weights of resident document d, times the (r+1)-th nearest distances.
@@ -279,27 +291,28 @@ void pour(GpuBlock& block, int doc) {
   copy_to_Z(block, doc, one_document);
 }
 
-void pour_piece(GpuBlock& block, const Piece& piece, float* piece_rows) {
-  for (int doc = piece.first_doc; doc < piece.last_doc; ++doc) {
-    const int nearest = topk_of_document(block.steps, start2[doc + 1] - start2[doc]);
-    choose_nearest(block, piece, piece_rows, doc, nearest, block.Y_dev_t);
-    if (piece.complete) pour(block, doc);
+// A group of documents, of which this pass holds all rows, or the last of them, or some.
+void run_pass(GpuBlock& block, const DocumentGroup& group, int p) {
+  const RowPass& pass = block.rows.passes[static_cast<std::size_t>(p)];
+  const bool goes_on = p > group.first_pass, complete = p + 1 == group.last_pass;
+  if (!block.precompute) compute_rows(block, pass);
+  if (block.steps > 0) {
+    for (int doc = group.first_doc; doc < group.last_doc; ++doc) {
+      choose_nearest(block, pass, goes_on, doc);
+      if (complete) pour(block, doc);
+    }
+    return;
+  }
+  for (int doc = group.first_doc; doc < group.last_doc; doc += block.budget.group_docs) {
+    const int docs = std::min(block.budget.group_docs, group.last_doc - doc);
+    find_nearest(block, pass, goes_on, doc, docs);
+    if (complete) send_to_nearest(block, doc, docs);
   }
 }
 
-void run_pieces(GpuBlock& block) {
-  int computed_pass = -1;
-  for (const Piece& piece : block.pieces) {
-    if (!block.precompute && piece.pass != computed_pass) {
-      computed_pass = piece.pass;
-      compute_rows(block, block.rows.passes[static_cast<std::size_t>(piece.pass)]);
-    }
-    float* piece_rows = rows_of_piece(block, piece);
-    if (block.steps > 0) {
-      pour_piece(block, piece, piece_rows);
-    } else {
-      send_to_nearest(block, piece, piece_rows);
-    }
+void run_groups(GpuBlock& block) {
+  for (const DocumentGroup& group : block.rows.groups) {
+    for (int p = group.first_pass; p < group.last_pass; ++p) run_pass(block, group, p);
   }
 }
 
@@ -322,7 +335,7 @@ void compute_block(float* Z, int delta_iterations, bool precompute, const GpuBud
   plan_block(block, row_ids);
   open_libraries(block);
   allocate_buffers(block);
-  run_pieces(block);
+  run_groups(block);
   require_launched();
   free_buffers(block);
   close_libraries(block);

@@ -2,7 +2,7 @@
 #ifndef TALVIK_LIBWMD_GPU_ENGINE_HPP
 #define TALVIK_LIBWMD_GPU_ENGINE_HPP
 
-#include "internal/gpu_plan.hpp"
+#include "internal/gpu_sizes.hpp"
 
 namespace talvik::internal {
 

@@ -30,7 +30,9 @@ inline dim3 row_grid(int rows) {
 }
 
 /// Column launch, a thread per column.
-inline dim3 column_grid(int cols) { return dim3(blocks_for(cols, threads_per_block), 1, 1); }
+inline dim3 column_grid(int cols, int documents = 1) {
+  return dim3(blocks_for(cols, threads_per_block), static_cast<unsigned>(documents), 1);
+}
 
 inline dim3 block_shape() { return dim3(threads_per_block, 1, 1); }
 
@@ -66,10 +68,11 @@ TALVIK_BOTH inline void insert_smallest(float (&value)[N], float (&weight)[N], f
 
 /// The N smallest of a column of D and the weights of their rows.  A list that the rows do not fill
 /// ends with far_away and no weight.
+/// @param row_ind  rows numbers of rows of D; null: its first rows, in order
 /// @param goes_on  D_k and w_k hold the result over earlier rows
 template <int N>
-__device__ void smallest_of_column(int rows, int cols, const float* D, float* D_k, const float* w,
-                                   float* w_k, bool goes_on) {
+__device__ void smallest_of_column(int rows, int cols, const float* D, const int* row_ind,
+                                   float* D_k, const float* w, float* w_k, bool goes_on) {
   const int c = column_of_thread();
   if (c >= cols) return;
   float value[N], weight[N];
@@ -77,17 +80,43 @@ __device__ void smallest_of_column(int rows, int cols, const float* D, float* D_
     value[r] = goes_on ? D_k[row_offset(r, cols) + c] : far_away;
     weight[r] = goes_on ? w_k[row_offset(r, cols) + c] : 0;
   }
-  for (int t = 0; t < rows; ++t) insert_smallest(value, weight, D[row_offset(t, cols) + c], w[t]);
+  for (int t = 0; t < rows; ++t) {
+    const int row = row_ind ? row_ind[t] : t;
+    insert_smallest(value, weight, D[row_offset(row, cols) + c], w[t]);
+  }
   for (int r = 0; r < N; ++r) {
     D_k[row_offset(r, cols) + c] = value[r];
     w_k[row_offset(r, cols) + c] = weight[r];
   }
 }
 
-/// topN_single over further rows of the same document.  Column launch.
+/// topN_single over rows of D that are listed, so that entries may share one.  Column launch.
 template <int N>
-__global__ void topN_continued(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  smallest_of_column<N>(rows, cols, D, D_k, w, w_k, true);
+__global__ void top_of_rows(int rows, int cols, float* D, int* row_ind, float* D_k, float* w,
+                            float* w_k, bool goes_on) {
+  smallest_of_column<N>(rows, cols, D, row_ind, D_k, w, w_k, goes_on);
+}
+
+/// nearest[q][c] = the smallest of column c over the rows of document q's entries, of those in
+/// [first_entry, last_entry); far_away if there are none.  Column launch, with a row of blocks per
+/// document: one document alone would leave most of a GPU idle.
+/// @param start    entry offsets, from document 0 of the launch
+/// @param row_ind  row of D of every entry
+/// @param goes_on  nearest holds the result over earlier entries
+__global__ void nearest_of_documents(int cols, float* D, int* row_ind, int* start, int first_entry,
+                                     int last_entry, float* nearest, bool goes_on) {
+  const int c = column_of_thread();
+  if (c >= cols) return;
+  const int q = static_cast<int>(blockIdx.y);
+  const int begin = start[q] > first_entry ? start[q] : first_entry;
+  const int end = start[q + 1] < last_entry ? start[q + 1] : last_entry;
+  float& result = nearest[row_offset(q, cols) + c];
+  float smallest = goes_on ? result : far_away;
+  for (int t = begin; t < end; ++t) {
+    const float y = D[row_offset(row_ind[t], cols) + c];
+    if (y < smallest) smallest = y;
+  }
+  result = smallest;
 }
 
 }  // namespace internal
@@ -126,19 +155,19 @@ __global__ void final_sqrt2(int rows, int cols, int col_offset, float* D, float*
 /// D_k[r][c] = the (r+1)-th smallest of column c of D, w_k[r][c] = the weight of its row, for r <
 /// N. rows may be 0.  Column launch.
 __global__ void top1_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<1>(rows, cols, D, D_k, w, w_k, false);
+  internal::smallest_of_column<1>(rows, cols, D, nullptr, D_k, w, w_k, false);
 }
 __global__ void top2_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<2>(rows, cols, D, D_k, w, w_k, false);
+  internal::smallest_of_column<2>(rows, cols, D, nullptr, D_k, w, w_k, false);
 }
 __global__ void top4_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<4>(rows, cols, D, D_k, w, w_k, false);
+  internal::smallest_of_column<4>(rows, cols, D, nullptr, D_k, w, w_k, false);
 }
 __global__ void top8_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<8>(rows, cols, D, D_k, w, w_k, false);
+  internal::smallest_of_column<8>(rows, cols, D, nullptr, D_k, w, w_k, false);
 }
 __global__ void top16_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<16>(rows, cols, D, D_k, w, w_k, false);
+  internal::smallest_of_column<16>(rows, cols, D, nullptr, D_k, w, w_k, false);
 }
 
 /// Splits what is left of every resident entry p at the weight of its word's (k+1)-th nearest

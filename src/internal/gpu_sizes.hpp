@@ -1,12 +1,9 @@
-// The size rules of the GPU engine, and how a query batch is cut so that its distances fit.
-#ifndef TALVIK_INTERNAL_GPU_PLAN_HPP
-#define TALVIK_INTERNAL_GPU_PLAN_HPP
+// The size rules of the GPU engine: pure functions of counts and budgets.
+#ifndef TALVIK_INTERNAL_GPU_SIZES_HPP
+#define TALVIK_INTERNAL_GPU_SIZES_HPP
 
 #include <algorithm>
 #include <climits>
-#include <vector>
-
-#include "internal/distinct_rows.hpp"
 
 namespace talvik::internal {
 
@@ -16,9 +13,9 @@ struct GpuBudget {
   int group_docs = 256;                ///< query documents per sparse product under the top-1 rule
 };
 
-/// Two rows at least: one that is computed and one that is spread from it.
+/// One row at least.
 constexpr long long block_floats(const GpuBudget& budget, int voc_size) {
-  return std::max(budget.block_floats, 2ll * voc_size);
+  return std::max<long long>(budget.block_floats, voc_size);
 }
 
 /// Distance rows of voc_size floats that fit the block.
@@ -27,7 +24,7 @@ constexpr int rows_of_block(const GpuBudget& budget, int voc_size) {
   return static_cast<int>(std::min<long long>(rows, INT_MAX));
 }
 static_assert(rows_of_block(GpuBudget{}, 50'000) == 10'737);
-static_assert(rows_of_block(GpuBudget{1, 1}, 50'000) == 2);
+static_assert(rows_of_block(GpuBudget{1, 1}, 50'000) == 1);
 
 /// Nearest entries that a run keeps: the smallest power of two above its steps, at most 16.
 constexpr int topk_size(int steps) {
@@ -53,25 +50,6 @@ constexpr int steps_of_document(int steps, int entries) {
 }
 static_assert(steps_of_document(2, 3) == 1 && steps_of_document(10, 16) == 10);
 static_assert(steps_of_document(20, 1000) == 15 && steps_of_document(0, 5) == 0);
-
-/// Consecutive entries whose distance rows stand in the block at the same time: those of whole
-/// documents, or a part of the entries of a single one.
-struct Piece {
-  int first_doc, last_doc;      ///< [first, last)
-  int first_entry, last_entry;  ///< [first, last)
-  int pass;                     ///< the pass that holds their distinct rows
-  bool goes_on;                 ///< earlier entries of the document are in the piece before
-  bool complete;                ///< no entries of the document are left for the next piece
-};
-
-/// Pieces in document order that cover all documents.
-/// @param start        num_docs + 1 entry offsets
-/// @param passes       at least one; consecutive, covering all entries
-/// @param max_entries  of a piece, at least 1
-/// @param max_docs     of a piece, at least 1
-std::vector<Piece> cut_into_pieces(const int* start, int num_docs,
-                                   const std::vector<RowPass>& passes, int max_entries,
-                                   int max_docs);
 
 }  // namespace talvik::internal
 
