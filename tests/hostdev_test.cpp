@@ -233,6 +233,18 @@ TEST_F(HostdevDeathTest, GuardedMemoryIsOpenToDeviceWorkOnly) {
                "device work gave 2");
 }
 
+// Beyond the size that is poisoned, an allocation ends at a page that nobody may touch.
+TEST_F(HostdevDeathTest, LargeMemoryEndsWhereItEnds) {
+  const int floats = (32 << 20) / sizeof(float);
+  float* large = allocate(floats);
+  float last = 0;
+  launch(write_one, 1, 1, floats - 1, large);
+  cudaMemcpy(&last, large + floats - 1, sizeof(float), cudaMemcpyDeviceToHost);
+  EXPECT_EQ(last, 1);
+  EXPECT_DEATH(launch(write_one, 1, 1, floats, large), "");
+  cudaFree(large);
+}
+
 __global__ void record_cpu_thread(int* cpu_threads) {
   cpu_threads[blockIdx.x * blockDim.x + threadIdx.x] = omp_get_thread_num();
 }
