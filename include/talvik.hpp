@@ -1,5 +1,5 @@
 // libtalvikmpi: relaxed word mover's distance between collections of documents, and nearest
-// neighbours with it, on CPU threads in one or many MPI processes.
+// neighbours with it, on CPU threads or GPUs, in one or many MPI processes.
 //
 // The one public header.  It declares every exported function and global of the namespace talvik.
 //
@@ -236,7 +236,8 @@ TALVIK_API float compute_kth_parallel(int k, float* vals);
 ///   docs2, labels2, num_docs2, num_words2   query collection likewise
 ///   compute_topk      true: neighbour lists into a result file; false: all distances
 ///   output_file       path of the result file
-///   use_gpu           engine; this build has the CPU engine only and ends with status 1 otherwise
+///   use_gpu           the GPU engine computes the distances, else the CPU engine; process p of a
+///                     node uses its device p.  Runs with precompute use the device selected last
 ///
 /// A result line is: "query label", "neighbour label", "distance" (six digits after the point),
 /// queries in order, neighbours from near to far.  A result file that cannot be created, or not be
@@ -258,7 +259,7 @@ TALVIK_API int rwmd2_parallel(int voc_size, float* embeddings, int vec_size, int
 
 /// Loads this process's group of the resident collection into the engine; sets up the process
 /// group and the split if there is none.  Collective on first use.
-/// @return 0
+/// @return 0; 1 with use_gpu
 TALVIK_API int rwmd2_parallel_init(int voc_size, float* embeddings, int vec_size, bool precompute,
                                    DocumentSet docs1, LabelList labels1, int num_docs1,
                                    int num_words1, bool use_gpu);
@@ -273,7 +274,7 @@ TALVIK_API int rwmd2_parallel_query(float* embeddings, int vec_size, int k, int 
                                     const char* output_file, bool use_gpu);
 
 /// Releases what rwmd2_parallel_init loaded; the split and the process group stay.
-/// @return 0
+/// @return 0; 1 with use_gpu
 TALVIK_API int rwmd2_parallel_cleanup(bool use_gpu, bool precompute);
 
 /// Scale-out run: every process holds the whole resident collection, the query collection is
@@ -296,7 +297,7 @@ TALVIK_API int rwmd2_scaleout_wrapper(int voc_size, float* embeddings, int vec_s
 
 /// Loads the whole resident collection into the engine; sets up the process group if there is
 /// none.  Collective on first use.
-/// @return 0
+/// @return 0; 1 with use_gpu
 TALVIK_API int rwmd2_scaleout_init(int voc_size, float* embeddings, int vec_size, bool precompute,
                                    DocumentSet docs1, LabelList labels1, int num_docs1,
                                    int num_words1, bool use_gpu);
@@ -310,7 +311,7 @@ TALVIK_API int rwmd2_scaleout_query(float* embeddings, int vec_size, int k, int 
                                     const char* output_file, bool use_gpu);
 
 /// Releases what rwmd2_scaleout_init loaded.
-/// @return 0
+/// @return 0; 1 with use_gpu
 TALVIK_API int rwmd2_scaleout_cleanup(bool use_gpu, bool precompute);
 
 /// @}
@@ -480,6 +481,125 @@ TALVIK_API void gather_matrix_rows_cpu(int num_rows, int num_cols, int row_len, 
 /// out[i*num_cols + j] = matrix[i*src_cols + col_ind[j]].
 TALVIK_API void gather_matrix_columns_cpu(int num_rows, int num_cols, int src_cols, float* matrix,
                                           int* col_ind, float* out);
+
+/// @}
+/// @name GPU engine: state
+/// Filled by the copy functions below, for reading; names ending in _dev are device memory.  A
+/// remove function leaves the pointers it has freed as they are, except D_ground_dev.
+/// @{
+
+extern TALVIK_API int dev_id;           ///< device selected last by set_device_id, copy_vocabulary
+extern TALVIK_API int voc_size;         ///< vocabulary words
+extern TALVIK_API int vec_size;         ///< floats per embedding row
+extern TALVIK_API float* W_dev;         ///< voc_size x vec_size; unit rows if normalize_embeddings
+extern TALVIK_API float* RW_dev;        ///< voc_size squared norms; null if normalize_embeddings
+extern TALVIK_API int num_docs;         ///< resident documents
+extern TALVIK_API int num_vecs;         ///< resident entries
+extern TALVIK_API int* start_dev;       ///< num_docs + 1 offsets
+extern TALVIK_API int* ind_dev;         ///< num_vecs word indices
+extern TALVIK_API float* weight_dev;    ///< num_vecs weights
+extern TALVIK_API int num_docs2;        ///< query documents of the batch
+extern TALVIK_API int num_vecs2;        ///< query entries of the batch
+extern TALVIK_API int* start2;          ///< num_docs2 + 1 offsets: the caller's own host array
+extern TALVIK_API int* ind2_dev;        ///< num_vecs2 word indices; index form
+extern TALVIK_API float* weight2_dev;   ///< num_vecs2 weights
+extern TALVIK_API float* X2_dev;        ///< num_vecs2 x vec_size, a row per entry; vector form
+extern TALVIK_API float* Rn2_dev;       ///< num_vecs2 squared norms, null if normalize_embeddings
+extern TALVIK_API float* D_ground_dev;  ///< voc_size x voc_size word distances, or null
+
+/// @}
+/// @name GPU engine: data
+/// The engine's copies of one resident collection, one vocabulary and one query batch in device
+/// memory, made on the calling thread's device.  A copy is followed by its remove before the same
+/// data is copied again, with normalize_embeddings unchanged.  All return 1 but where stated.  An
+/// allocation or copy that fails prints what it was for and ends the process with status 1.
+/// @{
+
+/// Prints s, the size asked for and the device's free and total memory, a line each, and ends the
+/// process with status 1.
+/// @param size bytes
+TALVIK_API void report_memory_allocation_error(unsigned long size, std::string s);
+
+/// Devices that the GPU engine can use on this machine; 0 where there is none.
+TALVIK_API int count_gpu_devices();
+
+/// Whether this build runs the GPU engine on an emulated device, on the CPU: correct and slow.
+TALVIK_API bool gpu_is_emulated();
+
+/// Selects a device for the calling thread.
+TALVIK_API int set_device_id(int device_id);
+
+/// Selects a device and copies the vocabulary to it.
+/// @param device_id   counted from 0
+/// @param v_size      words
+/// @param m           floats per row
+/// @param[in,out] W   v_size x m; scaled to unit length in place if normalize_embeddings is set
+TALVIK_API int copy_vocabulary(int device_id, int v_size, int m, float* W);
+
+/// Resident collection; parameters as copy_raw_data_cpu.
+TALVIK_API int copy_raw_data(int n, int* ind, float* weight, int num_docs_, int* start);
+
+/// Query batch in index form, for runs on ground distances.
+/// @param n2         entries
+/// @param ind2       n2 word indices
+/// @param weight2    n2 weights
+/// @param num_docs2_ documents
+/// @param start2_    num_docs2_+1 offsets, kept by pointer: alive and unchanged until the remove
+TALVIK_API int copy_raw_data2(int n2, int* ind2, float* weight2, int num_docs2_, int* start2_);
+
+/// Query batch in vector form.
+/// @param n2         entries
+/// @param m          floats per row, as the vocabulary's
+/// @param[in,out] X2 n2 x m, one row per entry; scaled to unit length in place if
+///                   normalize_embeddings is set
+/// @param weight2    n2 weights
+/// @param num_docs2_ documents
+/// @param start2_    num_docs2_+1 offsets, kept by pointer: alive and unchanged until the remove
+TALVIK_API int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_,
+                             int* start2_);
+
+TALVIK_API int remove_raw_data();    ///< Frees the resident collection.
+TALVIK_API int remove_raw_data2();   ///< Frees a query batch in index form.
+TALVIK_API int remove_vocabulary();  ///< Frees the vocabulary.
+TALVIK_API int remove_vectors2();    ///< Frees a query batch in vector form.
+
+/// @}
+/// @name GPU engine: distances
+/// @{
+
+/// Distances from every resident document to every query document of the batch.  With capacity
+/// steps, each of the nearest query words in turn takes at most its own weight, and the rest goes
+/// on to the next one.  The nearest words kept are the smallest power of two above
+/// delta_iterations, at most 16, halved until they are no more than the query document's entries;
+/// the steps are one less than these, at most delta_iterations.  A query document without entries
+/// is 1e30 away per unit of weight.
+/// @param[out] Z            num_docs2 x num_docs, host memory: Z[q*num_docs + d] = distance from
+///                          resident document d to query document q
+/// @param delta_iterations  capacity steps; negative as 0
+/// @param precompute        word distances from D_ground_dev, row of the query word; the batch is
+///                          held in index form
+/// @return 1.  Not collective.  A device call that fails prints a line and ends the process.
+TALVIK_API int ed_min_vocab_multi(float* Z, int delta_iterations, bool precompute);
+
+/// @}
+/// @name GPU engine: ground distances
+/// @{
+
+/// Distances between all pairs of words of the vocabulary held, by the current settings.  Not while
+/// a matrix is on the device.
+/// @param[out] D_ground voc_size x voc_size, owned by the caller; or null
+/// @return 1
+TALVIK_API int compute_ground_distances(float* D_ground);
+
+/// Copies a matrix to the device, unless there is one already: that one then stays.  Sets voc_size.
+/// @param voc_size_ rows and columns of D_ground
+/// @param D_ground  voc_size_ x voc_size_, only read
+/// @return 1
+TALVIK_API int copy_ground_distances(int voc_size_, float* D_ground);
+
+/// Frees the matrix; D_ground_dev is null afterwards.
+/// @return 1
+TALVIK_API int remove_ground_distances();
 
 /// @}
 /// @name Files

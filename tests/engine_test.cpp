@@ -1,4 +1,4 @@
-// The CPU engine against the oracle: every metric, normalisation, form and number of steps.
+// The engines against the oracle: every metric, normalisation, form and number of steps.
 #include "support/engine.hpp"
 
 #include <gtest/gtest.h>
@@ -25,6 +25,7 @@ using Mode = std::tuple<Settings, bool, int, StepRule>;
 class EveryMode : public ::testing::TestWithParam<Mode> {
  protected:
   void SetUp() override {
+    if (!can_run(std::get<3>(GetParam()))) GTEST_SKIP() << "no GPU";
     use_cosine = std::get<0>(GetParam()).cosine;
     normalize_embeddings = std::get<0>(GetParam()).normalise;
     num_cpu_threads = 3;
@@ -80,9 +81,18 @@ INSTANTIATE_TEST_SUITE_P(SeveralSteps, EveryMode,
                                             ::testing::Values(-1, 0, 1, 2, 3, 7, 20),
                                             ::testing::Values(StepRule::halving)));
 
+// 2 steps: documents of 3 entries take one.  20 steps: 15 at most, and lists of every length.
+INSTANTIATE_TEST_SUITE_P(Gpu, EveryMode,
+                         ::testing::Combine(::testing::ValuesIn(every_setting), ::testing::Bool(),
+                                            ::testing::Values(-1, 1, 2, 20),
+                                            ::testing::Values(StepRule::powers_of_two)));
+
 // Words on a 3-4-5 line: resident word at (0,0), query words at distances 5 and 10.
 class ExactLine : public ::testing::TestWithParam<StepRule> {
  protected:
+  void SetUp() override {
+    if (!can_run(GetParam())) GTEST_SKIP() << "no GPU";
+  }
   static float distance(const Document& query, int steps) {
     World world{{}, {0, 0, 3, 4, 6, 8, -3, -4}, {{{0, 1.0f}}}, {query}, {}, {}};
     world.shape.voc_size = 4;
@@ -112,14 +122,16 @@ TEST_P(ExactLine, EmptyDocumentIsFarAway) {
 
 TEST_P(ExactLine, SingleEntryTakesAllOrWhatItCan) {
   const Document query{{1, 0.25f}};
-  if (GetParam() == StepRule::halving) {
+  if (GetParam() != StepRule::single) {
     EXPECT_EQ(distance(query, 1), 5);
   } else {
     EXPECT_EQ(distance(query, 1), 0.25f * 5 + 0.75f * 1e30f);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rules, ExactLine, ::testing::Values(StepRule::single, StepRule::halving));
+constexpr StepRule every_rule[] = {StepRule::single, StepRule::halving, StepRule::powers_of_two};
+
+INSTANTIATE_TEST_SUITE_P(Rules, ExactLine, ::testing::ValuesIn(every_rule));
 
 TEST(Engine, BlockDoesNotDependOnThreadsOrBatches) {
   WorldShape shape;
@@ -163,7 +175,8 @@ TEST(Engine, UnsortedResidentEntriesGiveTheSameDistances) {
 TEST(Engine, NothingToDoIsNoFailure) {
   WorldShape shape;
   for (const bool ground : {false, true}) {
-    for (const StepRule rule : {StepRule::single, StepRule::halving}) {
+    for (const StepRule rule : every_rule) {
+      if (!can_run(rule)) continue;
       World world = random_world(shape);
       world.queries.clear();
       EXPECT_TRUE(distance_block(world, 1, rule, ground).empty());
@@ -185,10 +198,13 @@ TEST(Engine, ZeroRowStaysZeroUnderNormalisation) {
   world.shape.voc_size = 3;
   world.shape.vec_size = 2;
   normalize_embeddings = true;
-  const std::vector<float> Z = distance_block(world, 0, StepRule::single, false);
+  for (const StepRule rule : every_rule) {
+    if (!can_run(rule)) continue;
+    const std::vector<float> Z = distance_block(world, 0, rule, false);
+    EXPECT_FLOAT_EQ(Z[0], std::sqrt(2.0f));  // |2 - 2*0|: the zero row counts as of unit length
+    EXPECT_FLOAT_EQ(Z[1], std::sqrt(2.0f));
+  }
   normalize_embeddings = false;
-  EXPECT_FLOAT_EQ(Z[0], std::sqrt(2.0f));  // |2 - 2*0|: the zero row counts as of unit length
-  EXPECT_FLOAT_EQ(Z[1], std::sqrt(2.0f));
 }
 
 TEST(Engine, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
@@ -207,6 +223,16 @@ TEST(Engine, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
   remove_ground_distances_cpu();
   EXPECT_EQ(plain, 1);  // row of the vocabulary word
   EXPECT_EQ(multi, 2);  // row of the query word
+
+  if (!can_run(StepRule::powers_of_two)) return;
+  copy_raw_data(1, resident_word, weight, 1, start);
+  copy_ground_distances(2, D);
+  copy_raw_data2(1, query_word, weight, 1, start);
+  ed_min_vocab_multi(&multi, 0, precompute);
+  remove_raw_data2();
+  remove_raw_data();
+  remove_ground_distances();
+  EXPECT_EQ(multi, 2);
 }
 
 TEST(GroundDistances, AreTheWordDistancesOfEveryPair) {
@@ -218,12 +244,15 @@ TEST(GroundDistances, AreTheWordDistancesOfEveryPair) {
        {Settings{false, false}, Settings{false, true}, Settings{true, true}}) {
     use_cosine = settings.cosine;
     normalize_embeddings = settings.normalise;
-    const std::vector<float> D = ground_matrix(world);
-    for (unsigned u = 0; u < 600; ++u) {
-      for (unsigned v = 0; v < 600; ++v) {
-        ASSERT_NEAR(oracle_word_distance(world.embeddings.data(), shape.vec_size, u, v),
-                    D[u * 600 + v], u == v ? 5e-3 : 1e-4)
-            << u << ", " << v;
+    for (const StepRule rule : {StepRule::single, StepRule::powers_of_two}) {
+      if (!can_run(rule)) continue;
+      const std::vector<float> D = ground_matrix(world, engine_of(rule));
+      for (unsigned u = 0; u < 600; ++u) {
+        for (unsigned v = 0; v < 600; ++v) {
+          ASSERT_NEAR(oracle_word_distance(world.embeddings.data(), shape.vec_size, u, v),
+                      D[u * 600 + v], u == v ? 5e-3 : 1e-4)
+              << u << ", " << v;
+        }
       }
     }
   }

@@ -76,9 +76,6 @@ INSTANTIATE_TEST_SUITE_P(
         testing::Values(1),
         testing::Values(
             std::pair("no path", "Failed to open result file: "),
-            std::pair("gpu", "use_gpu is set, but this build has the CPU engine only"),
-            std::pair("gpu, ground distances",
-                      "use_gpu is set, but this build has the CPU engine only"),
             std::pair("foreign split",
                       "The distribution info splits 9 documents, not the 12 of this run: call "
                       "cleanup_distribution_info first"),

@@ -199,6 +199,22 @@ TEST_F(CorpusRun, EveryModeGivesTheOraclesListsOnAnyNumberOfProcesses) {
   }
 }
 
+TEST_F(CorpusRun, OnAGpuTheListsAreTheOracles) {
+  for (const std::string mode : {"two-way", "ground", "split"}) {
+    SCOPED_TRACE(mode);
+    const Ran ran = run(2, inputs() + "--gpu --threads 1 --k 4 --by index --format tsv --mode " +
+                               mode + " --out " + (dir_ / "out"));
+    if (count_gpu_devices() == 0) {
+      expect_failure(ran, "--gpu: no GPU that CUDA can use was found on this machine", "out");
+      continue;
+    }
+    ASSERT_EQ(ran.status, 0) << ran.output;
+    check_lists(dir_ / "out", queries_, 4, mode != "split", 0, false);
+    const std::string device = gpu_is_emulated() ? ", GPU emulated on the CPU (slow)" : ", GPU\n";
+    EXPECT_NE(ran.output.find("2, 1 thread(s) each" + device), std::string::npos) << ran.output;
+  }
+}
+
 TEST_F(CorpusRun, ReportsWhatItReadAndHowWellItDid) {
   const Ran ran = run(1, inputs() + "--k 100 --verbose --out " + (dir_ / "out"));
   ASSERT_EQ(ran.status, 0) << ran.output;

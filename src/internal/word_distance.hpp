@@ -4,6 +4,13 @@
 
 #include <cmath>
 
+// What device code may call, too.
+#ifdef __CUDACC__
+#define TALVIK_BOTH __host__ __device__
+#else
+#define TALVIK_BOTH
+#endif
+
 namespace talvik::internal {
 
 enum class Metric {
@@ -33,7 +40,7 @@ void with_metric(Metric metric, const F& f) {
 
 /// Norms are squared; only euclidean reads them.
 template <Metric metric>
-inline float word_distance(float dot, float norm_a, float norm_b) {
+TALVIK_BOTH inline float word_distance(float dot, float norm_a, float norm_b) {
   if constexpr (metric == Metric::cosine) return 1 - dot;
   if constexpr (metric == Metric::unit_euclidean) return std::sqrt(std::fabs(2 - (dot + dot)));
   // fabs: rounding may take the square of a small distance below 0.

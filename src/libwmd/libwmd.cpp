@@ -1,10 +1,8 @@
 // CPU engine: its private copies of the data, and the exported functions over them.  The work on
 // plain pointers and counts is done in src/internal; nothing else names the state below.
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <new>
-#include <span>
 #include <string>
 #include <tuple>  // tie
 #include <utility>
@@ -12,11 +10,11 @@
 
 #include "internal/distance_block.hpp"
 #include "internal/distinct_rows.hpp"
+#include "internal/embedding_rows.hpp"
 #include "internal/engine_sizes.hpp"
 #include "internal/failure.hpp"
 #include "internal/ground_distances.hpp"
 #include "internal/large_pages.hpp"
-#include "internal/normalise.hpp"
 #include "internal/partition.hpp"
 #include "internal/select_smallest.hpp"
 #include "internal/word_distance.hpp"
@@ -79,17 +77,6 @@ template <class T>
 void release(T*& array) {
   delete[] array;
   array = nullptr;
-}
-
-void norm_and_normalise(float* rows, int num_rows, int m, float* norms) {
-  const bool normalise = normalize_embeddings;
-  internal::for_each_block(num_cpu_threads, num_rows, [&](int first, int last, int) {
-    for (int r = first; r < last; ++r) {
-      const std::span<float> row(rows + elements(r, m), static_cast<std::size_t>(m));
-      norms[r] = static_cast<float>(internal::squared_norm(row));
-      if (normalise) internal::rescale(row, 1.0, std::sqrt(static_cast<double>(norms[r])));
-    }
-  });
 }
 
 bool ascends_within_documents() {
@@ -201,7 +188,7 @@ int copy_vocabulary_cpu(int v_size, int m, float* W) {
   host::vec_size = m;
   host::W = copy_of(W, elements(v_size, m));
   host::RW = new float[static_cast<std::size_t>(internal::round_up(v_size, internal::line_floats))];
-  norm_and_normalise(host::W, v_size, m, host::RW);
+  internal::norm_and_normalise(host::W, v_size, m, host::RW, normalize_embeddings, num_cpu_threads);
   return 1;
 }
 
@@ -237,7 +224,7 @@ int copy_vectors2_cpu(int n2, int m, float* X2, float* weight2, int num_docs2_, 
       std::copy_n(row, m, host::X2 + elements(r, m));
     }
   });
-  norm_and_normalise(host::X2, rows, m, host::Rn2);
+  internal::norm_and_normalise(host::X2, rows, m, host::Rn2, normalize_embeddings, num_cpu_threads);
   return 1;
 }
 

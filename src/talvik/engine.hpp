@@ -2,26 +2,24 @@
 #ifndef TALVIK_TALVIK_ENGINE_HPP
 #define TALVIK_TALVIK_ENGINE_HPP
 
-#include "internal/failure.hpp"
 #include "talvik.hpp"
 
 namespace talvik::internal {
 
-/// Ends the process if the engine asked for is not part of this build.
-inline void require_engine(bool use_gpu) {
-  if (use_gpu) fail("use_gpu is set, but this build has the CPU engine only");
-}
-
-/// From here on every role takes the engine's choice first; the others are the engine function's.
+/// Every role takes the engine's choice first; the others are the engine function's.  The GPU
+/// engine takes the device whose number is this process's rank on its node.
 inline void load_vocabulary(bool use_gpu, int voc_size, int vec_size, float* embeddings) {
-  require_engine(use_gpu);
-  copy_vocabulary_cpu(voc_size, vec_size, embeddings);
+  if (use_gpu) {
+    copy_vocabulary(local_id, voc_size, vec_size, embeddings);
+  } else {
+    copy_vocabulary_cpu(voc_size, vec_size, embeddings);
+  }
 }
 
 /// @return the result of a pipeline's init step
 inline int load_resident(bool use_gpu, int entries, int* ind, float* weight, int count,
                          int* start) {
-  require_engine(use_gpu);
+  if (use_gpu) return copy_raw_data(entries, ind, weight, count, start);
   copy_raw_data_cpu(entries, ind, weight, count, start);
   return 0;
 }
@@ -29,65 +27,60 @@ inline int load_resident(bool use_gpu, int entries, int* ind, float* weight, int
 /// An engine may keep start by pointer until release_batch.
 inline void load_batch_vectors(bool use_gpu, int entries, int vec_size, float* X, float* weight,
                                int count, int* start) {
-  require_engine(use_gpu);
-  copy_vectors2_cpu(entries, vec_size, X, weight, count, start);
+  const auto load = use_gpu ? copy_vectors2 : copy_vectors2_cpu;
+  load(entries, vec_size, X, weight, count, start);
 }
 
 /// An engine may keep start by pointer until release_batch.
 inline void load_batch_indices(bool use_gpu, int entries, int* ind, float* weight, int count,
                                int* start) {
-  require_engine(use_gpu);
-  copy_raw_data2_cpu(entries, ind, weight, count, start);
+  const auto load = use_gpu ? copy_raw_data2 : copy_raw_data2_cpu;
+  load(entries, ind, weight, count, start);
 }
 
 /// Z[q*resident documents + i] for the batch held.
 inline void compute_block(bool use_gpu, float* Z, int delta_iterations, bool precompute) {
-  require_engine(use_gpu);
-  if (delta_iterations > 1) {
-    ed_min_vocab_cpu_multi(Z, delta_iterations, precompute);
-  } else {
-    ed_min_vocab_cpu(Z, delta_iterations, precompute);
-  }
+  const auto compute = use_gpu                ? ed_min_vocab_multi
+                       : delta_iterations > 1 ? ed_min_vocab_cpu_multi
+                                              : ed_min_vocab_cpu;
+  compute(Z, delta_iterations, precompute);
 }
 
 inline void release_batch(bool use_gpu, bool precompute) {
-  require_engine(use_gpu);
   if (precompute) {
-    remove_raw_data2_cpu();
+    use_gpu ? remove_raw_data2() : remove_raw_data2_cpu();
   } else {
-    remove_vectors2_cpu();
+    use_gpu ? remove_vectors2() : remove_vectors2_cpu();
   }
 }
 
 /// @return the result of a pipeline's cleanup step, where it is the last release
 inline int release_resident(bool use_gpu) {
-  require_engine(use_gpu);
+  if (use_gpu) return remove_raw_data();
   remove_raw_data_cpu();
   return 0;
 }
 
 /// @return the result of a pipeline's cleanup step, where it is the last release
 inline int release_vocabulary(bool use_gpu) {
-  require_engine(use_gpu);
+  if (use_gpu) return remove_vocabulary();
   remove_vocabulary_cpu();
   return 0;
 }
 
 /// D_ground[u*voc_size + v] for the vocabulary held.
 inline void compute_ground(bool use_gpu, float* D_ground) {
-  require_engine(use_gpu);
-  compute_ground_distances_cpu(D_ground);
+  use_gpu ? compute_ground_distances(D_ground) : compute_ground_distances_cpu(D_ground);
 }
 
 /// An engine may keep the matrix by pointer until detach_ground.
 inline void attach_ground(bool use_gpu, int voc_size, float* D_ground) {
-  require_engine(use_gpu);
-  copy_ground_distances_cpu(voc_size, D_ground);
+  const auto attach = use_gpu ? copy_ground_distances : copy_ground_distances_cpu;
+  attach(voc_size, D_ground);
 }
 
 inline void detach_ground(bool use_gpu) {
-  require_engine(use_gpu);
-  remove_ground_distances_cpu();
+  use_gpu ? remove_ground_distances() : remove_ground_distances_cpu();
 }
 
 }  // namespace talvik::internal

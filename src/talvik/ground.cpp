@@ -42,7 +42,6 @@ int remd2_twoway_wrapper(int voc_size, float* embeddings, int vec_size, int k, i
                          DocumentSet docs1, LabelList labels1, DocumentSet docs2, LabelList labels2,
                          float** D_out, bool compute_topk, const char* output_file, bool use_gpu) {
   internal::ensure_process_group();
-  internal::require_engine(use_gpu);
   int comp_voc_size = 0;
   float* comp_embeddings = nullptr;
   compress_vocabulary_cosine(voc_size, embeddings, &comp_voc_size, &comp_embeddings, vec_size,

@@ -100,7 +100,6 @@ void require_split_of(int num_docs) {
 
 int load_resident_documents(const RunParameters& run, const DocumentSet& docs, int first,
                             int count) {
-  require_engine(run.use_gpu);
   if (run.precompute) require_known_words(run, docs, first, count);
   const int entries = count_entries(docs, first, count);
   const auto ind = new_ints(static_cast<size_t>(entries));

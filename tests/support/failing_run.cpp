@@ -13,12 +13,12 @@ namespace {
 
 test::World world = test::random_world({});
 
-int split_resident(const char* output_file, bool use_gpu = false) {
+int split_resident(const char* output_file) {
   float* D = nullptr;
   return rwmd2_parallel(50, world.embeddings.data(), 5, 3, 0, false, world.resident,
                         world.resident_labels, 12, test::count_entries(world.resident),
                         world.queries, world.query_labels, 9, test::count_entries(world.queries),
-                        &D, true, output_file, use_gpu);
+                        &D, true, output_file, false);
 }
 
 int scale_out(const char* output_file) {
@@ -43,11 +43,11 @@ int huge_matrix() {
                               false);
 }
 
-int ground_distances(bool use_gpu) {
+int ground_distances() {
   float ground = 0;  // of a single word
   float* D = nullptr;
   return remd2_twoway_ground(1, &ground, 1, 0, {{{1, 1.f}}}, {1}, {{{0, 1.f}}}, {1}, &D, false,
-                             nullptr, use_gpu);
+                             nullptr, false);
 }
 
 int too_long_lists() {
@@ -64,7 +64,6 @@ int run(const char* failure) {
   if (is("no path")) return split_resident(nullptr);
   if (is("missing folder, scale-out")) return scale_out("/nonexistent/out.csv");
   if (is("full disk")) return split_resident("/dev/full");
-  if (is("gpu")) return split_resident("/dev/null", true);
   if (is("huge matrix")) return huge_matrix();
   if (is("too long lists")) return too_long_lists();
   if (is("foreign split")) {
@@ -83,8 +82,7 @@ int run(const char* failure) {
     world.resident_labels.pop_back();
     return split_resident("/dev/null");
   }
-  if (is("gpu, ground distances")) return ground_distances(true);
-  if (is("unknown word, ground distances")) return ground_distances(false);
+  if (is("unknown word, ground distances")) return ground_distances();
   std::cout << "No failure of this name: " << failure << std::endl;
   return 0;
 }

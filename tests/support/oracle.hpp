@@ -16,9 +16,24 @@ inline constexpr double far_away = 1e30;
 
 /// How many nearest words share a resident word's weight.
 enum class StepRule {
-  single,  ///< ed_min_vocab_cpu: at most one step, whatever the document's length
-  halving  ///< ed_min_vocab_cpu_multi: steps + 1 halved until it fits the document
+  single,        ///< ed_min_vocab_cpu: at most one step, whatever the document's length
+  halving,       ///< ed_min_vocab_cpu_multi: steps + 1 halved until it fits the document
+  powers_of_two  ///< ed_min_vocab_multi: a power of two above the steps, at most 16, halved
+                 ///< likewise
 };
+
+/// Nearest words that share a resident word's weight, for a query document of n entries.
+inline int oracle_nearest(int delta_iterations, int n, StepRule rule) {
+  const int steps = std::max(delta_iterations, 0);
+  if (rule == StepRule::single) return std::min(steps, 1) + 1;
+  int nearest = steps + 1;
+  if (rule == StepRule::powers_of_two) {
+    nearest = 16;
+    while (nearest / 2 > steps) nearest /= 2;
+  }
+  while (nearest > n && nearest > 1) nearest /= 2;
+  return std::min(nearest, steps + 1);
+}
 
 /// Distance between words a and b of an embedding matrix under the current settings.
 inline double oracle_word_distance(const float* embeddings, int vec_size, unsigned a, unsigned b) {
@@ -42,12 +57,7 @@ template <class WordDistance>
 double oracle_distance(const Document& resident, const Document& query, int delta_iterations,
                        StepRule rule, const WordDistance& word_distance) {
   const int n = static_cast<int>(query.size());
-  const int steps_wanted =
-      rule == StepRule::single ? std::min(delta_iterations, 1) : delta_iterations;
-  int nearest = std::max(steps_wanted, 0) + 1;
-  if (rule == StepRule::halving) {
-    while (nearest > n && nearest > 1) nearest /= 2;
-  }
+  const int nearest = oracle_nearest(delta_iterations, n, rule);
   double total = 0;
   for (const auto& [word, weight] : resident) {
     std::vector<double> distance(query.size());

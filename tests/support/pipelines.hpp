@@ -74,8 +74,11 @@ inline World with_empty_documents(World world) {
 using Matrix = std::vector<std::vector<float>>;
 
 inline Matrix expected_distances(const World& world, const DocumentSet& resident,
-                                 const DocumentSet& queries, int delta_iterations) {
-  const StepRule rule = delta_iterations > 1 ? StepRule::halving : StepRule::single;
+                                 const DocumentSet& queries, int delta_iterations,
+                                 bool use_gpu = false) {
+  const StepRule rule = use_gpu                ? StepRule::powers_of_two
+                        : delta_iterations > 1 ? StepRule::halving
+                                               : StepRule::single;
   Matrix distances;
   for (const Document& query : queries) {
     auto& row = distances.emplace_back();
@@ -88,9 +91,11 @@ inline Matrix expected_distances(const World& world, const DocumentSet& resident
 }
 
 /// Row i, column q: the larger distance of both directions between docs1 i and docs2 q.
-inline Matrix expected_two_way(const World& world, int delta_iterations) {
-  const Matrix there = expected_distances(world, world.resident, world.queries, delta_iterations);
-  Matrix larger = expected_distances(world, world.queries, world.resident, delta_iterations);
+inline Matrix expected_two_way(const World& world, int delta_iterations, bool use_gpu = false) {
+  const Matrix there =
+      expected_distances(world, world.resident, world.queries, delta_iterations, use_gpu);
+  Matrix larger =
+      expected_distances(world, world.queries, world.resident, delta_iterations, use_gpu);
   for (size_t i = 0; i < larger.size(); ++i) {
     for (size_t q = 0; q < larger[i].size(); ++q)
       larger[i][q] = std::max(larger[i][q], there[q][i]);

@@ -59,6 +59,12 @@ void apply_settings(const RunOptions& options) {
   normalize_embeddings = options.normalise || use_cosine;  // 1 - dot is made for unit vectors
 }
 
+void require_gpu(const RunOptions& options) {
+  if (options.gpu && count_gpu_devices() == 0) {
+    throw RunError("--gpu: no GPU that CUDA can use was found on this machine");
+  }
+}
+
 /// @return neighbours per query that can be given
 int neighbours_to_find(const Problem& problem, int asked) {
   const auto resident = static_cast<int>(problem.resident.docs.size());
@@ -142,6 +148,7 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
   const Mode mode = mode_of(options.mode);
   const bool want_matrix = !options.matrix.empty();
   apply_settings(options);
+  together([&] { require_gpu(options); });
   Outputs outputs = open_outputs(options, mode);
   Problem problem;
   RunFacts facts;
@@ -151,7 +158,7 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
 
   const int k = facts.k + (problem.self_run() ? 1 : 0);  // room for the query itself
   const bool show_progress = myid == 0 && isatty(STDERR_FILENO) != 0;
-  RunOutcome outcome = run_queries(problem, mode, k, options.delta, want_matrix,
+  RunOutcome outcome = run_queries(problem, mode, k, options.delta, options.gpu, want_matrix,
                                    library_file_name(options), show_progress);
   if (problem.self_run()) put_self_first(outcome.lists, problem.self_of_query);
   if (want_matrix) write_matrix(options, mode, outcome, problem, outputs);

@@ -15,7 +15,6 @@ namespace talvik::tool {
 namespace {
 
 constexpr bool precompute = false;
-constexpr bool use_gpu = false;
 
 struct Collector {
   NeighbourLists* lists;
@@ -114,7 +113,8 @@ Sizes sizes_of(const Problem& problem) {
 }
 
 /// @return this process's matrix, or null
-float* run_split(const Problem& p, int k, int delta, bool want_matrix, const char* file) {
+float* run_split(const Problem& p, int k, int delta, bool use_gpu, bool want_matrix,
+                 const char* file) {
   const Sizes n = sizes_of(p);
   float* matrix = nullptr;
   split_over_processes(p.resident);
@@ -124,7 +124,7 @@ float* run_split(const Problem& p, int k, int delta, bool want_matrix, const cha
   return matrix;
 }
 
-float* run_scale_out(const Problem& p, int k, int delta, const char* file) {
+float* run_scale_out(const Problem& p, int k, int delta, bool use_gpu, const char* file) {
   const Sizes n = sizes_of(p);
   split_over_processes(p.queries);
   const size_t size = static_cast<size_t>(grp_length[myid]) * static_cast<size_t>(n.resident);
@@ -138,7 +138,7 @@ float* run_scale_out(const Problem& p, int k, int delta, const char* file) {
   return matrix;
 }
 
-float* run_two_way(const Problem& p, Mode mode, int k, int delta, const char* file) {
+float* run_two_way(const Problem& p, Mode mode, int k, int delta, bool use_gpu, const char* file) {
   float* matrix = nullptr;
   const auto entry = mode == Mode::ground ? remd2_twoway_wrapper : rwmd2_twoway_wrapper;
   const bool compute_topk = true;
@@ -161,8 +161,8 @@ std::string own_library_file(Mode mode, bool want_matrix, const std::string& lib
   return myid == 0 && !want_matrix ? library_file : "";
 }
 
-RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool want_matrix,
-                       const std::string& library_file, bool show_progress) {
+RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool use_gpu,
+                       bool want_matrix, const std::string& library_file, bool show_progress) {
   const Sizes n = sizes_of(problem);
   RunOutcome outcome;
   outcome.lists = empty_lists(n.queries, k);
@@ -175,12 +175,12 @@ RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool
   const double began = When();
   const char* file = library_file.c_str();
   if (mode == Mode::split) {
-    outcome.matrix.reset(run_split(problem, k, delta, want_matrix, file));
+    outcome.matrix.reset(run_split(problem, k, delta, use_gpu, want_matrix, file));
     if (want_matrix) select_from_matrix(outcome.matrix.get(), outcome.lists);
   } else if (mode == Mode::scale_out) {
-    outcome.matrix.reset(run_scale_out(problem, k, delta, file));
+    outcome.matrix.reset(run_scale_out(problem, k, delta, use_gpu, file));
   } else {
-    outcome.matrix.reset(run_two_way(problem, mode, k, delta, file));
+    outcome.matrix.reset(run_two_way(problem, mode, k, delta, use_gpu, file));
   }
   barrier_mpi();
   outcome.seconds = When() - began;

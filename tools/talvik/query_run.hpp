@@ -36,12 +36,13 @@ struct RunOutcome {
 };
 
 /// @param k              1 <= k <= resident documents
+/// @param use_gpu        distances on the GPU, which there must be
 /// @param want_matrix    keep the distances
 /// @param library_file   name under which the library may write its own result files
 /// @param show_progress  a line on this process's standard error
 /// Collective.
-RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool want_matrix,
-                       const std::string& library_file, bool show_progress);
+RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool use_gpu,
+                       bool want_matrix, const std::string& library_file, bool show_progress);
 
 /// The name of the result file that this process's library will create, or an empty text.
 std::string own_library_file(Mode mode, bool want_matrix, const std::string& library_file);

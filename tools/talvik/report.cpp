@@ -66,7 +66,10 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
                  : "");
   fmt::print("run                 {:>12}, delta {}, {}{}\n", options.mode, options.delta,
              options.metric, normalize_embeddings ? ", normalised" : "");
-  fmt::print("processes           {:>12}, {} thread(s) each\n", num_procs, facts.threads);
+  const char* gpu = !options.gpu        ? ""
+                    : gpu_is_emulated() ? ", GPU emulated on the CPU (slow)"
+                                        : ", GPU";
+  fmt::print("processes           {:>12}, {} thread(s) each{}\n", num_procs, facts.threads, gpu);
   fmt::print("memory planned      {:>12} per process, {} of {} on this machine\n",
              in_gib(facts.plan.total_bytes), in_gib(facts.plan.total_bytes * num_local_procs),
              in_gib(facts.budget_bytes));

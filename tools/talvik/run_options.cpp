@@ -56,6 +56,8 @@ void add_run_options(CLI::App& command, RunOptions& options) {
       ->check(CLI::IsMember({"euclidean", "cosine"}))
       ->capture_default_str();
   command.add_flag("--normalise,--normalize", options.normalise, "Word vectors to unit length");
+  command.add_flag("--gpu", options.gpu,
+                   "Compute distances on GPUs: process p of a machine takes GPU p");
   command
       .add_option("--threads", options.threads,
                   "Threads per process (default: hardware threads over local processes)")

@@ -14,6 +14,7 @@ struct RunOptions {
   std::string mode = "two-way";
   std::string metric = "euclidean";
   bool normalise = false;
+  bool gpu = false;
   int threads = 0;         ///< 0: hardware threads over local processes
   int limit_resident = 0;  ///< 0: all
   int limit_queries = 0;   ///< 0: all
