@@ -26,39 +26,103 @@ const ZipfWorld& text_world() {
   return world;
 }
 
+// A vocabulary whose ground distances fit any machine: 1.6 GB.
+const ZipfWorld& small_world() {
+  static const ZipfWorld world = make_zipf_world(ZipfShape{.voc_size = 20000});
+  return world;
+}
+
 std::vector<float>& result_block() {
   static std::vector<float> Z(static_cast<size_t>(text_world().shape.num_resident) *
                               static_cast<size_t>(text_world().shape.num_queries));
   return Z;
 }
 
-void load_resident(const ZipfWorld& world) {
-  ZipfWorld& w = const_cast<ZipfWorld&>(world);  // the interface takes plain pointers; only read
-  copy_raw_data_cpu(static_cast<int>(w.ind.size()), w.ind.data(), w.weight.data(),
-                    w.shape.num_resident, w.start.data());
+// The interface takes plain pointers; what stands behind them is only read.
+template <class T>
+T* plain_pointer(const std::vector<T>& values) {
+  return const_cast<T*>(values.data());
 }
 
-// Loading the batch counts: the distinct rows are found there.
-void run_batch(const ZipfWorld& world, int steps) {
-  ZipfWorld& w = const_cast<ZipfWorld&>(world);
-  copy_vectors2_cpu(static_cast<int>(w.ind2.size()), w.shape.vec_size, w.X2.data(),
-                    w.weight2.data(), w.shape.num_queries, w.start2.data());
-  const bool precompute = false;
+void load_resident(const ZipfWorld& world, const std::vector<int>& ind) {
+  copy_raw_data_cpu(static_cast<int>(ind.size()), plain_pointer(ind), plain_pointer(world.weight),
+                    world.shape.num_resident, plain_pointer(world.start));
+}
+
+void compute_block(int steps, bool precompute) {
   if (steps <= 1) {
     ed_min_vocab_cpu(result_block().data(), steps, precompute);
   } else {
     ed_min_vocab_cpu_multi(result_block().data(), steps, precompute);
   }
-  remove_vectors2_cpu();
 }
 
-void engine(benchmark::State& state, int steps) {
-  ZipfWorld& world = const_cast<ZipfWorld&>(text_world());
-  load_resident(world);
-  copy_vocabulary_cpu(world.comp_voc_size, world.shape.vec_size, world.comp_embeddings.data());
-  for (auto _ : state) run_batch(world, steps);
+// Loading the batch counts: the distinct rows are found there.
+void engine(benchmark::State& state, const ZipfWorld& (*make)(), int steps) {
+  const ZipfWorld& world = make();
+  load_resident(world, world.ind);
+  copy_vocabulary_cpu(world.comp_voc_size, world.shape.vec_size,
+                      plain_pointer(world.comp_embeddings));
+  for (auto _ : state) {
+    copy_vectors2_cpu(static_cast<int>(world.ind2.size()), world.shape.vec_size,
+                      plain_pointer(world.X2), plain_pointer(world.weight2),
+                      world.shape.num_queries, plain_pointer(world.start2));
+    const bool precompute = false;
+    compute_block(steps, precompute);
+    remove_vectors2_cpu();
+  }
   remove_vocabulary_cpu();
   remove_raw_data_cpu();
+}
+
+// The matrix is given: it covers the whole vocabulary, so that both sides index it.
+void ground_engine(benchmark::State& state, int steps) {
+  const ZipfWorld& world = small_world();
+  std::vector<int> ind;
+  for (const Document& doc : world.resident) {
+    for (const auto& [word, weight] : doc) ind.push_back(static_cast<int>(word));
+  }
+  const size_t voc_size = static_cast<size_t>(world.shape.voc_size);
+  const std::unique_ptr<float[]> D(new float[voc_size * voc_size]);
+  copy_vocabulary_cpu(world.shape.voc_size, world.shape.vec_size, plain_pointer(world.embeddings));
+  compute_ground_distances_cpu(D.get());
+  remove_vocabulary_cpu();
+  load_resident(world, ind);
+  copy_ground_distances_cpu(world.shape.voc_size, D.get());
+  for (auto _ : state) {
+    copy_raw_data2_cpu(static_cast<int>(world.ind2.size()), plain_pointer(world.ind2),
+                       plain_pointer(world.weight2), world.shape.num_queries,
+                       plain_pointer(world.start2));
+    const bool precompute = true;
+    compute_block(steps, precompute);
+    remove_raw_data2_cpu();
+  }
+  remove_ground_distances_cpu();
+  remove_raw_data_cpu();
+}
+
+// Whole runs that return the matrix, one way and two-way.
+void whole_run(benchmark::State& state, bool two_way) {
+  const ZipfWorld& world = text_world();
+  const int m = world.shape.vec_size, voc_size = world.shape.voc_size;
+  const int k = 1, steps = 0;
+  const bool precompute = false, compute_topk = false, use_gpu = false;
+  float* embeddings = plain_pointer(world.embeddings);
+  for (auto _ : state) {
+    float* D = nullptr;
+    cleanup_distribution_info();
+    if (two_way) {
+      rwmd2_twoway_wrapper(voc_size, embeddings, m, k, steps, world.resident, {}, world.queries, {},
+                           &D, compute_topk, nullptr, use_gpu);
+    } else {
+      rwmd2_parallel(voc_size, embeddings, m, k, steps, precompute, world.resident, {},
+                     world.shape.num_resident, static_cast<int>(world.ind.size()), world.queries,
+                     {}, world.shape.num_queries, static_cast<int>(world.ind2.size()), &D,
+                     compute_topk, nullptr, use_gpu);
+    }
+    std::free(D);
+  }
+  cleanup_distribution_info();
 }
 
 void plain(benchmark::State& state, DenseKernel kernel) {
@@ -94,14 +158,21 @@ int main(int argc, char** argv) {
     return benchmark::RegisterBenchmark(name, function, arguments...)
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime()
+        ->MeasureProcessCPUTime()
         ->Iterations(1)
         ->Repetitions(5);
   };
-  add("engine", engine, 0);
+  add("engine", engine, text_world, 0);
   add("dense_product", dense)->Repetitions(3);
   for (const int steps : {1, 3, 7}) {
-    add(("engine_delta_" + std::to_string(steps)).c_str(), engine, steps);
+    add(("engine_delta_" + std::to_string(steps)).c_str(), engine, text_world, steps);
+    add(("small_vectors_delta_" + std::to_string(steps)).c_str(), engine, small_world, steps);
+    add(("small_ground_delta_" + std::to_string(steps)).c_str(), ground_engine, steps);
   }
+  add("small_vectors", engine, small_world, 0);
+  add("small_ground", ground_engine, 0);
+  add("one_way_run", whole_run, false)->Repetitions(3);
+  add("two_way_run", whole_run, true)->Repetitions(3);
   add("plain_openblas", plain, DenseKernel::openblas)->Repetitions(2);
   add("plain_eigen", plain, DenseKernel::eigen)->Repetitions(1);
   benchmark::Initialize(&argc, argv);
@@ -114,5 +185,11 @@ int main(int argc, char** argv) {
   reporter.print_ratio("engine_delta_1", "engine", 1.5);
   reporter.print_ratio("engine_delta_3", "engine", 2.5);
   reporter.print_ratio("engine_delta_7", "engine", 5);
+  reporter.print_ratio("small_ground", "small_vectors", 0.5);
+  for (const std::string steps : {"1", "3", "7"}) {
+    reporter.print_ratio("small_ground_delta_" + steps, "small_vectors_delta_" + steps, 0.5);
+  }
+  reporter.print_ratio("two_way_run", "one_way_run", 2.2);
+  talvik::finalize_mpi();
   return 0;
 }

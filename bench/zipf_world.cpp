@@ -61,10 +61,11 @@ ZipfWorld make_zipf_world(const ZipfShape& shape) {
   for (float& x : embeddings) x = component(random);
   const ZipfWords words(shape);
   DocumentSet resident = draw_documents(shape, shape.num_resident, words, random);
-  const DocumentSet queries = draw_documents(shape, shape.num_queries, words, random);
+  DocumentSet queries = draw_documents(shape, shape.num_queries, words, random);
 
   ZipfWorld world;
   world.shape = shape;
+  world.resident = resident;
   const size_t n2 = static_cast<size_t>(entries_of(queries));
   world.start2.resize(queries.size() + 1);
   world.ind2.resize(n2);
@@ -87,6 +88,8 @@ ZipfWorld make_zipf_world(const ZipfShape& shape) {
   world.weight.resize(n);
   setup_raw_data(resident, 0, shape.num_resident, world.ind.data(), world.start.data(),
                  world.weight.data());
+  world.embeddings = std::move(embeddings);
+  world.queries = std::move(queries);
   return world;
 }
 

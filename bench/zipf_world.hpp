@@ -22,6 +22,8 @@ struct ZipfShape {
 /// The resident side is compressed to the words that it uses, as the pipelines do.
 struct ZipfWorld {
   ZipfShape shape;
+  std::vector<float> embeddings;  ///< voc_size x vec_size
+  DocumentSet resident, queries;  ///< over the whole vocabulary
   int comp_voc_size;
   std::vector<float> comp_embeddings;  ///< comp_voc_size x vec_size
   std::vector<int> start, ind;         ///< resident collection over the compressed vocabulary

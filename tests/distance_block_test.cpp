@@ -55,15 +55,15 @@ void expect_oracle_block(const World& world, int steps, int max_rows, const Engi
     }
   }
 
-  const DistinctRows distinct =
+  DistinctRows distinct =
       find_distinct_rows(X.data(), m * sizeof(float), batch.start.data(),
                          static_cast<int>(world.queries.size()), max_rows, threads);
+  if (source != DistanceSource::vectors) order_rows(batch.ind.data(), distinct);
   std::vector<float> rows, row_norms;
   for (const int entry : distinct.entry_of_row) {
     rows.insert(rows.end(), &X[entry * m], &X[entry * m] + m);
     row_norms.push_back(norm(&X[entry * m]));
   }
-  batch.ind.resize(batch.ind.size() + row_padding);
   const Vocabulary vocabulary{world.shape.voc_size, m, world.embeddings.data(), norms.data()};
   const QueryBatch queries{static_cast<int>(world.queries.size()),
                            batch.start.data(),

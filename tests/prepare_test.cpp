@@ -156,6 +156,10 @@ class Prepare : public testing::Test {
 };
 
 TEST_F(Prepare, TreeIsReadInTheOrderOfItsPaths) {
+  std::filesystem::create_directories(dir_ / "in/a");
+  for (const char* link : {"in/a/link", "in/.#lock"}) {  // they lead nowhere
+    std::filesystem::create_symlink("nowhere", dir_ / link);
+  }
   write_file(dir_ / "in/b/x.txt", "Second class");
   write_file(dir_ / "in/a/deep/er.txt", "One\ntwo");
   write_file(dir_ / "in/a/later", "...");

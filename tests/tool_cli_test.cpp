@@ -265,9 +265,16 @@ TEST_F(CorpusRun, ASelfRunLeavesEveryDocumentItselfOut) {
 
 TEST_F(CorpusRun, MoreProcessesThanDocumentsIsNoObstacle) {
   for (const std::string mode : {"two-way", "ground", "split", "scale-out"}) {
-    const Ran ran = run(4, inputs() + "--threads 1 --limit-resident 2 --limit-queries 2 --mode " +
-                               mode + " --out " + (dir_ / "out") + " --matrix " + (dir_ / "m.npy"));
+    const Ran ran =
+        run(4, inputs() + "--threads 1 --limit-resident 2 --limit-queries 2 --mode " + mode +
+                   " --out " + (dir_ / "out") + " --keep-shards --matrix " + (dir_ / "m.npy"));
     EXPECT_EQ(ran.status, 0) << mode << ran.output;
+    size_t shard_bytes = 0;
+    for (const char* shard : {"m.npy.0", "m.npy.1", "m.npy.2", "m.npy.3"}) {
+      shard_bytes += std::filesystem::file_size(dir_ / shard);
+    }
+    constexpr size_t header_bytes = 128, cells = 2 * 2;
+    EXPECT_EQ(shard_bytes, 4 * header_bytes + cells * sizeof(float)) << mode;
     const std::string lists = read_file(dir_ / "out");
     EXPECT_EQ(std::count(lists.begin(), lists.end(), '\n'), 4) << mode << ran.output;
   }
@@ -339,6 +346,10 @@ TEST(Usage, MistakesAreToldOnceWithStatusTwo) {
   expect_usage(1, files + "--mode three-way",
                "--mode: three-way not in {two-way,ground,split,scale-out}");
   expect_usage(1, files + "--matrix o", "--matrix: o is also the name after --out");
+  expect_usage(1, files + "--threads 100000", "--threads: Value 100000 not in range 1 to 4096");
+  expect_usage(1, files + "--matrix ./e", "--matrix: ./e is also an input");
+  expect_usage(1, "corpus --embeddings e --resident r --out e", "--out: e is also an input");
+  expect_usage(1, "corpus --embeddings e --resident r --out \"\"", "--out: the name is empty");
   expect_usage(2, "corpus --resident r --out o", "--embeddings is required");
   expect_usage(1, "mnist --resident-images i --resident-labels l --out o --query-images q",
                "--query-images requires --query-labels");

@@ -1,7 +1,9 @@
 // The host program's parts that need no process group: files, formats, selection, checks.
 #include <gtest/gtest.h>
+#include <unistd.h>  // geteuid
 
 #include <cstdlib>
+#include <fstream>
 #include <limits>
 
 #include "input_checks.hpp"
@@ -158,6 +160,17 @@ TEST(OutputFile, RefusesWhatARenameWouldReplace) {
             (dir / "none/result") + ": cannot be created: No such file or directory");
 }
 
+TEST(OutputFile, WhatIsDiscardedTakesNoSpace) {
+  const TempDir dir;
+  const std::string path = dir / "lists";
+  write_file(path, "of an earlier run");
+  make_discarded(path);
+  std::ofstream(path) << "of this one";
+  EXPECT_EQ(read_file(path), "");
+  EXPECT_EQ(error_of([&] { make_discarded(dir / "none/lists"); }),
+            (dir / "none/lists") + ": cannot be created: No such file or directory");
+}
+
 TEST(EmbeddingCheck, EveryDefectIsNamedWithItsPlace) {
   const TempDir dir;
   const std::string path = dir / "words.bin";
@@ -187,6 +200,11 @@ TEST(EmbeddingCheck, EveryDefectIsNamedWithItsPlace) {
             "value 2 of record 2, word 'dog', is not a finite number");
   EXPECT_EQ(found(embedding_bytes({{"cat", {1, 2}}, {"cat", {3, 4}}})),
             "records 1 and 2 are of the same word 'cat'");
+  std::string shorter = bytes;  // one float less than there are
+  shorter[2] = '1';
+  EXPECT_EQ(
+      found(shorter),
+      "the word of record 2, '\\x00\\x00\uFFFD>\\x0adog', holds a line break (a wrong header?)");
   // Bytes turned round: 0.5 reads as 8.8e-44, 0.25 as 4.6e-41.
   std::string swapped = "1 2\ncat ";
   for (const float value : {0.5f, 0.25f}) {
@@ -271,6 +289,17 @@ TEST(CorpusList, OrderIsByClassAndNumberWhateverTheFileSystem) {
             (dir / "b") +
                 ": holds no documents (DIR/CLASS/NUMBER was expected; talvik prepare "
                 "makes such a tree)");
+}
+
+TEST(CorpusList, AClassThatCannotBeReadIsNotPassedOver) {
+  if (geteuid() == 0) GTEST_SKIP() << "root may read everything";
+  const TempDir dir;
+  write_file(dir / "a/1", "text");
+  write_file(dir / "b/2", "text");
+  std::filesystem::permissions(dir / "b", std::filesystem::perms::none);
+  EXPECT_EQ(error_of([&] { list_corpus(dir.path()); }),
+            (dir / "b") + ": cannot be opened: Permission denied");
+  std::filesystem::permissions(dir / "b", std::filesystem::perms::owner_all);
 }
 
 TEST(Choice, IsSpreadEvenlyAndAscending) {

@@ -41,9 +41,14 @@ int nearest_of(const QueryBatch& batch, int doc, int steps, StepRule rule) {
   return nearest_of_document(steps, entries_of(batch, doc));
 }
 
+// A panel holds the score of word v and row r at r*panel_stride + v.  The line that a stride has
+// more than its words spreads the rows over all sets of the caches: at a stride of 4 KiB, the same
+// word of all rows shares a few of them, and the reduction took half as long again.
+int panel_stride(const TilePlan& plan) { return plan.panel_words + line_floats; }
+
 // Every thread's part of the panels starts at a line of its own.
 long long panel_floats_of_thread(const TilePlan& plan, int rows) {
-  return 1ll * plan.panel_words * rows + line_floats;
+  return 1ll * panel_stride(plan) * rows + line_floats;
 }
 
 float* line_start(float* p) {
@@ -52,10 +57,11 @@ float* line_start(float* p) {
   return p + (line_bytes - address % line_bytes) % line_bytes / sizeof(float);
 }
 
-// A stage holds, for one chunk of documents and one panel of words, the nearest scores and then the
-// weights behind them: value of slot t, document j, word v at ((t*width) + j)*stage_stride + v.
-// The line that a stride has more than a panel keeps the documents from sharing cache sets.
-long long stage_stride(const TilePlan& plan) { return plan.panel_words + line_floats; }
+// A stage holds, for one chunk of documents and the words of a strip, or of a whole panel where its
+// nearest entries are found in several passes, the nearest scores and then the weights behind them:
+// value of slot t, document j, word v at ((t*width) + j)*stage_stride + v.  The line that a stride
+// has more than its words keeps the documents from sharing cache sets.
+long long stage_stride(const TilePlan& plan) { return plan.stage_words + line_floats; }
 
 long long stage_floats(const TilePlan& plan, int slots) {
   return 2ll * slots * plan.width * stage_stride(plan);
@@ -72,71 +78,91 @@ int largest_pass(const DistinctRows& distinct, const DocumentGroup& group) {
 
 TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
                     const BlockRequest& request, const DocumentGroup& group, int nearest) {
-  // Ground distances of an entry lie side by side: they are read where they are.
-  const bool in_place = request.source == DistanceSource::ground_of_entry;
+  // Ground distances are only copied: a panel of one strip stays in the caches until it is reduced.
+  const int panel_most =
+      request.source == DistanceSource::vectors ? panel_words_most : strip_words_most;
   return plan_tiles(request.budget, request.threads, vocabulary.voc_size,
-                    in_place ? 0 : largest_pass(*batch.distinct, group),
-                    group.last_doc - group.first_doc, nearest, nearest_slots(nearest));
+                    largest_pass(*batch.distinct, group), group.last_doc - group.first_doc, nearest,
+                    nearest_slots(nearest), panel_most, group.last_pass - group.first_pass > 1);
 }
 
-// Scores of words [first_word, first_word + words) with the rows of a pass.
+// Dot products of words [first_word, first_word + words) with rows: of word v and row r at
+// scores[r*stride + v].
 void multiply(const Vocabulary& vocabulary, const float* rows, int num_rows, int first_word,
-              int words, float* scores, int stride) {
+              int words, float* scores, std::size_t stride) {
   using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
   const Eigen::Index m = vocabulary.vec_size;
   const Eigen::Map<const Rows> W(vocabulary.rows + first_word * m, words, m);
   const Eigen::Map<const Eigen::MatrixXf> X(rows, m, num_rows);  // a row of ours is a column of it
-  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<>> Y(scores, words, num_rows,
-                                                         Eigen::OuterStride<>(stride));
+  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<> > Y(
+      scores, words, num_rows, Eigen::OuterStride<>(static_cast<Eigen::Index>(stride)));
   Y.noalias() = W * X;
 }
 
-// The same from a ground-distance matrix, a line of words at a time.
-void gather(const GroupTask& task, const RowPass& pass, int first_word, int words, float* scores,
-            int stride) {
+int word_of_row(const GroupTask& task, int row) {
+  return task.batch.ind[task.batch.distinct->entry_of_row[static_cast<std::size_t>(row)]];
+}
+
+// The same from a ground-distance matrix with the vocabulary words in its rows: a line of words at
+// a time.  The rows of the batch ascend by word, so each of these words' distances is read in
+// order.
+void gather_by_word(const GroupTask& task, const RowPass& pass, int first_word, int words,
+                    float* scores, std::size_t stride) {
   const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
   for (int v = 0; v < words; v += line_floats) {
     const int line = std::min(line_floats, words - v);
     const float* ground = task.request.ground + static_cast<std::size_t>(first_word + v) * voc_size;
     for (int r = pass.first_row; r < pass.last_row; ++r) {
-      const int entry = task.batch.distinct->entry_of_row[static_cast<std::size_t>(r)];
-      const float* column = ground + task.batch.ind[entry];
+      const float* column = ground + word_of_row(task, r);
       float* score = scores + static_cast<std::size_t>(r - pass.first_row) * stride + v;
       for (int i = 0; i < line; ++i) score[i] = column[static_cast<std::size_t>(i) * voc_size];
     }
   }
 }
 
+// The same with the query words in the rows of the matrix.  A copy, though the distances could be
+// read where they are: there, a document's rows lie pages apart.
+void gather_by_entry(const GroupTask& task, const RowPass& pass, int first_word, int words,
+                     float* scores, std::size_t stride) {
+  const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
+  for (int r = pass.first_row; r < pass.last_row; ++r) {
+    const float* ground =
+        task.request.ground + static_cast<std::size_t>(word_of_row(task, r)) * voc_size;
+    std::copy_n(ground + first_word, words,
+                scores + static_cast<std::size_t>(r - pass.first_row) * stride);
+  }
+}
+
+// The panel is padded to whole lines; what stands there means nothing.
 Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int words,
                  float* scores) {
-  const int stride = task.plan.panel_words;
-  const int padded = static_cast<int>(round_up(words, line_floats));
+  const std::size_t stride = static_cast<std::size_t>(panel_stride(task.plan));
+  Panel panel{scores, stride, static_cast<int>(round_up(words, line_floats)), 1, nullptr};
   switch (task.request.source) {
     case DistanceSource::ground_of_entry:
-      return {task.request.ground + first_word, static_cast<std::size_t>(task.vocabulary.voc_size),
-              words, 1, nullptr};
-    case DistanceSource::ground_of_word:
-      gather(task, pass, first_word, words, scores, stride);
-      return {scores, static_cast<std::size_t>(stride), padded, 1, nullptr};
-    case DistanceSource::vectors:
+      gather_by_entry(task, pass, first_word, words, scores, stride);
       break;
+    case DistanceSource::ground_of_word:
+      gather_by_word(task, pass, first_word, words, scores, stride);
+      break;
+    case DistanceSource::vectors:
+      multiply(task.vocabulary,
+               task.batch.rows + static_cast<std::size_t>(pass.first_row) *
+                                     static_cast<std::size_t>(task.vocabulary.vec_size),
+               pass.last_row - pass.first_row, first_word, words, scores, stride);
+      panel.scale = score_per_dot;
+      if (task.request.metric == Metric::euclidean) {
+        panel.row_bias = task.batch.row_norms + pass.first_row;
+      }
   }
-  multiply(task.vocabulary,
-           task.batch.rows + static_cast<std::size_t>(pass.first_row) *
-                                 static_cast<std::size_t>(task.vocabulary.vec_size),
-           pass.last_row - pass.first_row, first_word, words, scores, stride);
-  const bool with_norms = task.request.metric == Metric::euclidean;
-  return {scores, static_cast<std::size_t>(stride), padded, score_per_dot,
-          with_norms ? task.batch.row_norms + pass.first_row : nullptr};
+  return panel;
 }
 
 // The entries of a document that lie in a pass.
 EntryRange entries_in_pass(const GroupTask& task, int doc, const RowPass& pass) {
   const int first = std::max(task.batch.start[doc], pass.first_entry);
   const int last = std::min(task.batch.start[doc + 1], pass.last_entry);
-  const int* row = task.request.source == DistanceSource::ground_of_entry
-                       ? task.batch.ind
-                       : task.batch.distinct->row_of_entry.data();
+  const int* row = task.batch.distinct->row_of_entry.data();
   return {row + first, task.batch.weight + first, std::max(last - first, 0)};
 }
 
@@ -195,6 +221,28 @@ void store_chunk(const GroupTask& task, const Block& block, int chunk, int docs,
   }
 }
 
+// Where a pass stands among those of its group.  With several, the group is a single document.
+struct PassPlace {
+  bool first, last;
+};
+
+// One strip of a panel: the nearest entries of every document, chunk by chunk.  The strip may be
+// padded; words are real.
+void reduce_strip(const GroupTask& task, const Block& block, const RowPass& pass,
+                  const PassPlace& place, const Panel& strip, int first_word, int words,
+                  float* stage) {
+  const int width = task.plan.width;
+  for (int chunk = 0; chunk < chunks_of(block.tables.docs, width); ++chunk) {
+    const int docs = std::min(width, block.tables.docs - chunk * width);
+    for (int j = 0; j < docs; ++j) {
+      const int doc = block.first_doc + chunk * width + j;
+      find_nearest_entries(strip, entries_in_pass(task, doc, pass), task.slots, !place.first,
+                           state_of(task, stage, j));
+    }
+    if (place.last) store_chunk(task, block, chunk, docs, first_word, words, stage);
+  }
+}
+
 // One panel of words against all passes of the group, into the block's tables.
 void compute_panel(GroupTask& task, const Block& block, int first_word, int words, int thread) {
   const DistinctRows& distinct = *task.batch.distinct;
@@ -202,21 +250,17 @@ void compute_panel(GroupTask& task, const Block& block, int first_word, int word
   float* scores = line_start(task.panels + thread * panel_floats_of_thread(task.plan, rows));
   float* stage =
       task.stages.data() + static_cast<std::size_t>(thread * stage_floats(task.plan, task.slots));
-  const int width = task.plan.width;
+  const bool several_passes = task.group.last_pass - task.group.first_pass > 1;
   for (int p = task.group.first_pass; p < task.group.last_pass; ++p) {
     const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
     const Panel panel = fill_panel(task, pass, first_word, words, scores);
-    const bool resume = p > task.group.first_pass;  // then the group is a single document
-    for (int chunk = 0; chunk < chunks_of(block.tables.docs, width); ++chunk) {
-      const int docs = std::min(width, block.tables.docs - chunk * width);
-      for (int j = 0; j < docs; ++j) {
-        const int doc = block.first_doc + chunk * width + j;
-        find_nearest_entries(panel, entries_in_pass(task, doc, pass), task.slots, resume,
-                             state_of(task, stage, j));
-      }
-      if (p + 1 == task.group.last_pass) {
-        store_chunk(task, block, chunk, docs, first_word, words, stage);
-      }
+    const PassPlace place{p == task.group.first_pass, p + 1 == task.group.last_pass};
+    for (int offset = 0; offset < words; offset += task.plan.strip_words) {
+      Panel strip = panel;
+      strip.scores += offset;
+      strip.words = std::min(task.plan.strip_words, panel.words - offset);
+      reduce_strip(task, block, pass, place, strip, first_word + offset,
+                   std::min(strip.words, words - offset), several_passes ? stage + offset : stage);
     }
   }
 }
@@ -287,11 +331,10 @@ int nearest_of_batch(const QueryBatch& batch, int steps, StepRule rule) {
 BlockSizes block_sizes(const Vocabulary& vocabulary, const QueryBatch& batch,
                        const BlockRequest& request) {
   const int nearest = nearest_of_batch(batch, request.steps, request.rule);
-  const bool in_place = request.source == DistanceSource::ground_of_entry;
   BlockSizes sizes{0, 0};
   for (const DocumentGroup& group : batch.distinct->groups) {
     const TilePlan plan = plan_group(vocabulary, batch, request, group, nearest);
-    const int rows = in_place ? 0 : largest_pass(*batch.distinct, group);
+    const int rows = largest_pass(*batch.distinct, group);
     sizes.panels =
         std::max(sizes.panels, std::max(request.threads, 1) * panel_floats_of_thread(plan, rows));
     sizes.table = std::max(sizes.table, 1ll * plan.window_docs * plan.block_words);

@@ -41,10 +41,10 @@ struct QueryBatch {
   int num_docs;
   const int* start;
   const float* weight;
-  const int* ind;  ///< word per entry (ground distances)
-  const DistinctRows* distinct;
-  const float* rows;       ///< distinct rows x vec_size (vectors)
-  const float* row_norms;  ///< their squared norms
+  const int* ind;                ///< word per entry (ground distances)
+  const DistinctRows* distinct;  ///< ordered by word for ground distances
+  const float* rows;             ///< distinct rows x vec_size (vectors)
+  const float* row_norms;        ///< their squared norms
 };
 
 struct BlockRequest {

@@ -154,4 +154,23 @@ DistinctRows find_distinct_rows(const void* rows, std::size_t row_bytes, const i
   return found;
 }
 
+void order_rows(const int* key, DistinctRows& distinct) {
+  std::vector<int> place;  // per row of a pass, its new number
+  for (const RowPass& pass : distinct.passes) {
+    const auto rows = distinct.entry_of_row.begin();
+    std::vector<int> entry(rows + pass.first_row, rows + pass.last_row);
+    std::sort(entry.begin(), entry.end(), [key](int a, int b) { return key[a] < key[b]; });
+    place.resize(entry.size());
+    for (std::size_t r = 0; r < entry.size(); ++r) {
+      const int old = distinct.row_of_entry[static_cast<std::size_t>(entry[r])];
+      place[static_cast<std::size_t>(old)] = static_cast<int>(r);
+    }
+    std::copy(entry.begin(), entry.end(), rows + pass.first_row);
+    for (int e = pass.first_entry; e < pass.last_entry; ++e) {
+      int& row = distinct.row_of_entry[static_cast<std::size_t>(e)];
+      row = place[static_cast<std::size_t>(row)];
+    }
+  }
+}
+
 }  // namespace talvik::internal

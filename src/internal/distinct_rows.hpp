@@ -20,7 +20,7 @@ struct DocumentGroup {
   int first_pass, last_pass;
 };
 
-/// The order of rows is that of their first appearance in their pass.
+/// Rows stand in the order of their first appearance in their pass, or as order_rows has left them.
 struct DistinctRows {
   std::vector<int> row_of_entry;  ///< per entry, counted from its pass's first row; padded at the
                                   ///< end by row_padding zeros, so that prefetching may run ahead
@@ -38,6 +38,10 @@ inline constexpr int row_padding = 16;
 /// @param threads    team that hashes the rows
 DistinctRows find_distinct_rows(const void* rows, std::size_t row_bytes, const int* start,
                                 int num_docs, int max_rows, int threads);
+
+/// Renumbers the rows of every pass by ascending key of their first entry.
+/// @param key  per entry, equal for entries of one row
+void order_rows(const int* key, DistinctRows& distinct);
 
 }  // namespace talvik::internal
 

@@ -37,10 +37,16 @@ struct EngineBudget {
   long long stage_floats = 256ll << 10;  ///< of each thread, on their way to the tables: 1 MiB
 };
 
-/// Words of a panel at least and at most: a product of a narrower panel is no longer worth its
-/// packing (at 64 words it runs at 3/4 of its rate), and a wider one gains nothing (measured).
+/// Words of a panel.  A dense product packs all rows anew for every panel, which takes an eighth of
+/// its time at 256 words and less the more there are; the reduction of wider panels is slower,
+/// since their rows lie further apart (1.5, 1.7 and 2.9 ns per row and line at 256, 512 and 1024
+/// words).
 inline constexpr int panel_words_wanted = 64;
-inline constexpr int panel_words_most = 256;
+inline constexpr int panel_words_most = 512;
+
+/// Words of a panel that are reduced at a time: few enough for the scores of the frequent rows to
+/// stay in the second-level cache from document to document.
+inline constexpr int strip_words_most = 64;
 
 /// Distinct query rows that one pass may hold, so that every thread has room for a panel.
 constexpr int rows_per_pass(const EngineBudget& budget, int threads) {
@@ -73,14 +79,19 @@ struct TilePlan {
   int window_docs;  ///< query documents per round; more are computed in several rounds
   int block_words;  ///< vocabulary words whose tables are held at once
   int panel_words;  ///< vocabulary words whose scores a thread holds at once
+  int strip_words;  ///< of them, as many as are reduced at a time
+  int stage_words;  ///< of them, as many as are kept on their way to the tables
 };
 
 /// @param rows     distinct query rows of the group's largest pass
 /// @param docs     query documents of the group, at least 1
 /// @param nearest  nearest words per vocabulary word and document
 /// @param slots    of them, as many as are kept while they are searched
+/// @param panel_most  words of a panel at most
+/// @param several_passes  nearest entries of a panel are kept from pass to pass
 constexpr TilePlan plan_tiles(const EngineBudget& budget, int threads, int voc_size, int rows,
-                              int docs, int nearest, int slots) {
+                              int docs, int nearest, int slots, int panel_most,
+                              bool several_passes) {
   threads = std::max(threads, 1);
   const int width = table_width(docs);
   const long long tables = 2ll * nearest - 1;
@@ -88,16 +99,25 @@ constexpr TilePlan plan_tiles(const EngineBudget& budget, int threads, int voc_s
   const long long window = std::clamp<long long>(docs_fit, width, round_up(docs, width));
   const long long words_fit = budget.table_floats / (tables * window) / line_floats * line_floats;
   long long block = std::clamp<long long>(words_fit, line_floats, round_up(voc_size, line_floats));
-  const long long panels_fit = budget.panel_floats / (1ll * threads * std::max(rows, 1));
-  const long long stages_fit = budget.stage_floats / (2ll * slots * width);
+  const long long panels_fit =
+      budget.panel_floats / (1ll * threads * std::max(rows, 1)) - line_floats;
+  const long long stage_fits =
+      std::max(budget.stage_floats / (2ll * slots * width) / line_floats, 1ll) * line_floats;
+  const long long strip = std::min<long long>(stage_fits, strip_words_most);
   long long panel = std::clamp<long long>(
-      std::min(panels_fit, stages_fit) / line_floats * line_floats, line_floats, panel_words_most);
+      panels_fit / line_floats * line_floats, line_floats,
+      several_passes ? std::min<long long>(stage_fits, panel_most) : panel_most);
   // The same number of panels for every thread, all of about the same width.
   const long long rounds = std::max((block + threads * panel - 1) / (threads * panel), 1ll);
   panel = std::clamp<long long>(
       round_up((block + threads * rounds - 1) / (threads * rounds), line_floats), line_floats,
       panel);
-  return {width, static_cast<int>(window), static_cast<int>(block), static_cast<int>(panel)};
+  return {width,
+          static_cast<int>(window),
+          static_cast<int>(block),
+          static_cast<int>(panel),
+          static_cast<int>(strip),
+          static_cast<int>(several_passes ? panel : strip)};
 }
 
 }  // namespace talvik::internal

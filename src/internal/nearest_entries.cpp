@@ -17,7 +17,7 @@
 namespace talvik::internal {
 // The same by selection, for any number of nearest entries, from word first_word on.
 void select_nearest(const Panel& panel, const EntryRange& entries, int nearest, bool resume,
-                    const NearestState& state, std::size_t first_word);
+                    const NearestState& state);
 }  // namespace talvik::internal
 #endif
 
@@ -30,7 +30,7 @@ using Vector = hn::Vec<Floats>;
 constexpr std::size_t lanes = HWY_LANES(float);
 
 // How far ahead the rows of coming entries are fetched: they are picked all over the panel.
-constexpr int prefetch_entries = 4;
+constexpr int prefetch_entries = 8;
 
 // Registers for K nearest of U vectors of words.
 template <int K, int U>
@@ -141,8 +141,6 @@ void reduce(const Panel& panel, const EntryRange& entries, bool resume, const Ne
   for (; v + lanes <= words; v += lanes) {
     reduce_words<K, 1, biased>(panel, entries, v, resume, state);
   }
-  // A panel of our own is padded to a line; a caller's ground distances are not.
-  if (v < words) select_nearest(panel, entries, K, resume, state, v);
 }
 
 void Reduce(const Panel& panel, const EntryRange& entries, int nearest, bool resume,
@@ -163,7 +161,7 @@ void Reduce(const Panel& panel, const EntryRange& entries, int nearest, bool res
     case 16:
       return run.template operator()<16>();
     default:
-      return select_nearest(panel, entries, nearest, resume, state, 0);
+      return select_nearest(panel, entries, nearest, resume, state);
   }
 }
 
@@ -201,9 +199,9 @@ bool nearer(const Candidate& a, const Candidate& b) {
 }  // namespace
 
 void select_nearest(const Panel& panel, const EntryRange& entries, int nearest, bool resume,
-                    const NearestState& state, std::size_t first_word) {
+                    const NearestState& state) {
   std::vector<Candidate> candidates;
-  for (std::size_t v = first_word; v < static_cast<std::size_t>(panel.words); ++v) {
+  for (std::size_t v = 0; v < static_cast<std::size_t>(panel.words); ++v) {
     candidates.clear();
     const auto offer = [&](float score, float weight) {
       if (score < std::numeric_limits<float>::infinity()) {

@@ -12,8 +12,8 @@ namespace talvik::internal {
 /// Scores of the words of a panel against query rows: word v of row r is at scores[r*stride + v].
 struct Panel {
   const float* scores;
-  std::size_t stride;  ///< floats, at least words rounded up to a line where scores are our own
-  int words;
+  std::size_t stride;     ///< floats, at least words
+  int words;              ///< a multiple of line_floats
   float scale;            ///< a score is scale * value + row_bias[r]
   const float* row_bias;  ///< per row, or null for none
 };

@@ -14,6 +14,7 @@
 #include "internal/engine_sizes.hpp"
 #include "internal/failure.hpp"
 #include "internal/ground_distances.hpp"
+#include "internal/large_pages.hpp"
 #include "internal/partition.hpp"
 #include "internal/select_smallest.hpp"
 #include "internal/word_distance.hpp"
@@ -154,6 +155,7 @@ struct Buffer {
   Buffer(long long asked, long long needed, const std::string& message)
       : floats(new (std::nothrow) float[static_cast<std::size_t>(std::max(asked, needed))]) {
     if (!floats) internal::fail(message);
+    internal::advise_large_pages(floats, static_cast<std::size_t>(needed) * sizeof(float));
   }
   ~Buffer() { delete[] floats; }
   Buffer(const Buffer&) = delete;
@@ -198,10 +200,9 @@ int remove_vocabulary_cpu() {
 
 int copy_raw_data2_cpu(int n2, int* ind2, float* weight2, int num_docs2_, int* start2_) {
   copy_query_documents(n2, weight2, num_docs2_, start2_);
-  // Prefetching may run ahead of the last entry.
-  host::ind2 = new int[static_cast<std::size_t>(n2) + internal::row_padding]();
-  std::copy_n(ind2, n2, host::ind2);
+  host::ind2 = copy_of(ind2, static_cast<std::size_t>(n2));
   host::distinct2 = distinct_rows_of(host::ind2, sizeof(int));
+  internal::order_rows(host::ind2, host::distinct2);
   return 1;
 }
 
@@ -245,6 +246,8 @@ int remove_ground_distances_cpu() {
 }
 
 int compute_ground_distances_cpu(float* D_ground) {
+  const std::size_t pairs = elements(host::voc_size, host::voc_size);
+  internal::advise_large_pages(D_ground, pairs * sizeof(float));
   internal::compute_ground_matrix(held_vocabulary(),
                                   internal::chosen_metric(use_cosine, normalize_embeddings),
                                   num_cpu_threads, D_ground);

@@ -53,7 +53,8 @@ int count_used_words(const Problem& problem);
 /// Identifiers that stand for more than one document.
 int count_shared_ids(const LabelList& ids);
 
-/// @return number of documents of p's group under the library's split of the collection, largest
+/// Documents of the largest group when the library splits the collection over the processes.  Drops
+/// the distribution info.
 int largest_group(const Collection& collection);
 
 }  // namespace talvik::tool

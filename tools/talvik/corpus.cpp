@@ -38,7 +38,7 @@ void add_corpus_command(CLI::App& app, int& status) {
                       "usually stand by frequency (default: none)");
   add_run_options(*command, options->run);
   command->callback([options, &status] {
-    check_run_options(options->run);
+    check_run_options(options->run, {options->corpus.embeddings});
     options->corpus.limit_resident = options->run.limit_resident;
     options->corpus.limit_queries = options->run.limit_queries;
     status = execute(options->run, [options] { return load_corpus(options->corpus); });

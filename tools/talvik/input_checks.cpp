@@ -16,6 +16,7 @@
 
 #include "run_error.hpp"
 #include "talvik.hpp"
+#include "tokenizer.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -165,7 +166,8 @@ std::string quoted(const std::string& word) {
     const bool plain = byte >= 0x80 || std::isprint(byte);  // UTF-8 passes
     text += plain ? std::string(1, word[at]) : fmt::format("\\x{:02x}", byte);
   }
-  return text + (word.size() > longest ? "...'" : "'");
+  long long replaced = 0;  // a word may hold, and the cut may leave, a piece of a character
+  return valid_utf8(text, replaced) + (word.size() > longest ? "...'" : "'");
 }
 
 EmbeddingFacts check_embedding_file(const std::string& path) {
@@ -194,6 +196,13 @@ EmbeddingFacts check_embedding_file(const std::string& path) {
     const std::string name = quoted(std::string(word));
     if (record == 1 && all_printable(bytes)) {
       throw RunError(path + ": is a text file (talvik convert makes an embedding file of it)");
+    }
+    // The one newline before a record is skipped; one inside a word shows that records and header
+    // do not agree, and that what would be read are no vectors.
+    if (word.find('\n') != std::string_view::npos) {
+      throw RunError(
+          fmt::format("{}: the word of record {}, {}, holds a line break (a wrong header?)", path,
+                      record, name));
     }
     // The reader numbers distinct words but keeps a row per record.
     const auto [known, is_new] = records.emplace(word, record);

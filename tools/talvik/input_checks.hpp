@@ -13,7 +13,8 @@ long long input_file_size(const std::string& path);
 
 void require_directory(const std::string& path);
 
-/// A word between single quotes, cut to a few dozen bytes, unprintable bytes as \xNN.
+/// A word between single quotes, cut to a few dozen bytes, unprintable bytes as \xNN, what is no
+/// UTF-8 as U+FFFD.
 std::string quoted(const std::string& word);
 
 struct EmbeddingFacts {

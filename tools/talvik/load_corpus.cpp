@@ -31,6 +31,22 @@ std::string class_below(const std::string& root, const std::string& dir) {
   return name;
 }
 
+// The library's lister passes over a directory that it cannot open, and with it a whole class.
+void require_readable_directories(const std::string& root) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  fs::recursive_directory_iterator at(root, fs::directory_options::skip_permission_denied, error);
+  while (!error && at != fs::recursive_directory_iterator()) {
+    std::error_code closed;
+    if (at->is_directory(closed) && !at->is_symlink(closed)) {
+      fs::directory_iterator(at->path(), closed);
+      if (closed) throw RunError(at->path().string() + ": cannot be opened: " + closed.message());
+    }
+    at.increment(error);
+  }
+  if (error) throw RunError(root + ": cannot be listed: " + error.message());
+}
+
 unsigned long id_of(const std::string& path, const std::string& name) {
   unsigned long id = 0;
   const char* end = name.data() + name.size();
@@ -126,6 +142,7 @@ std::vector<CorpusFile> list_corpus(const std::string& root_as_given) {
   std::string root = root_as_given;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
 
+  require_readable_directories(root);
   std::vector<std::string> names, dirs;
   if (!get_docs_20(root, names, dirs)) throw RunError(root + ": cannot be opened");
   std::vector<CorpusFile> files;

@@ -13,10 +13,11 @@ void add_mnist_command(CLI::App& app, int& status) {
     MnistOptions images;
   };
   auto options = std::make_shared<Options>();
-  CLI::App* command =
-      app.add_subcommand("mnist",
-                         "Nearest images between IDX files of 28 x 28 pixels, or within one.\n"
-                         "A limit takes the first images of the file.");
+  CLI::App* command = app.add_subcommand(
+      "mnist",
+      "Nearest images between IDX files of 28 x 28 pixels, or within one.\n"
+      "A limit takes the first images of the file; queries that are limited within\n"
+      "the resident images are spread evenly over them.");
   MnistOptions& images = options->images;
   command
       ->add_option("--resident-images", images.resident_images,
@@ -38,7 +39,9 @@ void add_mnist_command(CLI::App& app, int& status) {
   query_images->needs(query_labels);
   add_run_options(*command, options->run);
   command->callback([options, &status] {
-    check_run_options(options->run);
+    const MnistOptions& files = options->images;
+    check_run_options(options->run, {files.resident_images, files.resident_labels,
+                                     files.query_images, files.query_labels});
     options->images.limit_resident = options->run.limit_resident;
     options->images.limit_queries = options->run.limit_queries;
     status = execute(options->run, [options] { return load_mnist(options->images); });

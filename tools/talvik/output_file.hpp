@@ -38,8 +38,9 @@ struct RemovedAtEnd {
   RemovedAtEnd& operator=(const RemovedAtEnd&) = delete;
 };
 
-/// Throws RunError unless path can be created; leaves an empty file there.
-void require_creatable(const std::string& path);
+/// Makes a file whose contents nobody wants: a link to the null device, so that writing to it takes
+/// no space and cannot fail.  Throws RunError where it cannot be created.
+void make_discarded(const std::string& path);
 
 }  // namespace talvik::tool
 

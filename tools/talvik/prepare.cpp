@@ -90,9 +90,12 @@ std::vector<fs::path> files_below(const fs::path& root) {
   fs::recursive_directory_iterator at(root, error);
   while (!error && at != fs::recursive_directory_iterator()) {
     const bool hidden = at->path().filename().string().starts_with(".");
-    if (hidden && at->is_directory(error)) at.disable_recursion_pending();
-    if (!hidden && at->is_regular_file(error)) files.push_back(at->path().lexically_relative(root));
-    if (!error) at.increment(error);
+    std::error_code leads_nowhere;  // a link that does is no text
+    if (hidden && at->is_directory(leads_nowhere)) at.disable_recursion_pending();
+    if (!hidden && at->is_regular_file(leads_nowhere)) {
+      files.push_back(at->path().lexically_relative(root));
+    }
+    at.increment(error);
   }
   if (error) throw RunError(root.string() + ": cannot be listed: " + error.message());
   std::sort(files.begin(), files.end());

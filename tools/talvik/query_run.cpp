@@ -20,6 +20,7 @@ struct Collector {
   NeighbourLists* lists;
   Progress* progress;
   Mode mode;
+  int collected = 0;  // queries with lists
 };
 
 void collect(const BatchResult& batch, void* context) {
@@ -29,6 +30,7 @@ void collect(const BatchResult& batch, void* context) {
     const size_t count = static_cast<size_t>(batch.num_queries) * static_cast<size_t>(batch.k);
     std::copy_n(batch.neighbours, count, to.lists->neighbours.begin() + static_cast<long>(at));
     std::copy_n(batch.distances, count, to.lists->distances.begin() + static_cast<long>(at));
+    to.collected += batch.num_queries;
   }
   const bool two_way = to.mode == Mode::two_way || to.mode == Mode::ground;
   const char* phase =
@@ -91,6 +93,13 @@ void select_from_matrix(const float* matrix, NeighbourLists& lists) {
     sort_cpu_parallel(count, columns, lists.k, block.data(), lists.neighbours.data() + at,
                       lists.distances.data() + at);
   }
+}
+
+/// A list that never came would be read as one of zeros.  Collective.
+void require_all(int collected, int expected) {
+  agree(collected == expected
+            ? ""
+            : fmt::format("the run gave the lists of {} queries, not of {}", collected, expected));
 }
 
 struct Sizes {
@@ -158,7 +167,7 @@ RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool
   RunOutcome outcome;
   outcome.lists = empty_lists(n.queries, k);
   Progress progress(show_progress, static_cast<double>(n.queries) * n.resident);
-  Collector collector{&outcome.lists, &progress, mode};
+  Collector collector{&outcome.lists, &progress, mode, 0};
   batch_finished = collect;
   batch_finished_context = &collector;
 
@@ -182,6 +191,8 @@ RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool
   outcome.matrix_rows = grp_length[myid];
   outcome.matrix_cols = splits_queries(mode) ? n.resident : n.queries;
   if (!want_matrix) outcome.matrix.reset();
+  const int from_first_process = myid == 0 && !want_matrix ? n.queries : 0;
+  require_all(collector.collected, splits_queries(mode) ? grp_length[myid] : from_first_process);
   if (splits_queries(mode)) {
     gather_groups(outcome.lists);
   } else {

@@ -4,8 +4,22 @@
 #include <fmt/core.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 namespace talvik::tool {
+namespace {
+
+constexpr int most_threads = 4096;  // of far larger teams the threading library crashes
+
+bool same_file(const std::string& a, const std::string& b) {
+  if (a.empty() || b.empty()) return false;
+  std::error_code missing;
+  return std::filesystem::path(a).lexically_normal() ==
+             std::filesystem::path(b).lexically_normal() ||
+         std::filesystem::equivalent(a, b, missing);
+}
+
+}  // namespace
 
 CLI::Validator at_least(long long smallest) {
   const auto check = [smallest](const std::string& text) {
@@ -47,7 +61,7 @@ void add_run_options(CLI::App& command, RunOptions& options) {
   command
       .add_option("--threads", options.threads,
                   "Threads per process (default: hardware threads over local processes)")
-      ->check(at_least(1));
+      ->check(CLI::Range(1, most_threads));
   command
       .add_option("--limit-resident", options.limit_resident, "At most so many resident documents")
       ->check(at_least(1));
@@ -78,8 +92,17 @@ void add_run_options(CLI::App& command, RunOptions& options) {
   command.add_flag("--verbose", options.verbose, "List what was left out");
 }
 
-void check_run_options(const RunOptions& options) {
-  if (options.out == options.matrix) {
+void check_run_options(const RunOptions& options, const std::vector<std::string>& inputs) {
+  if (options.out.empty()) throw CLI::ValidationError("--out", "the name is empty");
+  for (const std::string& input : inputs) {
+    if (same_file(options.out, input)) {
+      throw CLI::ValidationError("--out", options.out + " is also an input");
+    }
+    if (same_file(options.matrix, input)) {
+      throw CLI::ValidationError("--matrix", options.matrix + " is also an input");
+    }
+  }
+  if (same_file(options.out, options.matrix)) {
     throw CLI::ValidationError("--matrix", options.matrix + " is also the name after --out");
   }
 }

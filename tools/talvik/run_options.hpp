@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 namespace talvik::tool {
 
@@ -33,7 +34,8 @@ CLI::Validator at_least(long long smallest);
 void add_run_options(CLI::App& command, RunOptions& options);
 
 /// Throws CLI::ValidationError where options that are right each contradict one another.
-void check_run_options(const RunOptions& options);
+/// @param inputs  files that the run reads and must not replace
+void check_run_options(const RunOptions& options, const std::vector<std::string>& inputs);
 
 }  // namespace talvik::tool
 
