@@ -32,7 +32,7 @@ struct GpuBlock {
   float* dp_dev;             // distances of a group of documents to the resident ones
   float* Y_dev;              // distance rows, voc_size each
   float* Y_dev_t;            // the nearest distances: rows of voc_size
-  float* weights_min_dev_t;  // the weights behind them
+  float* weights_min_dev_t;  // the weights behind them; not used by the top-1 rule
   float* weight_updated;     // num_vecs, what is left of every resident entry; with steps only
   float* weight_delta;       // num_vecs, what moves; with steps only
 
@@ -45,36 +45,24 @@ struct GpuBlock {
   float* Rn_rows_dev;     // their squared norms; without normalisation only
 };
 
-using TopKernel = void (*)(int, int, float*, float*, float*, float*);
-using TopOfRowsKernel = void (*)(int, int, float*, int*, float*, float*, float*, bool);
+// The kernels that keep so many nearest entries.
+struct TopKernels {
+  void (*single)(int, int, float*, float*, float*, float*);
+  void (*of_rows)(int, int, float*, int*, float*, float*, float*, bool);
+};
 
-TopKernel top_kernel(int nearest) {
+TopKernels top_kernels(int nearest) {
   switch (nearest) {
     case 1:
-      return &top1_single;
+      return {&top1_single, &top_of_rows<1>};
     case 2:
-      return &top2_single;
+      return {&top2_single, &top_of_rows<2>};
     case 4:
-      return &top4_single;
+      return {&top4_single, &top_of_rows<4>};
     case 8:
-      return &top8_single;
+      return {&top8_single, &top_of_rows<8>};
     default:
-      return &top16_single;
-  }
-}
-
-TopOfRowsKernel top_of_rows_kernel(int nearest) {
-  switch (nearest) {
-    case 1:
-      return &top_of_rows<1>;
-    case 2:
-      return &top_of_rows<2>;
-    case 4:
-      return &top_of_rows<4>;
-    case 8:
-      return &top_of_rows<8>;
-    default:
-      return &top_of_rows<16>;
+      return {&top16_single, &top_of_rows<16>};
   }
 }
 
@@ -214,17 +202,18 @@ int* row_of_entry(const GpuBlock& block) {
 // Row r of Y_dev_t: every vocabulary word's (r+1)-th nearest entry of the document, among those of
 // this pass and, if it goes on, the passes before.  A document without entries is far away.
 void choose_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int doc) {
-  const int nearest = topk_of_document(block.steps, start2[doc + 1] - start2[doc]);
+  const TopKernels kernels =
+      top_kernels(topk_of_document(block.steps, start2[doc + 1] - start2[doc]));
   const int first = std::max(start2[doc], pass.first_entry);
   const int count = std::min(start2[doc + 1], pass.last_entry) - first;
   float* weights = weight2_dev + first;
   const std::vector<int>& rows = block.rows.row_of_entry;  // empty in index form
   if (!block.precompute && !goes_on && consecutive(rows.data() + first, count)) {
     float* first_row = block.Y_dev + elements(rows[static_cast<std::size_t>(first)], voc_size);
-    launch(top_kernel(nearest), column_grid(voc_size), block_shape(), count, voc_size, first_row,
+    launch(kernels.single, column_grid(voc_size), block_shape(), count, voc_size, first_row,
            block.Y_dev_t, weights, block.weights_min_dev_t);
   } else {
-    launch(top_of_rows_kernel(nearest), column_grid(voc_size), block_shape(), count, voc_size,
+    launch(kernels.of_rows, column_grid(voc_size), block_shape(), count, voc_size,
            distance_rows(block), row_of_entry(block) + first, block.Y_dev_t, weights,
            block.weights_min_dev_t, goes_on);
   }
