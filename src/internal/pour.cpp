@@ -21,8 +21,8 @@ constexpr std::size_t lanes = HWY_LANES(float);
 // Resident documents whose sums are held together, so that a line of Z is written at once.
 constexpr int tile_docs = line_floats;
 
-// The sums of one resident document with U vectors of query documents side by side.  K nearest
-// entries take part, or, with K = 0, as many as the tables hold.
+// Adds one resident document's entries to its sums with U vectors of query documents side by side.
+// K nearest entries take part, or, with K = 0, as many as the tables hold.
 template <int K, int U>
 HWY_INLINE void pour_document(const NearestTables& tables, const ResidentEntries& entries,
                               int begin, int end, std::size_t chunk_offset, float* sums) {
@@ -30,7 +30,7 @@ HWY_INLINE void pour_document(const NearestTables& tables, const ResidentEntries
   const int steps = K > 0 ? K - 1 : static_cast<int>(tables.capacity.size());
   Vector sum[U];
 #pragma GCC unroll 8
-  for (int u = 0; u < U; ++u) sum[u] = hn::Zero(d);
+  for (int u = 0; u < U; ++u) sum[u] = hn::LoadU(d, sums + lanes * u);
   for (int p = begin; p < end; ++p) {
     const Vector weight = hn::Set(d, entries.weight[p]);
     const std::size_t at =
@@ -71,10 +71,23 @@ void pour_tile(const NearestTables& tables, const ResidentEntries& entries, int 
   }
 }
 
+constexpr int widest = 4 * line_floats;
+
+// A sum goes on where the last block of words has left it: one sum over the entries in their order,
+// wherever the blocks end, so that distances do not depend on how the work was cut.
+HWY_INLINE void load_sums(const float* Z, int chunk_docs, int docs, int num_docs, bool overwrite,
+                          float (*sums)[widest]) {
+  std::fill(sums[0], sums[docs], 0.0f);
+  if (overwrite) return;
+  for (int j = 0; j < chunk_docs; ++j) {
+    const float* z = Z + static_cast<std::size_t>(j) * static_cast<std::size_t>(num_docs);
+    for (int r = 0; r < docs; ++r) sums[r][j] = z[r];
+  }
+}
+
 template <int K>
 void pour_block(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
                 const int* end, int first, int last, int num_docs, float* Z, bool overwrite) {
-  constexpr int widest = 4 * line_floats;
   alignas(64) float sums[tile_docs][widest];
   for (int chunk = 0; chunk < chunks_of(tables.docs, tables.width); ++chunk) {
     const std::size_t offset = static_cast<std::size_t>(chunk) *
@@ -85,12 +98,13 @@ void pour_block(const NearestTables& tables, const ResidentEntries& entries, con
                              static_cast<std::size_t>(num_docs);
     for (int i = first; i < last; i += tile_docs) {
       const int docs = std::min(tile_docs, last - i);
+      load_sums(Z_chunk + i, chunk_docs, docs, num_docs, overwrite, sums);
       for (int r = 0; r < docs; ++r) {
         pour_tile<K>(tables, entries, begin[i + r], end[i + r], offset, sums[r]);
       }
       for (int j = 0; j < chunk_docs; ++j) {
         float* z = Z_chunk + static_cast<std::size_t>(j) * static_cast<std::size_t>(num_docs) + i;
-        for (int r = 0; r < docs; ++r) z[r] = overwrite ? sums[r][j] : z[r] + sums[r][j];
+        for (int r = 0; r < docs; ++r) z[r] = sums[r][j];
       }
     }
   }

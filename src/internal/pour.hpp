@@ -33,7 +33,7 @@ struct ResidentEntries {
 /// lets of the rest.
 /// @param begin,end  per resident document, its entries with words of the block
 /// @param Z          value of (i, j) at Z[j*num_docs + i]
-/// @param overwrite  store the sums instead of adding them
+/// @param overwrite  begin the sums anew; else they go on from what Z holds
 void pour(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
           const int* end, int first, int last, int num_docs, float* Z, bool overwrite);
 
