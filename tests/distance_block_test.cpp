@@ -6,10 +6,12 @@
 
 #include <cmath>
 #include <cstring>
+#include <new>  // bad_alloc
 #include <random>
 #include <vector>
 
 #include "internal/blas_threads.hpp"
+#include "internal/partition.hpp"
 #include "internal/select_smallest.hpp"
 #include "support/engine.hpp"
 #include "support/oracle.hpp"
@@ -189,6 +191,29 @@ TEST(Selection, MatchesAFullSortForEveryK) {
       for (int j = 0; j < k; ++j) EXPECT_EQ(smallest[j].second, sorted[j].second) << n << " " << k;
     }
   }
+}
+
+TEST(Selection, NaNHidesNoSmallerValueOfItsBlock) {
+  const int block = 64, lanes = 16, taken_at_once = 257;  // by the selection of one
+  for (const int distance : {lanes, 2 * lanes, lanes / 2}) {
+    std::vector<float> values(taken_at_once + 2 * block, 10.0f);
+    values[taken_at_once] = NAN;
+    values[taken_at_once + distance] = 1;
+    std::vector<Candidate> smallest;
+    select_smallest(values.data(), static_cast<int>(values.size()), 1, smallest);
+    EXPECT_EQ(smallest.at(0).second, taken_at_once + distance);
+  }
+}
+
+TEST(Partition, ExceptionOfAThreadReachesTheCaller) {
+  const auto fail_at = [](int item) {
+    for_each_block(3, 10, [item](int first, int last, int) {
+      if (first <= item && item < last) throw std::bad_alloc();
+    });
+  };
+  EXPECT_NO_THROW(fail_at(10));
+  EXPECT_THROW(fail_at(0), std::bad_alloc);
+  EXPECT_THROW(fail_at(9), std::bad_alloc);
 }
 
 TEST(Blas, SettingOfTheHostProgramIsBackAfterwards) {

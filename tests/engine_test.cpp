@@ -207,6 +207,29 @@ TEST(Engine, ZeroRowStaysZeroUnderNormalisation) {
   normalize_embeddings = false;
 }
 
+TEST(Engine, WordWithoutAVectorIsFarAway) {
+  World world{{}, {NAN, 0, 3, 4, 5, 0}, {{{0, 1.0f}}}, {{{1, 1.0f}, {2, 1.0f}}}, {}, {}};
+  world.shape.voc_size = 3;
+  world.shape.vec_size = 2;
+  for (const StepRule rule : every_rule) {
+    for (const bool ground : {false, true}) {
+      if (!can_run(rule)) continue;
+      EXPECT_EQ(distance_block(world, 0, rule, ground).at(0), 1e30f);
+      EXPECT_EQ(distance_block(world, 1, rule, ground).at(0), 1e30f);
+    }
+  }
+}
+
+TEST(Engine, RowsOfNoLengthAreAllInOnePlace) {
+  WorldShape shape;
+  shape.vec_size = 0;
+  const World world = random_world(shape);
+  for (const StepRule rule : every_rule) {
+    if (!can_run(rule)) continue;
+    for (const float z : distance_block(world, 0, rule, false)) EXPECT_EQ(z, 0);
+  }
+}
+
 TEST(Engine, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
   float D[] = {0, 1, 2, 0};  // D[word 0][word 1] = 1, D[word 1][word 0] = 2
   int start[] = {0, 1}, resident_word[] = {0}, query_word[] = {1};

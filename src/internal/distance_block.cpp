@@ -174,14 +174,14 @@ NearestState state_of(const GroupTask& task, float* stage, int j) {
   return {score, task.slots > 1 ? weight : nullptr, slot};
 }
 
-// From documents with their words side by side to words with their documents side by side.  What
-// pads the last chunk becomes 0.
+// From documents with their words side by side to words with their documents side by side, at most
+// far_away, which NaN becomes, too.  What pads the last chunk becomes 0.
 void transpose(const float* stage, std::size_t stride, int docs, int words, int width,
                float* table) {
   for (int v = 0; v < words; ++v) {
     float* row = table + static_cast<std::size_t>(v) * static_cast<std::size_t>(width);
     for (int j = 0; j < docs; ++j) {
-      row[j] = std::min(stage[static_cast<std::size_t>(j) * stride + v], far_away);
+      row[j] = std::min(far_away, stage[static_cast<std::size_t>(j) * stride + v]);
     }
     std::fill(row + docs, row + width, 0.0f);
   }

@@ -2,7 +2,7 @@
 #include "internal/distinct_rows.hpp"
 
 #include <algorithm>
-#include <cstring>
+#include <functional>  // hash
 #include <string_view>
 
 #include "internal/partition.hpp"
@@ -27,10 +27,13 @@ struct RowTable {
 
 constexpr std::size_t smallest_table = 64;  // slots
 
+// The row of an entry; rows of no bytes may lie at null.
+std::string_view row_at(const char* rows, std::size_t row_bytes, int entry) {
+  return {rows + static_cast<std::size_t>(entry) * row_bytes, row_bytes};
+}
+
 bool same_row(const RowTable& table, int a, int b) {
-  return std::memcmp(table.rows + static_cast<std::size_t>(a) * table.row_bytes,
-                     table.rows + static_cast<std::size_t>(b) * table.row_bytes,
-                     table.row_bytes) == 0;
+  return row_at(table.rows, table.row_bytes, a) == row_at(table.rows, table.row_bytes, b);
 }
 
 std::size_t free_slot(const std::vector<int>& slot, Hash hash) {
@@ -89,9 +92,8 @@ Hash hash_of(EntryHashes& block, int entry) {
     block.hash.resize(static_cast<std::size_t>(block.last - block.first));
     for_each_block(block.threads, block.last - block.first, [&](int first, int last, int) {
       for (int i = first; i < last; ++i) {
-        const char* row = block.rows + static_cast<std::size_t>(block.first + i) * block.row_bytes;
         block.hash[static_cast<std::size_t>(i)] =
-            std::hash<std::string_view>()({row, block.row_bytes});
+            std::hash<std::string_view>()(row_at(block.rows, block.row_bytes, block.first + i));
       }
     });
   }

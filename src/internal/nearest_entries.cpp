@@ -12,10 +12,12 @@
 #include <hwy/foreach_target.h>  // compiles this file again for every instruction set
 #include <hwy/highway.h>
 
+#include "internal/distinct_rows.hpp"  // row_padding
+
 #ifndef TALVIK_NEAREST_ENTRIES_ONCE  // above all instruction sets
 #define TALVIK_NEAREST_ENTRIES_ONCE
 namespace talvik::internal {
-// The same by selection, for any number of nearest entries, from word first_word on.
+// find_nearest_entries by selection, for any number of nearest entries.
 void select_nearest(const Panel& panel, const EntryRange& entries, int nearest, bool resume,
                     const NearestState& state);
 }  // namespace talvik::internal
@@ -31,6 +33,7 @@ constexpr std::size_t lanes = HWY_LANES(float);
 
 // How far ahead the rows of coming entries are fetched: they are picked all over the panel.
 constexpr int prefetch_entries = 8;
+static_assert(prefetch_entries <= row_padding);
 
 // Registers for K nearest of U vectors of words.
 template <int K, int U>

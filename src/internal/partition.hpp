@@ -6,6 +6,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 namespace talvik::internal {
@@ -20,16 +21,24 @@ static_assert(block_of(1, 4, 10) == std::pair(3, 6) && block_of(3, 4, 10) == std
 static_assert(block_of(1, 4, 2) == std::pair(1, 2) && block_of(3, 4, 2) == std::pair(2, 2));
 
 /// Runs body(first, last, thread) on a team, one contiguous block of [0, n) per thread.
-/// Body writes only what its own rows own, and never throws.
+/// Body writes only what its own rows own.  An exception out of it, or one of several, is thrown on
+/// when the whole team has ended.
 template <class Body>
 void for_each_block(int threads, int n, const Body& body) {
   omp_set_num_threads(std::max(threads, 1));
+  std::exception_ptr failure;  // none may leave the team
 #pragma omp parallel
   {
-    const int thread = omp_get_thread_num();
-    const auto [first, last] = block_of(thread, omp_get_num_threads(), n);
-    body(first, last, thread);
+    try {
+      const int thread = omp_get_thread_num();
+      const auto [first, last] = block_of(thread, omp_get_num_threads(), n);
+      body(first, last, thread);
+    } catch (...) {
+#pragma omp critical(talvik_team_failure)
+      failure = std::current_exception();
+    }
   }
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace talvik::internal

@@ -28,9 +28,9 @@ int FirstBlockBelow(const float* values, int first, int n, float limit) {
   constexpr int lanes = HWY_LANES(float);
   const auto bound = hn::Set(d, limit);
   for (; first + block_values <= n; first += block_values) {
-    auto smallest = hn::LoadU(d, values + first);
+    auto smallest = bound;  // a number, so that NaN loses
 #pragma GCC unroll 16
-    for (int v = lanes; v < block_values; v += lanes) {
+    for (int v = 0; v < block_values; v += lanes) {
       smallest = hn::Min(hn::LoadU(d, values + first + v), smallest);
     }
     if (!hn::AllFalse(d, hn::Lt(smallest, bound))) break;
