@@ -21,14 +21,16 @@ double spread(const std::vector<double>& values) {
 
 void RatioReporter::print_ratio(const std::string& a, const std::string& b, double target) const {
   const std::string name = a + " / " + b;
-  const auto of_a = seconds_.find(a), of_b = seconds_.find(b);
-  if (of_a == seconds_.end() || of_b == seconds_.end()) {
-    std::printf("%-58s not run\n", name.c_str());
+  const auto of_a = times_.find(a), of_b = times_.find(b);
+  if (of_a == times_.end() || of_b == times_.end()) {
+    std::printf("%-48s not run\n", name.c_str());
     return;
   }
-  std::printf("%-58s %7.3f", name.c_str(), median(of_a->second) / median(of_b->second));
+  const Times &x = of_a->second, &y = of_b->second;
+  std::printf("%-48s wall %6.3f   cpu %6.3f", name.c_str(), median(x.wall) / median(y.wall),
+              median(x.cpu) / median(y.cpu));
   if (target > 0) std::printf("   target %.2f", target);
-  std::printf("   (spread %.2f, %.2f)\n", spread(of_a->second), spread(of_b->second));
+  std::printf("   (spread %.2f, %.2f)\n", spread(x.wall), spread(y.wall));
 }
 
 }  // namespace talvik::bench
