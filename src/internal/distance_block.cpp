@@ -67,13 +67,8 @@ long long stage_floats(const TilePlan& plan, int slots) {
   return 2ll * slots * plan.width * stage_stride(plan);
 }
 
-int largest_pass(const DistinctRows& distinct, const DocumentGroup& group) {
-  int rows = 0;
-  for (int p = group.first_pass; p < group.last_pass; ++p) {
-    const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
-    rows = std::max(rows, pass.last_row - pass.first_row);
-  }
-  return rows;
+int largest_pass_of(const QueryBatch& batch, const DocumentGroup& group) {
+  return largest_pass(*batch.distinct, group.first_pass, group.last_pass);
 }
 
 TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
@@ -82,7 +77,7 @@ TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
   const int panel_most =
       request.source == DistanceSource::vectors ? panel_words_most : strip_words_most;
   return plan_tiles(request.budget, request.threads, vocabulary.voc_size,
-                    largest_pass(*batch.distinct, group), group.last_doc - group.first_doc, nearest,
+                    largest_pass_of(batch, group), group.last_doc - group.first_doc, nearest,
                     nearest_slots(nearest), panel_most, group.last_pass - group.first_pass > 1);
 }
 
@@ -198,8 +193,6 @@ void end_steps_early(const GroupTask& task, const NearestState& state, int doc, 
 void store_chunk(const GroupTask& task, const Block& block, int chunk, int docs, int first_word,
                  int words, float* stage) {
   const TilePlan& plan = task.plan;
-  const std::size_t stride = static_cast<std::size_t>(stage_stride(plan));
-  const std::size_t slot = static_cast<std::size_t>(plan.width) * stride;
   const std::size_t at =
       (static_cast<std::size_t>(chunk) * static_cast<std::size_t>(block.tables.words) +
        static_cast<std::size_t>(first_word - block.tables.first_word)) *
@@ -212,12 +205,15 @@ void store_chunk(const GroupTask& task, const Block& block, int chunk, int docs,
     }
     end_steps_early(task, state, block.first_doc + chunk * plan.width + j, words);
   }
+  const std::size_t stride = static_cast<std::size_t>(stage_stride(plan));
+  const NearestState all = state_of(task, stage, 0);  // its documents one after the other
   for (int t = 0; t < task.nearest; ++t) {
-    transpose(stage + static_cast<std::size_t>(t) * slot, stride, docs, words, plan.width,
+    const std::size_t slot = static_cast<std::size_t>(t) * all.stride;
+    transpose(all.score + slot, stride, docs, words, plan.width,
               block.tables.distance[static_cast<std::size_t>(t)] + at);
     if (t + 1 == task.nearest) break;
-    transpose(stage + static_cast<std::size_t>(task.slots + t) * slot, stride, docs, words,
-              plan.width, block.tables.capacity[static_cast<std::size_t>(t)] + at);
+    transpose(all.weight + slot, stride, docs, words, plan.width,
+              block.tables.capacity[static_cast<std::size_t>(t)] + at);
   }
 }
 
@@ -246,7 +242,7 @@ void reduce_strip(const GroupTask& task, const Block& block, const RowPass& pass
 // One panel of words against all passes of the group, into the block's tables.
 void compute_panel(GroupTask& task, const Block& block, int first_word, int words, int thread) {
   const DistinctRows& distinct = *task.batch.distinct;
-  const int rows = largest_pass(distinct, task.group);
+  const int rows = largest_pass_of(task.batch, task.group);
   float* scores = line_start(task.panels + thread * panel_floats_of_thread(task.plan, rows));
   float* stage =
       task.stages.data() + static_cast<std::size_t>(thread * stage_floats(task.plan, task.slots));
@@ -334,7 +330,7 @@ BlockSizes block_sizes(const Vocabulary& vocabulary, const QueryBatch& batch,
   BlockSizes sizes{0, 0};
   for (const DocumentGroup& group : batch.distinct->groups) {
     const TilePlan plan = plan_group(vocabulary, batch, request, group, nearest);
-    const int rows = largest_pass(*batch.distinct, group);
+    const int rows = largest_pass_of(batch, group);
     sizes.panels =
         std::max(sizes.panels, std::max(request.threads, 1) * panel_floats_of_thread(plan, rows));
     sizes.table = std::max(sizes.table, 1ll * plan.window_docs * plan.block_words);

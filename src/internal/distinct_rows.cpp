@@ -156,6 +156,15 @@ DistinctRows find_distinct_rows(const void* rows, std::size_t row_bytes, const i
   return found;
 }
 
+int largest_pass(const DistinctRows& distinct, int first_pass, int last_pass) {
+  int rows = 0;
+  for (int p = first_pass; p < last_pass; ++p) {
+    const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
+    rows = std::max(rows, pass.last_row - pass.first_row);
+  }
+  return rows;
+}
+
 void order_rows(const int* key, DistinctRows& distinct) {
   std::vector<int> place;  // per row of a pass, its new number
   for (const RowPass& pass : distinct.passes) {

@@ -39,6 +39,9 @@ inline constexpr int row_padding = 16;
 DistinctRows find_distinct_rows(const void* rows, std::size_t row_bytes, const int* start,
                                 int num_docs, int max_rows, int threads);
 
+/// Rows of the largest of the passes [first_pass, last_pass).
+int largest_pass(const DistinctRows& distinct, int first_pass, int last_pass);
+
 /// Renumbers the rows of every pass by ascending key of their first entry.
 /// @param key  per entry, equal for entries of one row
 void order_rows(const int* key, DistinctRows& distinct);

@@ -73,14 +73,6 @@ bool consecutive(const int* numbers, int count) {
   return true;
 }
 
-int largest_pass(const DistinctRows& rows) {
-  int largest = 0;
-  for (const RowPass& pass : rows.passes) {
-    largest = std::max(largest, pass.last_row - pass.first_row);
-  }
-  return largest;
-}
-
 // With ground distances nothing is computed: all entries' rows are those of the matrix.
 void plan_block(GpuBlock& block, const std::vector<int>& row_ids) {
   const int num_entries = start2[num_docs2];
@@ -130,7 +122,7 @@ void allocate_buffers(GpuBlock& block) {
     block.row_of_entry_dev = upload(rows.row_of_entry.data(), entries, "row_of_entry");
   }
   if (block.rows_repeat) {
-    const int pass_rows = largest_pass(rows);
+    const int pass_rows = largest_pass(rows, 0, static_cast<int>(rows.passes.size()));
     block.entry_of_row_dev =
         upload(rows.entry_of_row.data(), rows.entry_of_row.size(), "entry_of_row");
     block.X_rows_dev = allocate_on_device<float>(elements(pass_rows, vec_size), "X_rows");

@@ -7,16 +7,13 @@
 #include <cstddef>
 #include <string>
 
+#include "internal/elements.hpp"
 #include "internal/failure.hpp"
 #include "libwmd/kernels.cuh"
 #include "libwmd/platform/device.hpp"
 #include "talvik.hpp"
 
 namespace talvik::internal {
-
-inline std::size_t elements(int rows, int cols) {
-  return static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols);
-}
 
 /// @return count values on the device, null if there are none to hold
 template <class T>

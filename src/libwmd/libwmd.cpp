@@ -10,6 +10,7 @@
 
 #include "internal/distance_block.hpp"
 #include "internal/distinct_rows.hpp"
+#include "internal/elements.hpp"
 #include "internal/embedding_rows.hpp"
 #include "internal/engine_sizes.hpp"
 #include "internal/failure.hpp"
@@ -60,11 +61,8 @@ using internal::BlockBuffers;
 using internal::BlockRequest;
 using internal::BlockSizes;
 using internal::DistanceSource;
+using internal::elements;
 using internal::StepRule;
-
-std::size_t elements(int count, int size) {
-  return static_cast<std::size_t>(count) * static_cast<std::size_t>(size);
-}
 
 template <class T>
 T* copy_of(const T* from, std::size_t count) {
