@@ -96,7 +96,7 @@ def distinct_once(vectors, travelling, standing):
 
 
 def nearest(distances, k):
-    """The k nearest of every row, ascending; of equal ones the lower number first."""
+    """The k nearest of every row, ascending."""
     def select(rows):
         part = np.argpartition(distances[rows], k - 1, axis=1)[:, :k]
         part.sort(axis=1)
