@@ -253,11 +253,11 @@ def check_bounds(case, best, runs, checks):
     return two_way
 
 
-def significant(number, digits=3):
-    """Three digits, without an exponent below a million."""
-    if number >= 1e6:
+def significant(number):
+    """Three digits, from ten thousand on two and an exponent."""
+    if number >= 1e4:
         return f"{number:.1e}".replace("e+0", "e")
-    return f"{number:.{max(0, digits - 1 - int(np.floor(np.log10(number))))}f}"
+    return f"{number:.{max(0, 2 - int(np.floor(np.log10(number))))}f}"
 
 
 def row(*cells):
@@ -338,4 +338,5 @@ def print_results(done, checks):
           f"{blas_name()}, {ways.THREADS} threads or processes, the quicker of {ROUNDS} rounds.")
 
 
-main()
+if __name__ == "__main__":
+    main()
