@@ -53,6 +53,7 @@ Contender plain_contender(const World& world, DenseKernel kernel, const Options&
 
 void text_figures(const Options& options, Table& table) {
   const World world = make_world("text");
+  table.remarks.push_back(description_of(world));
   std::vector<float> Z(block_floats_of(world));
   std::map<std::string, Samples> times;
   {
@@ -62,7 +63,8 @@ void text_figures(const Options& options, Table& table) {
     std::vector<Contender> contenders{{"text, dense product", repetitions(options, 3),
                                        [&] { dense_product(world, dense_block_floats, Y.get()); }}};
     for (const int steps : {0, 1, 3, 7}) {
-      contenders.push_back(engine_contender(world, steps, repetitions(options, 5), Z));
+      contenders.push_back(
+          engine_contender(world, steps, repetitions(options, steps == 0 ? 5 : 3), Z));
     }
     times = take_turns(contenders);
     run_engine(world, 0, Z.data());
@@ -90,6 +92,7 @@ void text_figures(const Options& options, Table& table) {
 
 void distinct_figures(const Options& options, Table& table) {
   const World world = make_world("distinct");
+  table.remarks.push_back(description_of(world));
   std::vector<float> Z(block_floats_of(world));
   const LoadedResident resident(world);
   const auto Y = new_floats(dense_block_floats);
@@ -103,6 +106,7 @@ void distinct_figures(const Options& options, Table& table) {
 
 void image_figures(const Options& options, Table& table) {
   const World world = make_world("images");
+  table.remarks.push_back(description_of(world));
   std::vector<float> Z(block_floats_of(world)), plain_Z(Z.size());
   const LoadedResident resident(world);
   run_engine(world, 0, Z.data());
@@ -122,6 +126,7 @@ void image_figures(const Options& options, Table& table) {
 void ground_figures(const Options& options, Table& table) {
   const Collections collections = make_collections("small");
   const World world = world_of("small", collections);
+  table.remarks.push_back(description_of(world));
   std::vector<int> ind;
   for (const Document& doc : collections.resident) {
     for (const auto& [word, weight] : doc) ind.push_back(static_cast<int>(word));

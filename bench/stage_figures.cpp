@@ -90,6 +90,7 @@ void select_from_pairs(int rows, int cols, const float* data, int k, int threads
 
 void sparse_figures(const Options& options, Table& table) {
   const World world = make_world("large");
+  table.remarks.push_back(description_of(world));
   const int width = internal::table_width(world.num_queries);
   const std::vector<float> values = draw_table(world.voc_size, world.num_queries);
   std::vector<float> chunks = in_chunks(values, world.voc_size, world.num_queries, width);

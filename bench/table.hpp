@@ -10,10 +10,11 @@
 namespace talvik::bench {
 
 constexpr double no_target = 0;
+constexpr double no_time = -1;
 
 struct Figure {
   std::string name;
-  double wall, cpu;  ///< by wall-clock and by processor time
+  double wall, cpu;  ///< by wall-clock and by processor time; cpu is no_time where it is no time
   double target;     ///< at most; or no_target
   std::string note;
 };
@@ -27,7 +28,7 @@ struct Table {
 void add_ratio(Table& table, const std::string& name, const Samples& a, const Samples& b,
                double target = no_target);
 
-/// A figure without a time, the same in both columns.
+/// A figure that is no time, in the column of the wall-clock.
 void add_value(Table& table, const std::string& name, double value, double target,
                const std::string& note);
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <iterator>  // back_inserter
 #include <memory>
 #include <numeric>
@@ -134,7 +135,7 @@ constexpr int image_side = 28;
 // A pen wanders from somewhere near the middle, turning a little with every step and away from the
 // margin, and leaves a line about three pixels wide, dark in the middle.
 Document draw_stroke(std::minstd_rand& random) {
-  constexpr float step = 0.7f, most_turn = 0.6f, pen_radius = 1.7f, margin = 4;
+  constexpr float step = 0.7f, most_turn = 0.6f, pen_radius = 1.7f, margin = 2;
   std::uniform_real_distribution<float> turn(-most_turn, most_turn);
   std::uniform_real_distribution<float> place(10, 18);
   const int wanted = std::uniform_int_distribution<int>(100, 200)(random);
@@ -220,6 +221,17 @@ World world_of(const std::string& name, Collections collections) {
                                                   static_cast<size_t>(world.vec_size));
   world.resident = sparse_rows_of(collections.resident);
   return world;
+}
+
+std::string description_of(const World& world) {
+  char line[160];
+  std::snprintf(line, sizeof line,
+                "world %s: %d resident and %d query documents, %zu and %zu entries, vocabulary %d, "
+                "%d dimensions",
+                world.name.c_str(), world.num_resident, world.num_queries,
+                world.resident.ind.size(), world.queries.ind.size(), world.voc_size,
+                world.vec_size);
+  return line;
 }
 
 int entries_of(const DocumentSet& docs) {

@@ -49,6 +49,9 @@ Collections make_collections(const std::string& name);
 World make_world(const std::string& name);
 World world_of(const std::string& name, Collections collections);
 
+/// One line: the name and the counts.
+std::string description_of(const World& world);
+
 int entries_of(const DocumentSet& docs);
 
 /// The interface takes plain pointers; what stands behind them is only read.
