@@ -1,12 +1,12 @@
 // The distance block of a query batch, tile by tile.
 #include "internal/distance_block.hpp"
 
-#include <Eigen/Core>
 #include <algorithm>
 #include <cstdint>
 #include <limits>
 
 #include "internal/blas_threads.hpp"
+#include "internal/dense_product.hpp"
 #include "internal/nearest_entries.hpp"
 #include "internal/partition.hpp"
 #include "internal/pour.hpp"
@@ -24,7 +24,8 @@ struct GroupTask {
   TilePlan plan;
   int nearest, slots;
   float* panels;
-  std::vector<float> stages;  // per thread, see stage_of
+  std::vector<float> stages;             // per thread, see stage_of
+  std::vector<ProductScratch> products;  // per thread
 };
 
 // Query documents [first, first + count) of the group and the vocabulary words whose tables are
@@ -81,19 +82,6 @@ TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
                     nearest_slots(nearest), panel_most, group.last_pass - group.first_pass > 1);
 }
 
-// Dot products of words [first_word, first_word + words) with rows: of word v and row r at
-// scores[r*stride + v].
-void multiply(const Vocabulary& vocabulary, const float* rows, int num_rows, int first_word,
-              int words, float* scores, std::size_t stride) {
-  using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
-  const Eigen::Index m = vocabulary.vec_size;
-  const Eigen::Map<const Rows> W(vocabulary.rows + first_word * m, words, m);
-  const Eigen::Map<const Eigen::MatrixXf> X(rows, m, num_rows);  // a row of ours is a column of it
-  Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<> > Y(
-      scores, words, num_rows, Eigen::OuterStride<>(static_cast<Eigen::Index>(stride)));
-  Y.noalias() = W * X;
-}
-
 int word_of_row(const GroupTask& task, int row) {
   return task.batch.ind[task.batch.distinct->entry_of_row[static_cast<std::size_t>(row)]];
 }
@@ -130,7 +118,8 @@ void gather_by_entry(const GroupTask& task, const RowPass& pass, int first_word,
 
 // The panel is padded to whole lines; what stands there means nothing.
 Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int words,
-                 float* scores) {
+                 float* scores, ProductScratch& scratch) {
+  const std::size_t vec_size = static_cast<std::size_t>(task.vocabulary.vec_size);
   const std::size_t stride = static_cast<std::size_t>(panel_stride(task.plan));
   Panel panel{scores, stride, static_cast<int>(round_up(words, line_floats)), 1, nullptr};
   switch (task.request.source) {
@@ -141,10 +130,10 @@ Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int
       gather_by_word(task, pass, first_word, words, scores, stride);
       break;
     case DistanceSource::vectors:
-      multiply(task.vocabulary,
-               task.batch.rows + static_cast<std::size_t>(pass.first_row) *
-                                     static_cast<std::size_t>(task.vocabulary.vec_size),
-               pass.last_row - pass.first_row, first_word, words, scores, stride);
+      dense_product(task.vocabulary.rows + static_cast<std::size_t>(first_word) * vec_size, words,
+                    task.batch.rows + static_cast<std::size_t>(pass.first_row) * vec_size,
+                    pass.last_row - pass.first_row, task.vocabulary.vec_size, scores, stride,
+                    scratch);
       panel.scale = score_per_dot;
       if (task.request.metric == Metric::euclidean) {
         panel.row_bias = task.batch.row_norms + pass.first_row;
@@ -249,7 +238,8 @@ void compute_panel(GroupTask& task, const Block& block, int first_word, int word
   const bool several_passes = task.group.last_pass - task.group.first_pass > 1;
   for (int p = task.group.first_pass; p < task.group.last_pass; ++p) {
     const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
-    const Panel panel = fill_panel(task, pass, first_word, words, scores);
+    const Panel panel = fill_panel(task, pass, first_word, words, scores,
+                                   task.products[static_cast<std::size_t>(thread)]);
     const PassPlace place{p == task.group.first_pass, p + 1 == task.group.last_pass};
     for (int offset = 0; offset < words; offset += task.plan.strip_words) {
       Panel strip = panel;
@@ -349,13 +339,20 @@ void compute_distance_block(const Vocabulary& vocabulary, const ResidentCollecti
   const SingleThreadedBlas single_threaded_blas;
   const int nearest = nearest_of_batch(batch, request.steps, request.rule);
   for (const DocumentGroup& group : batch.distinct->groups) {
-    GroupTask task{vocabulary,     resident,
-                   batch,          request,
-                   group,          plan_group(vocabulary, batch, request, group, nearest),
-                   nearest,        nearest_slots(nearest),
-                   buffers.panels, {}};
-    task.stages.resize(static_cast<std::size_t>(std::max(request.threads, 1)) *
-                       static_cast<std::size_t>(stage_floats(task.plan, task.slots)));
+    GroupTask task{vocabulary,
+                   resident,
+                   batch,
+                   request,
+                   group,
+                   plan_group(vocabulary, batch, request, group, nearest),
+                   nearest,
+                   nearest_slots(nearest),
+                   buffers.panels,
+                   {},
+                   {}};
+    const std::size_t threads = static_cast<std::size_t>(std::max(request.threads, 1));
+    task.stages.resize(threads * static_cast<std::size_t>(stage_floats(task.plan, task.slots)));
+    task.products.resize(threads);
     compute_group(task, buffers, Z);
   }
 }

@@ -1,12 +1,12 @@
 // Distances between all pairs of vocabulary words, straight into the caller's matrix.
 #include "internal/ground_distances.hpp"
 
-#include <Eigen/Core>
 #include <algorithm>
 #include <cmath>
 #include <vector>
 
 #include "internal/blas_threads.hpp"
+#include "internal/dense_product.hpp"
 #include "internal/partition.hpp"
 
 namespace talvik::internal {
@@ -31,16 +31,6 @@ std::vector<Tile> upper_tiles(int voc_size) {
     }
   }
   return tiles;
-}
-
-void multiply(const Vocabulary& vocabulary, const Tile& tile, float* D) {
-  using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
-  const Eigen::Index m = vocabulary.vec_size;
-  const Eigen::Map<const Rows> U(vocabulary.rows + tile.u * m, tile.rows, m);
-  const Eigen::Map<const Rows> V(vocabulary.rows + tile.v * m, tile.columns, m);
-  Eigen::Map<Rows, 0, Eigen::OuterStride<>> product(D, tile.rows, tile.columns,
-                                                    Eigen::OuterStride<>(vocabulary.voc_size));
-  product.noalias() = U * V.transpose();
 }
 
 template <Metric metric>
@@ -75,12 +65,15 @@ void compute_ground_matrix(const Vocabulary& vocabulary, Metric metric, int thre
   const std::vector<Tile> tiles = upper_tiles(vocabulary.voc_size);
   const std::size_t stride = static_cast<std::size_t>(std::max(vocabulary.voc_size, 0));
   for_each_block(threads, static_cast<int>(tiles.size()), [&](int first, int last, int) {
+    ProductScratch scratch;
     for (int i = first; i < last; ++i) {
       const Tile& tile = tiles[static_cast<std::size_t>(i)];
       const std::size_t u = static_cast<std::size_t>(tile.u);
       const std::size_t v = static_cast<std::size_t>(tile.v);
       float* D_tile = D + u * stride + v;
-      multiply(vocabulary, tile, D_tile);
+      const std::size_t m = static_cast<std::size_t>(vocabulary.vec_size);
+      dense_product(vocabulary.rows + v * m, tile.columns, vocabulary.rows + u * m, tile.rows,
+                    vocabulary.vec_size, D_tile, stride, scratch);
       with_metric(metric, [&]<Metric m>() { convert<m>(vocabulary, tile, D_tile); });
       if (tile.u != tile.v) mirror(vocabulary, tile, D_tile, D + v * stride + u);
     }

@@ -1,0 +1,28 @@
+// Dense products on the processor's matrix unit (AMX), as exact as in single precision.
+#ifndef TALVIK_INTERNAL_AMX_PRODUCT_HPP
+#define TALVIK_INTERNAL_AMX_PRODUCT_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace talvik::internal {
+
+/// Whether this processor has the unit, the operating system lets the process use it, and Highway's
+/// instruction sets are not limited to lesser ones.
+bool amx_usable();
+
+/// A thread's packed operands; grows to what its largest product needs and is kept from one product
+/// to the next.
+using AmxScratch = std::vector<std::uint16_t>;
+
+/// scores[r*stride + v] = word v . row r
+/// @param words  num_words x m, row-major
+/// @param rows   num_rows x m, row-major; num_words >= 1, num_rows >= 1, m >= 1
+/// @pre amx_usable()
+void amx_product(const float* words, int num_words, const float* rows, int num_rows, int m,
+                 float* scores, std::size_t stride, AmxScratch& scratch);
+
+}  // namespace talvik::internal
+
+#endif
