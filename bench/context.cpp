@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include "internal/dense_product.hpp"
 #include "talvik.hpp"
 
 namespace talvik::bench {
@@ -37,14 +38,13 @@ const char* instruction_set() {
   return hwy::TargetName(usable & -usable);  // lower bits are better
 }
 
-// Which product multiplies words with query rows.
-std::string dense_product_kernel() { return "OpenBLAS"; }
+constexpr int text_dimensions = 300;  // which product multiplies words depends on it
 
 }  // namespace
 
 std::string kernels_in_use() {
   return std::string("own loops ") + instruction_set() + ", OpenBLAS " + openblas_get_corename() +
-         ", engine's dense product " + dense_product_kernel();
+         ", engine's dense product " + internal::dense_product_kernel(text_dimensions);
 }
 
 void print_context() {
