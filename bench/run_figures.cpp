@@ -41,8 +41,7 @@ void time_whole(const Collections& collections, const std::string& path, Samples
   });
   batch_finished = nullptr;
   // The parts below are those of a run in one batch.
-  if (batches != 1)
-    throw std::runtime_error("The run took " + std::to_string(batches) + " batches");
+  if (batches != 1) throw std::runtime_error("Batches of the run: " + std::to_string(batches));
 }
 
 // The same work step by step, through the functions that the run goes through.
@@ -118,8 +117,8 @@ void whole_run_figures(const Options& options, Table& table) {
   const std::string path =
       std::filesystem::temp_directory_path() / ("talvik-bench-lists-" + std::to_string(getpid()));
   RunTimes times;
-  RunTimes first_use;
-  time_whole(collections, path, first_use.whole);
+  Samples first_use;
+  time_whole(collections, path, first_use);
   for (int i = 0; i < repetitions(options, 3); ++i) {
     time_whole(collections, path, times.whole);
     time_parts(collections, world, path, times);
