@@ -15,8 +15,10 @@ std::string text_of(double value) {
 
 const char* verdict(const Figure& figure) {
   if (figure.target == no_target) return "";
-  const bool by_wall = figure.wall <= figure.target;
-  const bool by_cpu = figure.cpu == no_time ? by_wall : figure.cpu <= figure.target;
+  // A share below 0 says only that the machine was too busy.
+  const bool by_wall = figure.wall >= 0 && figure.wall <= figure.target;
+  const bool by_cpu =
+      figure.cpu == no_time ? by_wall : figure.cpu >= 0 && figure.cpu <= figure.target;
   if (by_wall && by_cpu) return "yes";
   if (by_wall) return "by wall";
   return by_cpu ? "by cpu" : "NO";
