@@ -1,5 +1,5 @@
-// The distance block in the plain way.  Eigen's own dense kernel is meant here: this file must not
-// be compiled with EIGEN_USE_BLAS.
+// The distance block in the plain way, and its two products.  Eigen's own dense kernel is meant
+// here: this file must not be compiled with EIGEN_USE_BLAS.
 #include "plain_way.hpp"
 
 #include <cblas.h>
@@ -17,9 +17,9 @@ using RowMatrix = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::Ro
 
 constexpr float far_away = 1e30f;
 
-int rows_per_block(const ZipfWorld& world, long long block_floats) {
-  const long long n2 = static_cast<long long>(world.ind2.size());
-  return static_cast<int>(std::clamp<long long>(block_floats / n2, 1, world.comp_voc_size));
+int rows_per_block(const World& world, long long block_floats) {
+  const long long n2 = static_cast<long long>(world.queries.ind.size());
+  return static_cast<int>(std::clamp<long long>(block_floats / n2, 1, world.voc_size));
 }
 
 std::vector<float> squared_norms(const std::vector<float>& rows, int m) {
@@ -32,10 +32,10 @@ std::vector<float> squared_norms(const std::vector<float>& rows, int m) {
 }
 
 // Y[r*n2 + c] = W row . X2 row
-void multiply(const ZipfWorld& world, DenseKernel kernel, int first_row, int rows, float* Y) {
-  const int m = world.shape.vec_size;
-  const int n2 = static_cast<int>(world.ind2.size());
-  const float* W = world.comp_embeddings.data() + static_cast<size_t>(first_row) * m;
+void multiply(const World& world, DenseKernel kernel, int first_row, int rows, float* Y) {
+  const int m = world.vec_size;
+  const int n2 = static_cast<int>(world.queries.ind.size());
+  const float* W = world.words.data() + static_cast<size_t>(first_row) * m;
   if (kernel == DenseKernel::openblas) {
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, n2, m, 1, W, m, world.X2.data(), m,
                 0, Y, n2);
@@ -48,51 +48,59 @@ void multiply(const ZipfWorld& world, DenseKernel kernel, int first_row, int row
 
 }  // namespace
 
-void plain_distance_block(const ZipfWorld& world, DenseKernel kernel, long long block_floats,
-                          float* Z) {
-  const int n2 = static_cast<int>(world.ind2.size());
-  const int docs2 = world.shape.num_queries;
-  const std::vector<float> RW = squared_norms(world.comp_embeddings, world.shape.vec_size);
-  const std::vector<float> Rn2 = squared_norms(world.X2, world.shape.vec_size);
+void plain_distance_block(const World& world, DenseKernel kernel, int threads,
+                          long long block_floats, float* Z) {
+  Eigen::setNbThreads(threads);
+  const int n2 = static_cast<int>(world.queries.ind.size());
+  const int docs2 = world.num_queries;
+  const std::vector<float> RW = squared_norms(world.words, world.vec_size);
+  const std::vector<float> Rn2 = squared_norms(world.X2, world.vec_size);
   const int rows_most = rows_per_block(world, block_floats);
   const std::unique_ptr<float[]> Y(new float[static_cast<size_t>(rows_most) * n2]);
-  RowMatrix minval2(world.comp_voc_size, docs2);
-  for (int offset = 0; offset < world.comp_voc_size; offset += rows_most) {
-    const int rows = std::min(rows_most, world.comp_voc_size - offset);
+  RowMatrix minval2(world.voc_size, docs2);
+  for (int offset = 0; offset < world.voc_size; offset += rows_most) {
+    const int rows = std::min(rows_most, world.voc_size - offset);
     multiply(world, kernel, offset, rows, Y.get());
-#pragma omp parallel for num_threads(num_cpu_threads)
+#pragma omp parallel for num_threads(threads)
     for (int r = 0; r < rows; ++r) {
       float* y = Y.get() + static_cast<size_t>(r) * n2;
       for (int c = 0; c < n2; ++c) {
         y[c] = std::sqrt(std::fabs((-2 * y[c] + RW[offset + r]) + Rn2[c]));
       }
     }
-#pragma omp parallel for num_threads(num_cpu_threads)
+#pragma omp parallel for num_threads(threads)
     for (int r = 0; r < rows; ++r) {
       const float* y = Y.get() + static_cast<size_t>(r) * n2;
       for (int d = 0; d < docs2; ++d) {
         float smallest = far_away;
-        for (int c = world.start2[d]; c < world.start2[d + 1]; ++c) {
+        for (int c = world.queries.start[d]; c < world.queries.start[d + 1]; ++c) {
           if (y[c] < smallest) smallest = y[c];
         }
         minval2(offset + r, d) = smallest;
       }
     }
   }
-  const int docs = world.shape.num_resident;
-  const Eigen::Map<const Eigen::SparseMatrix<float, Eigen::RowMajor>> resident(
-      docs, world.comp_voc_size, static_cast<Eigen::Index>(world.ind.size()), world.start.data(),
-      world.ind.data(), world.weight.data());
-  const RowMatrix distances = resident * minval2;
-  Eigen::Map<Eigen::MatrixXf>(Z, docs, docs2) = distances;
+  RowMatrix distances(world.num_resident, docs2);
+  sparse_product(world.resident, world.voc_size, minval2.data(), docs2, threads, distances.data());
+  Eigen::Map<Eigen::MatrixXf>(Z, world.num_resident, docs2) = distances;
 }
 
-void dense_product(const ZipfWorld& world, long long block_floats, float* Y) {
+void dense_product(const World& world, long long block_floats, float* Y) {
   const int rows_most = rows_per_block(world, block_floats);
-  for (int offset = 0; offset < world.comp_voc_size; offset += rows_most) {
-    multiply(world, DenseKernel::openblas, offset,
-             std::min(rows_most, world.comp_voc_size - offset), Y);
+  for (int offset = 0; offset < world.voc_size; offset += rows_most) {
+    multiply(world, DenseKernel::openblas, offset, std::min(rows_most, world.voc_size - offset), Y);
   }
+}
+
+void sparse_product(const SparseRows& rows, int voc_size, const float* table, int cols, int threads,
+                    float* product) {
+  Eigen::setNbThreads(threads);
+  const auto docs = static_cast<Eigen::Index>(rows.start.size()) - 1;
+  const Eigen::Map<const Eigen::SparseMatrix<float, Eigen::RowMajor>> sparse(
+      docs, voc_size, static_cast<Eigen::Index>(rows.ind.size()), rows.start.data(),
+      rows.ind.data(), rows.weight.data());
+  Eigen::Map<RowMatrix>(product, docs, cols).noalias() =
+      sparse * Eigen::Map<const RowMatrix>(table, voc_size, cols);
 }
 
 }  // namespace talvik::bench

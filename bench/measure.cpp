@@ -1,0 +1,75 @@
+#include "measure.hpp"
+
+#include <malloc.h>  // malloc_trim
+#include <time.h>    // clock_gettime
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+
+namespace talvik::bench {
+namespace {
+
+double seconds_of(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// A figure of /proc/self/status in MiB.
+double status_mib(const char* name) {
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  while (status >> word) {
+    double kib = 0;
+    if (word == name && status >> kib) return kib / 1024;
+  }
+  return 0;
+}
+
+}  // namespace
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t middle = values.size() / 2;
+  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+double spread(const std::vector<double>& values) {
+  const auto [low, high] = std::minmax_element(values.begin(), values.end());
+  return *high / *low;
+}
+
+void add_sample(Samples& samples, const std::function<void()>& work) {
+  const double wall = seconds_of(CLOCK_MONOTONIC), cpu = seconds_of(CLOCK_PROCESS_CPUTIME_ID);
+  work();
+  samples.wall.push_back(seconds_of(CLOCK_MONOTONIC) - wall);
+  samples.cpu.push_back(seconds_of(CLOCK_PROCESS_CPUTIME_ID) - cpu);
+}
+
+std::map<std::string, Samples> take_turns(const std::vector<Contender>& contenders) {
+  int rounds = 0;
+  for (const Contender& contender : contenders) rounds = std::max(rounds, contender.repetitions);
+  std::map<std::string, Samples> samples;
+  for (int round = 0; round < rounds; ++round) {
+    for (const Contender& contender : contenders) {
+      if (round >= contender.repetitions) continue;
+      Samples& own = samples[contender.name];
+      add_sample(own, contender.work);
+      std::fprintf(stderr, "  %-36s wall %8.4f s   cpu %8.4f s\n", contender.name.c_str(),
+                   own.wall.back(), own.cpu.back());
+    }
+  }
+  return samples;
+}
+
+double resident_mib() { return status_mib("VmRSS:"); }
+
+double peak_resident_mib() { return status_mib("VmHWM:"); }
+
+void restart_peak() {
+  malloc_trim(0);
+  std::ofstream("/proc/self/clear_refs") << 5;
+}
+
+}  // namespace talvik::bench

@@ -1,0 +1,44 @@
+// Times of pieces of work that take turns, and peak memory.
+#ifndef TALVIK_BENCH_MEASURE_HPP
+#define TALVIK_BENCH_MEASURE_HPP
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace talvik::bench {
+
+/// Seconds of every repetition.  Processor time is that of the whole process.
+struct Samples {
+  std::vector<double> wall, cpu;
+};
+
+double median(std::vector<double> values);
+
+/// Slowest over fastest: how far one can believe a ratio.
+double spread(const std::vector<double>& values);
+
+struct Contender {
+  std::string name;
+  int repetitions;
+  std::function<void()> work;
+};
+
+/// Runs the contenders round by round, so that what else the machine does meets them all alike;
+/// one with fewer repetitions sits out the later rounds.  Says on standard error how it goes.
+std::map<std::string, Samples> take_turns(const std::vector<Contender>& contenders);
+
+/// Runs the work once and adds what it took.
+void add_sample(Samples& samples, const std::function<void()>& work);
+
+/// Resident memory of this process in MiB, now and at its peak since the last restart.
+double resident_mib();
+double peak_resident_mib();
+
+/// Begins a new peak, with what is free given back to the system first.
+void restart_peak();
+
+}  // namespace talvik::bench
+
+#endif

@@ -1,0 +1,141 @@
+// Stages of a computation by themselves: from tables of nearest distances to document distances,
+// and the selection of the nearest documents.
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <tuple>  // tie
+#include <utility>
+
+#include "engine_calls.hpp"
+#include "figures.hpp"
+#include "internal/engine_sizes.hpp"
+#include "internal/partition.hpp"
+#include "internal/pour.hpp"
+#include "plain_way.hpp"
+#include "worlds.hpp"
+
+namespace talvik::bench {
+namespace {
+
+// Word distances as they are, between 0.5 and 1.5: row v, column d at v*cols + d.
+std::vector<float> draw_table(int rows, int cols) {
+  std::minstd_rand random(20);
+  std::uniform_real_distribution<float> distance(0.5f, 1.5f);
+  std::vector<float> table(static_cast<size_t>(rows) * static_cast<size_t>(cols));
+  for (float& x : table) x = distance(random);
+  return table;
+}
+
+// The same values where the engine's tables have them: as NearestTables says.
+std::vector<float> in_chunks(const std::vector<float>& table, int rows, int cols, int width) {
+  std::vector<float> chunks(static_cast<size_t>(rows) *
+                            static_cast<size_t>(internal::round_up(cols, width)));
+  for (int v = 0; v < rows; ++v) {
+    for (int j = 0; j < cols; ++j) {
+      const long long at = (1ll * (j / width) * rows + v) * width + j % width;
+      chunks[static_cast<size_t>(at)] = table[static_cast<size_t>(1ll * v * cols + j)];
+    }
+  }
+  return chunks;
+}
+
+// The engine's stage over one block of all words, with its walk over the entries to the block's
+// end.
+void pour_all(const SparseRows& resident, const internal::NearestTables& tables, int threads,
+              std::vector<int>& end, float* Z) {
+  const int num_docs = static_cast<int>(resident.start.size()) - 1;
+  const int tiles =
+      static_cast<int>(internal::round_up(num_docs, internal::line_floats) / internal::line_floats);
+  internal::for_each_block(threads, tiles, [&](int first_tile, int last_tile, int) {
+    const int first = first_tile * internal::line_floats;
+    const int last = std::min(num_docs, last_tile * internal::line_floats);
+    for (int i = first; i < last; ++i) {
+      const size_t d = static_cast<size_t>(i);
+      int p = resident.start[d];
+      while (p < resident.start[d + 1] && resident.ind[static_cast<size_t>(p)] < tables.words) ++p;
+      end[d] = p;
+    }
+    constexpr bool overwrite = true;
+    internal::pour(tables, {resident.ind.data(), resident.weight.data()}, resident.start.data(),
+                   end.data(), first, last, num_docs, Z, overwrite);
+  });
+}
+
+void require_same_sums(const std::vector<float>& Z, const float* product, int docs, int cols) {
+  constexpr float most = 1e-4f;
+  for (int i = 0; i < docs; ++i) {
+    for (int d = 0; d < cols; ++d) {
+      const float ours =
+          Z[static_cast<size_t>(d) * static_cast<size_t>(docs) + static_cast<size_t>(i)];
+      if (!(std::fabs(ours - product[1ll * i * cols + d]) <= most * ours)) {
+        throw std::runtime_error("The sparse stage and the sparse product differ");
+      }
+    }
+  }
+}
+
+// Pairs of value and index, of which the k first are brought to the front and sorted.
+void select_from_pairs(int rows, int cols, const float* data, int k, int threads, int* ind_out,
+                       float* val_out) {
+  internal::for_each_block(threads, rows, [&](int first, int last, int) {
+    std::vector<std::pair<float, int>> pairs(static_cast<size_t>(cols));
+    for (int r = first; r < last; ++r) {
+      const float* row = data + 1ll * r * cols;
+      for (int c = 0; c < cols; ++c) pairs[static_cast<size_t>(c)] = {row[c], c};
+      std::nth_element(pairs.begin(), pairs.begin() + k - 1, pairs.end());
+      std::sort(pairs.begin(), pairs.begin() + k);
+      for (int j = 0; j < k; ++j) {
+        std::tie(val_out[1ll * r * k + j], ind_out[1ll * r * k + j]) =
+            pairs[static_cast<size_t>(j)];
+      }
+    }
+  });
+}
+
+}  // namespace
+
+void sparse_figures(const Options& options, Table& table) {
+  const World world = make_world("large");
+  table.remarks.push_back(description_of(world));
+  const int width = internal::table_width(world.num_queries);
+  const std::vector<float> values = draw_table(world.voc_size, world.num_queries);
+  std::vector<float> chunks = in_chunks(values, world.voc_size, world.num_queries, width);
+  const internal::NearestTables tables{0,     world.voc_size,  world.num_queries,
+                                       width, {chunks.data()}, {}};
+  std::vector<float> Z(block_floats_of(world)), product(Z.size());
+  std::vector<int> end(static_cast<size_t>(world.num_resident));
+  const int count = repetitions(options, 7);
+  auto times =
+      take_turns({{"large, sparse stage", count,
+                   [&] { pour_all(world.resident, tables, options.threads, end, Z.data()); }},
+                  {"large, Eigen's sparse product", count, [&] {
+                     sparse_product(world.resident, world.voc_size, values.data(),
+                                    world.num_queries, options.threads, product.data());
+                   }}});
+  require_same_sums(Z, product.data(), world.num_resident, world.num_queries);
+  add_ratio(table, "large: sparse stage / Eigen's sparse product, same tables",
+            times["large, sparse stage"], times["large, Eigen's sparse product"], 0.5);
+}
+
+void selection_figures(const Options& options, Table& table) {
+  constexpr int rows = 64, cols = 1000000, k = 16;
+  std::vector<float> data = draw_table(rows, cols);
+  std::vector<int> ind(rows * k), ind_of_pairs(rows * k);
+  std::vector<float> val(rows * k), val_of_pairs(rows * k);
+  const int count = repetitions(options, 7);
+  auto times = take_turns(
+      {{"sort_cpu", count, [&] { sort_cpu(rows, cols, data.data(), k, ind.data(), val.data()); }},
+       {"pairs and nth_element", count, [&] {
+          select_from_pairs(rows, cols, data.data(), k, options.threads, ind_of_pairs.data(),
+                            val_of_pairs.data());
+        }}});
+  if (ind != ind_of_pairs || val != val_of_pairs) {
+    throw std::runtime_error("sort_cpu and nth_element select different values");
+  }
+  add_ratio(table, "sort_cpu, 64 rows of 1,000,000, k 16 / pairs with nth_element",
+            times["sort_cpu"], times["pairs and nth_element"], 0.15);
+}
+
+}  // namespace talvik::bench
