@@ -1,5 +1,6 @@
 #include "measure.hpp"
 
+#include <benchmark/benchmark.h>
 #include <malloc.h>  // malloc_trim
 #include <time.h>    // clock_gettime
 
@@ -27,6 +28,30 @@ double status_mib(const char* name) {
   return 0;
 }
 
+class SampleCollector : public benchmark::BenchmarkReporter {
+ public:
+  std::map<std::string, Samples> samples;
+
+  bool ReportContext(const Context&) override { return true; }
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.run_type != Run::RT_Iteration) continue;  // Google Benchmark's own medians
+      Samples& own = samples[run.run_name.function_name];
+      own.wall.push_back(run.real_accumulated_time);
+      own.cpu.push_back(run.cpu_accumulated_time);
+      std::fprintf(stderr, "  %-36s wall %8.4f s   cpu %8.4f s\n",
+                   run.run_name.function_name.c_str(), own.wall.back(), own.cpu.back());
+    }
+  }
+};
+
+void let_repetitions_take_turns() {
+  char program[] = "engine_bench", option[] = "--benchmark_enable_random_interleaving=true";
+  char* arguments[] = {program, option, nullptr};
+  int count = 2;
+  benchmark::Initialize(&count, arguments);
+}
+
 }  // namespace
 
 double median(std::vector<double> values) {
@@ -48,19 +73,21 @@ void add_sample(Samples& samples, const std::function<void()>& work) {
 }
 
 std::map<std::string, Samples> take_turns(const std::vector<Contender>& contenders) {
-  int rounds = 0;
-  for (const Contender& contender : contenders) rounds = std::max(rounds, contender.repetitions);
-  std::map<std::string, Samples> samples;
-  for (int round = 0; round < rounds; ++round) {
-    for (const Contender& contender : contenders) {
-      if (round >= contender.repetitions) continue;
-      Samples& own = samples[contender.name];
-      add_sample(own, contender.work);
-      std::fprintf(stderr, "  %-36s wall %8.4f s   cpu %8.4f s\n", contender.name.c_str(),
-                   own.wall.back(), own.cpu.back());
-    }
+  let_repetitions_take_turns();
+  benchmark::ClearRegisteredBenchmarks();
+  for (const Contender& contender : contenders) {
+    const auto run = [&work = contender.work](benchmark::State& state) {
+      for (auto _ : state) work();
+    };
+    benchmark::RegisterBenchmark(contender.name.c_str(), run)
+        ->Iterations(1)
+        ->Repetitions(contender.repetitions)
+        ->UseRealTime()
+        ->MeasureProcessCPUTime();
   }
-  return samples;
+  SampleCollector collector;
+  benchmark::RunSpecifiedBenchmarks(&collector);
+  return collector.samples;
 }
 
 double resident_mib() { return status_mib("VmRSS:"); }

@@ -25,8 +25,8 @@ struct Contender {
   std::function<void()> work;
 };
 
-/// Runs the contenders round by round, so that what else the machine does meets them all alike;
-/// one with fewer repetitions sits out the later rounds.  Says on standard error how it goes.
+/// Runs the contenders, their repetitions in random order, so that what else the machine does meets
+/// them all alike.  Says on standard error what they took.
 std::map<std::string, Samples> take_turns(const std::vector<Contender>& contenders);
 
 /// Runs the work once and adds what it took.
