@@ -36,8 +36,8 @@ void expect_products(int num_words, int num_rows, int m, float magnitude) {
     for (int v = 0; v < num_words; ++v) {
       double product = 0, size = 0;
       for (int i = 0; i < m; ++i) {
-        const double term = 1.0 * words[static_cast<size_t>(v * m + i)] *
-                            rows[static_cast<size_t>(r * m + i)];
+        const double term =
+            1.0 * words[static_cast<size_t>(v * m + i)] * rows[static_cast<size_t>(r * m + i)];
         product += term;
         size += std::fabs(term);
       }
@@ -73,7 +73,8 @@ TEST_P(EveryKernel, ProductsOfAnyShapeAreThoseOfSinglePrecision) {
 }
 
 TEST_P(EveryKernel, MagnitudesDoNotMatter) {
-  for (const float magnitude : {1e-20f, 1e-3f, 1e4f, 1e20f}) expect_products(40, 40, 100, magnitude);
+  for (const float magnitude : {1e-20f, 1e-3f, 1e4f, 1e20f})
+    expect_products(40, 40, 100, magnitude);
 }
 
 TEST_P(EveryKernel, ScratchServesProductsOfOtherShapes) {
@@ -86,9 +87,8 @@ TEST_P(EveryKernel, ScratchServesProductsOfOtherShapes) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Units, EveryKernel, testing::Bool(), [](const auto& param) {
-  return param.param ? "MatrixUnit" : "Blas";
-});
+INSTANTIATE_TEST_SUITE_P(Units, EveryKernel, testing::Bool(),
+                         [](const auto& param) { return param.param ? "MatrixUnit" : "Blas"; });
 
 }  // namespace
 }  // namespace talvik::internal

@@ -1,6 +1,6 @@
-// Dense products on the processor's matrix unit (AMX).  The unit multiplies numbers of 8 significant
-// bits (bfloat16) and adds in single precision, sixteen times as many a cycle as the vector units.
-// A float is the sum of three such numbers, x = x0 + x1 + x2, and
+// Dense products on the processor's matrix unit (AMX).  The unit multiplies numbers of 8
+// significant bits (bfloat16) and adds in single precision, sixteen times as many a cycle as the
+// vector units. A float is the sum of three such numbers, x = x0 + x1 + x2, and
 //   x*y = x0*y0 + x0*y1 + x1*y0 + x1*y1 + x0*y2 + x2*y0 + at most 2^-23 |x*y|
 // so that six products on the unit give what one in single precision gives, up to its rounding.
 // (Henry, Tang, Heinecke: Leveraging the bfloat16 artificial intelligence datatype for
@@ -9,6 +9,7 @@
 
 #include <hwy/targets.h>
 
+#include "internal/cache_line.hpp"
 #include "internal/elements.hpp"
 
 #if defined(__x86_64__) && defined(__linux__)
@@ -27,18 +28,18 @@
 namespace talvik::internal {
 namespace {
 
-// Only functions that carry this may use the unit's instructions; they run where amx_usable() holds.
+// Only functions that carry this may use the unit's instructions; they run where amx_usable()
+// holds.
 #define TALVIK_AMX __attribute__((target("avx512f,avx512bw,avx512bf16,amx-tile,amx-bf16")))
 #define TALVIK_AMX_INLINE TALVIK_AMX inline __attribute__((always_inline))
 
-constexpr int tile_rows = 16;                           // of 64 bytes
-constexpr int tile_depth = 32;                          // bfloat16 numbers in a row of a tile
-constexpr int tile_numbers = tile_rows * tile_depth;    // 1 KiB
-constexpr int parts = 3;                                // of a float
-constexpr int group_chunk = parts * tile_numbers;       // 16 rows, tile_depth components
-constexpr int block_rows = 2 * tile_rows;               // two tiles of rows by two of words are
-                                                        // summed at a time
-constexpr int line_bytes = 64;
+constexpr int tile_rows = 16;                         // of 64 bytes
+constexpr int tile_depth = 32;                        // bfloat16 numbers in a row of a tile
+constexpr int tile_numbers = tile_rows * tile_depth;  // 1 KiB
+constexpr int parts = 3;                              // of a float
+constexpr int group_chunk = parts * tile_numbers;     // 16 rows, tile_depth components
+constexpr int block_rows = 2 * tile_rows;             // two tiles of rows by two of words are
+                                                      // summed at a time
 
 // Components per round: the packed words of a panel and a block of rows stay in the second-level
 // cache.
@@ -225,11 +226,6 @@ TALVIK_AMX void configure_tiles() {
   _tile_loadconfig(&config);
 }
 
-std::uint16_t* line_start(std::uint16_t* p) {
-  const auto address = reinterpret_cast<std::uintptr_t>(p);
-  return p + (line_bytes - address % line_bytes) % line_bytes / sizeof(std::uint16_t);
-}
-
 bool processor_has_unit() {
   constexpr unsigned features_leaf = 7, amx_bf16 = 1u << 22, amx_tile = 1u << 24;
   constexpr unsigned bf16_subleaf = 1, avx512_bf16 = 1u << 5;
@@ -283,8 +279,8 @@ TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows
         if (rows_left == block_rows && words_left == block_rows) {
           multiply_block(block_of_rows, block_of_words, chunks, go_on, ahead, block, stride);
         } else {
-          multiply_rest(block_of_rows, block_of_words, chunks, go_on, ahead, rows_left, words_left, block,
-                        stride);
+          multiply_rest(block_of_rows, block_of_words, chunks, go_on, ahead, rows_left, words_left,
+                        block, stride);
         }
       }
     }

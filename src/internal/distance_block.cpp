@@ -2,10 +2,10 @@
 #include "internal/distance_block.hpp"
 
 #include <algorithm>
-#include <cstdint>
 #include <limits>
 
 #include "internal/blas_threads.hpp"
+#include "internal/cache_line.hpp"
 #include "internal/dense_product.hpp"
 #include "internal/nearest_entries.hpp"
 #include "internal/partition.hpp"
@@ -50,12 +50,6 @@ int panel_stride(const TilePlan& plan) { return plan.panel_words + line_floats; 
 // Every thread's part of the panels starts at a line of its own.
 long long panel_floats_of_thread(const TilePlan& plan, int rows) {
   return 1ll * panel_stride(plan) * rows + line_floats;
-}
-
-float* line_start(float* p) {
-  constexpr std::uintptr_t line_bytes = line_floats * sizeof(float);
-  const auto address = reinterpret_cast<std::uintptr_t>(p);
-  return p + (line_bytes - address % line_bytes) % line_bytes / sizeof(float);
 }
 
 // A stage holds, for one chunk of documents and the words of a strip, or of a whole panel where its

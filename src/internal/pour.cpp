@@ -18,8 +18,9 @@ using Floats = hn::ScalableTag<float>;
 using Vector = hn::Vec<Floats>;
 constexpr std::size_t lanes = HWY_LANES(float);
 
-// Resident documents whose sums are held together, so that a line of Z is written at once.
-constexpr int tile_docs = line_floats;
+// Resident documents whose sums are held together, so that Z, whose query documents lie pages
+// apart, is written several whole lines at a time.
+constexpr int tile_docs = 4 * line_floats;
 
 // Adds one resident document's entries to its sums with U vectors of query documents side by side.
 // K nearest entries take part, or, with K = 0, as many as the tables hold.

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "internal/cache_line.hpp"
 #include "internal/distance_block.hpp"
 #include "internal/distinct_rows.hpp"
 #include "internal/elements.hpp"
@@ -147,15 +148,19 @@ BlockRequest request_of(DistanceSource source, int steps, StepRule rule) {
           internal::EngineBudget{}};
 }
 
-// A working array, untouched: pages that no tile uses are never there.
+// A working array, untouched: pages that no tile uses are never there.  It starts at a cache line,
+// so that no vector of it lies across two.
 struct Buffer {
+  static constexpr std::align_val_t line{internal::line_bytes};
   float* floats = nullptr;
   Buffer(long long asked, long long needed, const std::string& message)
-      : floats(new (std::nothrow) float[static_cast<std::size_t>(std::max(asked, needed))]) {
+      : floats(static_cast<float*>(
+            ::operator new[](static_cast<std::size_t>(std::max(asked, needed)) * sizeof(float),
+                             line, std::nothrow))) {
     if (!floats) internal::fail(message);
     internal::advise_large_pages(floats, static_cast<std::size_t>(needed) * sizeof(float));
   }
-  ~Buffer() { delete[] floats; }
+  ~Buffer() { ::operator delete[](floats, line); }
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
 };
