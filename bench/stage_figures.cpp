@@ -10,6 +10,7 @@
 
 #include "engine_calls.hpp"
 #include "figures.hpp"
+#include "internal/cache_line.hpp"
 #include "internal/engine_sizes.hpp"
 #include "internal/partition.hpp"
 #include "internal/pour.hpp"
@@ -28,17 +29,14 @@ std::vector<float> draw_table(int rows, int cols) {
   return table;
 }
 
-// The same values where the engine's tables have them: as NearestTables says.
-std::vector<float> in_chunks(const std::vector<float>& table, int rows, int cols, int width) {
-  std::vector<float> chunks(static_cast<size_t>(rows) *
-                            static_cast<size_t>(internal::round_up(cols, width)));
+// Writes the same values where the engine's tables have them: as NearestTables says.
+void copy_in_chunks(const std::vector<float>& table, int rows, int cols, int width, float* chunks) {
   for (int v = 0; v < rows; ++v) {
     for (int j = 0; j < cols; ++j) {
-      const long long at = (1ll * (j / width) * rows + v) * width + j % width;
-      chunks[static_cast<size_t>(at)] = table[static_cast<size_t>(1ll * v * cols + j)];
+      chunks[(1ll * (j / width) * rows + v) * width + j % width] =
+          table[static_cast<size_t>(1ll * v * cols + j)];
     }
   }
-  return chunks;
 }
 
 // The engine's stage over one block of all words, with its walk over the entries to the block's
@@ -101,9 +99,11 @@ void sparse_figures(const Options& options, Table& table) {
   table.remarks.push_back(description_of(world));
   const int width = internal::table_width(world.num_queries);
   const std::vector<float> values = draw_table(world.voc_size, world.num_queries);
-  std::vector<float> chunks = in_chunks(values, world.voc_size, world.num_queries, width);
-  const internal::NearestTables tables{0,     world.voc_size,  world.num_queries,
-                                       width, {chunks.data()}, {}};
+  const long long chunk_floats = world.voc_size * internal::round_up(world.num_queries, width);
+  std::vector<float> storage(static_cast<size_t>(chunk_floats + internal::line_floats));
+  float* const chunks = internal::line_start(storage.data());  // as the engine's tables begin
+  copy_in_chunks(values, world.voc_size, world.num_queries, width, chunks);
+  const internal::NearestTables tables{0, world.voc_size, world.num_queries, width, {chunks}, {}};
   std::vector<float> Z(block_floats_of(world)), product(Z.size());
   std::vector<int> end(static_cast<size_t>(world.num_resident));
   const int count = repetitions(options, 7);
