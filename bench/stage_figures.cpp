@@ -12,6 +12,7 @@
 #include "figures.hpp"
 #include "internal/cache_line.hpp"
 #include "internal/engine_sizes.hpp"
+#include "internal/large_pages.hpp"
 #include "internal/partition.hpp"
 #include "internal/pour.hpp"
 #include "plain_way.hpp"
@@ -37,28 +38,6 @@ void copy_in_chunks(const std::vector<float>& table, int rows, int cols, int wid
           table[static_cast<size_t>(1ll * v * cols + j)];
     }
   }
-}
-
-// The engine's stage over one block of all words, with its walk over the entries to the block's
-// end.
-void pour_all(const SparseRows& resident, const internal::NearestTables& tables, int threads,
-              std::vector<int>& end, float* Z) {
-  const int num_docs = static_cast<int>(resident.start.size()) - 1;
-  const int tiles =
-      static_cast<int>(internal::round_up(num_docs, internal::line_floats) / internal::line_floats);
-  internal::for_each_block(threads, tiles, [&](int first_tile, int last_tile, int) {
-    const int first = first_tile * internal::line_floats;
-    const int last = std::min(num_docs, last_tile * internal::line_floats);
-    for (int i = first; i < last; ++i) {
-      const size_t d = static_cast<size_t>(i);
-      int p = resident.start[d];
-      while (p < resident.start[d + 1] && resident.ind[static_cast<size_t>(p)] < tables.words) ++p;
-      end[d] = p;
-    }
-    constexpr bool overwrite = true;
-    internal::pour(tables, {resident.ind.data(), resident.weight.data()}, resident.start.data(),
-                   end.data(), first, last, num_docs, Z, overwrite);
-  });
 }
 
 void require_same_sums(const std::vector<float>& Z, const float* product, int docs, int cols) {
@@ -100,16 +79,23 @@ void sparse_figures(const Options& options, Table& table) {
   const int width = internal::table_width(world.num_queries);
   const std::vector<float> values = draw_table(world.voc_size, world.num_queries);
   const long long chunk_floats = world.voc_size * internal::round_up(world.num_queries, width);
-  std::vector<float> storage(static_cast<size_t>(chunk_floats + internal::line_floats));
-  float* const chunks = internal::line_start(storage.data());  // as the engine's tables begin
+  // Begun and advised as the engine's tables are.
+  const size_t storage_floats = static_cast<size_t>(chunk_floats + internal::line_floats);
+  const std::unique_ptr<float[]> storage(new float[storage_floats]);
+  internal::advise_large_pages(storage.get(), storage_floats * sizeof(float));
+  float* const chunks = internal::line_start(storage.get());
   copy_in_chunks(values, world.voc_size, world.num_queries, width, chunks);
   const internal::NearestTables tables{0, world.voc_size, world.num_queries, width, {chunks}, {}};
   std::vector<float> Z(block_floats_of(world)), product(Z.size());
-  std::vector<int> end(static_cast<size_t>(world.num_resident));
+  const size_t docs = static_cast<size_t>(world.num_resident);
+  internal::EntryRanges ranges{std::vector<int>(docs), std::vector<int>(docs)};
+  const internal::ResidentCollection resident{world.num_resident, world.resident.start.data(),
+                                              world.resident.ind.data(),
+                                              world.resident.weight.data()};
   const int count = repetitions(options, 7);
   auto times =
       take_turns({{"large, sparse stage", count,
-                   [&] { pour_all(world.resident, tables, options.threads, end, Z.data()); }},
+                   [&] { internal::pour(tables, resident, options.threads, ranges, Z.data()); }},
                   {"large, Eigen's sparse product", count, [&] {
                      sparse_product(world.resident, world.voc_size, values.data(),
                                     world.num_queries, options.threads, product.data());

@@ -9,7 +9,6 @@
 #include "internal/dense_product.hpp"
 #include "internal/nearest_entries.hpp"
 #include "internal/partition.hpp"
-#include "internal/pour.hpp"
 
 namespace talvik::internal {
 namespace {
@@ -256,44 +255,19 @@ void fill_tables(GroupTask& task, const Block& block) {
   });
 }
 
-// Moves on from the entries of the last block to those of this one.  begin and end are per resident
-// document; the entries of a document ascend by word.
-void pour_block(const GroupTask& task, const Block& block, std::vector<int>& begin,
-                std::vector<int>& end, float* Z) {
-  const ResidentCollection& resident = task.resident;
-  const int last_word = block.tables.first_word + block.tables.words;
-  const bool first_block = block.tables.first_word == 0;
-  const int tiles = static_cast<int>(round_up(resident.num_docs, line_floats) / line_floats);
-  for_each_block(task.request.threads, tiles, [&](int first_tile, int last_tile, int) {
-    const int first = first_tile * line_floats;
-    const int last = std::min(resident.num_docs, last_tile * line_floats);
-    for (int i = first; i < last; ++i) {
-      const std::size_t d = static_cast<std::size_t>(i);
-      begin[d] = first_block ? resident.start[i] : end[d];
-      int p = begin[d];
-      while (p < resident.start[i + 1] && resident.ind[p] < last_word) ++p;
-      end[d] = p;
-    }
-    if (first < last) {
-      pour(block.tables, {resident.ind, resident.weight}, begin.data(), end.data(), first, last,
-           resident.num_docs, Z, first_block);
-    }
-  });
-}
-
 void compute_group(GroupTask& task, const BlockBuffers& buffers, float* Z) {
-  std::vector<int> begin(static_cast<std::size_t>(task.resident.num_docs));
-  std::vector<int> end(begin.size());
+  const std::size_t num_docs = static_cast<std::size_t>(task.resident.num_docs);
+  EntryRanges ranges{std::vector<int>(num_docs), std::vector<int>(num_docs)};
   const int voc_size = task.vocabulary.voc_size;
   for (int doc = task.group.first_doc; doc < task.group.last_doc; doc += task.plan.window_docs) {
     const int docs = std::min(task.plan.window_docs, task.group.last_doc - doc);
-    float* Z_window = Z + static_cast<std::size_t>(doc) * static_cast<std::size_t>(begin.size());
+    float* Z_window = Z + static_cast<std::size_t>(doc) * num_docs;
     for (int word = 0; word < voc_size; word += task.plan.block_words) {
       const Block block{doc,
                         {word, std::min(task.plan.block_words, voc_size - word), docs,
                          task.plan.width, buffers.distance, buffers.capacity}};
       fill_tables(task, block);
-      pour_block(task, block, begin, end, Z_window);
+      pour(block.tables, task.resident, task.request.threads, ranges, Z_window);
     }
   }
 }

@@ -7,6 +7,7 @@
 
 #include "internal/distinct_rows.hpp"
 #include "internal/engine_sizes.hpp"
+#include "internal/pour.hpp"
 #include "internal/word_distance.hpp"
 
 namespace talvik::internal {
@@ -28,13 +29,6 @@ struct Vocabulary {
   int voc_size, vec_size;
   const float* rows;   ///< voc_size x vec_size
   const float* norms;  ///< voc_size squared norms, readable up to the next multiple of line_floats
-};
-
-struct ResidentCollection {
-  int num_docs;
-  const int* start;
-  const int* ind;  ///< ascending within a document
-  const float* weight;
 };
 
 struct QueryBatch {

@@ -8,7 +8,7 @@
 #include <hwy/foreach_target.h>  // compiles this file again for every instruction set
 #include <hwy/highway.h>
 
-#include "internal/engine_sizes.hpp"
+#include "internal/partition.hpp"
 
 HWY_BEFORE_NAMESPACE();
 namespace talvik::internal::HWY_NAMESPACE {
@@ -18,14 +18,10 @@ using Floats = hn::ScalableTag<float>;
 using Vector = hn::Vec<Floats>;
 constexpr std::size_t lanes = HWY_LANES(float);
 
-// Resident documents whose sums are held together, so that Z, whose query documents lie pages
-// apart, is written several whole lines at a time.
-constexpr int tile_docs = 4 * line_floats;
-
 // Adds one resident document's entries to its sums with U vectors of query documents side by side.
 // K nearest entries take part, or, with K = 0, as many as the tables hold.
 template <int K, int U>
-HWY_INLINE void pour_document(const NearestTables& tables, const ResidentEntries& entries,
+HWY_INLINE void pour_document(const NearestTables& tables, const ResidentCollection& resident,
                               int begin, int end, std::size_t chunk_offset, float* sums) {
   const Floats d;
   const int steps = K > 0 ? K - 1 : static_cast<int>(tables.capacity.size());
@@ -33,9 +29,9 @@ HWY_INLINE void pour_document(const NearestTables& tables, const ResidentEntries
 #pragma GCC unroll 8
   for (int u = 0; u < U; ++u) sum[u] = hn::LoadU(d, sums + lanes * u);
   for (int p = begin; p < end; ++p) {
-    const Vector weight = hn::Set(d, entries.weight[p]);
+    const Vector weight = hn::Set(d, resident.weight[p]);
     const std::size_t at =
-        chunk_offset + static_cast<std::size_t>(entries.ind[p] - tables.first_word) *
+        chunk_offset + static_cast<std::size_t>(resident.ind[p] - tables.first_word) *
                            static_cast<std::size_t>(tables.width);
 #pragma GCC unroll 8
     for (int u = 0; u < U; ++u) {
@@ -57,18 +53,18 @@ HWY_INLINE void pour_document(const NearestTables& tables, const ResidentEntries
 }
 
 template <int K>
-void pour_tile(const NearestTables& tables, const ResidentEntries& entries, int begin, int end,
+void pour_tile(const NearestTables& tables, const ResidentCollection& resident, int begin, int end,
                std::size_t chunk_offset, float* sums) {
   // A row of a table is width floats; as many sums as there are registers to spare at a time.
   constexpr std::size_t U = 4;
   const std::size_t width = static_cast<std::size_t>(tables.width);
   std::size_t at = 0;
   for (; at + U * lanes <= width; at += U * lanes) {
-    pour_document<K, static_cast<int>(U)>(tables, entries, begin, end, chunk_offset + at,
+    pour_document<K, static_cast<int>(U)>(tables, resident, begin, end, chunk_offset + at,
                                           sums + at);
   }
   for (; at < width; at += lanes) {
-    pour_document<K, 1>(tables, entries, begin, end, chunk_offset + at, sums + at);
+    pour_document<K, 1>(tables, resident, begin, end, chunk_offset + at, sums + at);
   }
 }
 
@@ -87,34 +83,36 @@ HWY_INLINE void load_sums(const float* Z, int chunk_docs, int docs, int num_docs
 }
 
 template <int K>
-void pour_block(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
-                const int* end, int first, int last, int num_docs, float* Z, bool overwrite) {
-  alignas(64) float sums[tile_docs][widest];
+void pour_block(const NearestTables& tables, const ResidentCollection& resident,
+                const EntryRanges& ranges, int first, int last, float* Z, bool overwrite) {
+  alignas(64) float sums[pour_tile_docs][widest];
+  const std::size_t num_docs = static_cast<std::size_t>(resident.num_docs);
   for (int chunk = 0; chunk < chunks_of(tables.docs, tables.width); ++chunk) {
     const std::size_t offset = static_cast<std::size_t>(chunk) *
                                static_cast<std::size_t>(tables.words) *
                                static_cast<std::size_t>(tables.width);
     const int chunk_docs = std::min(tables.width, tables.docs - chunk * tables.width);
-    float* Z_chunk = Z + static_cast<std::size_t>(chunk) * static_cast<std::size_t>(tables.width) *
-                             static_cast<std::size_t>(num_docs);
-    for (int i = first; i < last; i += tile_docs) {
-      const int docs = std::min(tile_docs, last - i);
-      load_sums(Z_chunk + i, chunk_docs, docs, num_docs, overwrite, sums);
+    float* Z_chunk =
+        Z + static_cast<std::size_t>(chunk) * static_cast<std::size_t>(tables.width) * num_docs;
+    for (int i = first; i < last; i += pour_tile_docs) {
+      const int docs = std::min(pour_tile_docs, last - i);
+      load_sums(Z_chunk + i, chunk_docs, docs, resident.num_docs, overwrite, sums);
       for (int r = 0; r < docs; ++r) {
-        pour_tile<K>(tables, entries, begin[i + r], end[i + r], offset, sums[r]);
+        const std::size_t d = static_cast<std::size_t>(i + r);
+        pour_tile<K>(tables, resident, ranges.begin[d], ranges.end[d], offset, sums[r]);
       }
       for (int j = 0; j < chunk_docs; ++j) {
-        float* z = Z_chunk + static_cast<std::size_t>(j) * static_cast<std::size_t>(num_docs) + i;
+        float* z = Z_chunk + static_cast<std::size_t>(j) * num_docs + i;
         for (int r = 0; r < docs; ++r) z[r] = sums[r][j];
       }
     }
   }
 }
 
-void Pour(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
-          const int* end, int first, int last, int num_docs, float* Z, bool overwrite) {
+void PourDocuments(const NearestTables& tables, const ResidentCollection& resident,
+                   const EntryRanges& ranges, int first, int last, float* Z, bool overwrite) {
   const auto run = [&]<int K>() {
-    pour_block<K>(tables, entries, begin, end, first, last, num_docs, Z, overwrite);
+    pour_block<K>(tables, resident, ranges, first, last, Z, overwrite);
   };
   switch (tables.distance.size()) {
     case 1:
@@ -131,12 +129,36 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace talvik::internal {
+namespace {
 
-HWY_EXPORT(Pour);
+// On from the entries of the block before to those of this one.
+void move_on(const NearestTables& tables, const ResidentCollection& resident, int first, int last,
+             EntryRanges& ranges) {
+  const int words_end = tables.first_word + tables.words;
+  for (int i = first; i < last; ++i) {
+    const std::size_t d = static_cast<std::size_t>(i);
+    const int begin = tables.first_word == 0 ? resident.start[i] : ranges.end[d];
+    const int* document_end = resident.ind + resident.start[i + 1];
+    ranges.begin[d] = begin;
+    ranges.end[d] = static_cast<int>(
+        std::lower_bound(resident.ind + begin, document_end, words_end) - resident.ind);
+  }
+}
 
-void pour(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
-          const int* end, int first, int last, int num_docs, float* Z, bool overwrite) {
-  HWY_DYNAMIC_DISPATCH(Pour)(tables, entries, begin, end, first, last, num_docs, Z, overwrite);
+}  // namespace
+
+HWY_EXPORT(PourDocuments);
+
+void pour(const NearestTables& tables, const ResidentCollection& resident, int threads,
+          EntryRanges& ranges, float* Z) {
+  const int tiles = (resident.num_docs + pour_tile_docs - 1) / pour_tile_docs;
+  for_each_block(threads, tiles, [&](int first_tile, int last_tile, int) {
+    const int first = first_tile * pour_tile_docs;
+    const int last = std::min(resident.num_docs, last_tile * pour_tile_docs);
+    const bool first_block = tables.first_word == 0;
+    move_on(tables, resident, first, last, ranges);
+    HWY_DYNAMIC_DISPATCH(PourDocuments)(tables, resident, ranges, first, last, Z, first_block);
+  });
 }
 
 }  // namespace talvik::internal

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "internal/engine_sizes.hpp"
+
 namespace talvik::internal {
 
 /// Distances to, and capacities of, the nearest entries of a window of query documents, for a block
@@ -20,22 +22,32 @@ struct NearestTables {
 
 constexpr int chunks_of(int docs, int width) { return (docs + width - 1) / width; }
 
-/// Resident documents as compressed sparse rows, the entries of a document by ascending word.
-struct ResidentEntries {
-  const int* ind;
+/// Resident documents as compressed sparse rows.
+struct ResidentCollection {
+  int num_docs;
+  const int* start;  ///< num_docs + 1
+  const int* ind;    ///< ascending within a document
   const float* weight;
 };
 
-/// Adds, for every resident document i of [first, last) and query document j of the window,
-///   sum over the entries p of i from begin[i] to end[i]-1 of
+/// Resident documents whose sums are held together, so that Z, whose query documents lie pages
+/// apart, is written several whole lines at a time.
+inline constexpr int pour_tile_docs = 4 * line_floats;
+
+/// Per resident document, its entries with words of the block at hand.
+struct EntryRanges {
+  std::vector<int> begin, end;
+};
+
+/// Adds, for every resident document i and query document j of the window,
+///   sum over the entries p of i with words of the block of
 ///     sum over t of moved_t * distance_t[ind[p], j]
 /// where the weight of p is poured into the nearest entries in turn, moved_t being what capacity_t
-/// lets of the rest.
-/// @param begin,end  per resident document, its entries with words of the block
-/// @param Z          value of (i, j) at Z[j*num_docs + i]
-/// @param overwrite  begin the sums anew; else they go on from what Z holds
-void pour(const NearestTables& tables, const ResidentEntries& entries, const int* begin,
-          const int* end, int first, int last, int num_docs, float* Z, bool overwrite);
+/// lets of the rest.  The blocks of words come in their order; the first one begins the sums anew.
+/// @param ranges  left by the block before, as long as the collection
+/// @param Z       value of (i, j) at Z[j*num_docs + i]
+void pour(const NearestTables& tables, const ResidentCollection& resident, int threads,
+          EntryRanges& ranges, float* Z);
 
 }  // namespace talvik::internal
 
