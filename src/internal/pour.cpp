@@ -5,6 +5,7 @@
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "internal/pour.cpp"
+#include <hwy/cache_control.h>   // Prefetch
 #include <hwy/foreach_target.h>  // compiles this file again for every instruction set
 #include <hwy/highway.h>
 
@@ -82,6 +83,54 @@ HWY_INLINE void load_sums(const float* Z, int chunk_docs, int docs, int num_docs
   }
 }
 
+// Sums [first, last) of each document, one by one.
+HWY_INLINE void store_rest(const float (*sums)[widest], int first, int last, int docs,
+                           std::size_t num_docs, float* Z) {
+  for (int j = first; j < last; ++j) {
+    float* z = Z + static_cast<std::size_t>(j) * num_docs;
+    for (int r = 0; r < docs; ++r) z[r] = sums[r][j];
+  }
+}
+
+#if HWY_TARGET == HWY_SCALAR
+HWY_INLINE void store_sums(const float (*sums)[widest], int chunk_docs, int docs,
+                           std::size_t num_docs, float* Z) {
+  store_rest(sums, 0, chunk_docs, docs, num_docs, Z);
+}
+#else
+// From documents with their sums side by side to Z.  Squares of four by four are turned in
+// registers: single floats would fill the store buffer before the lines of Z are there.
+HWY_INLINE void store_sums(const float (*sums)[widest], int chunk_docs, int docs,
+                           std::size_t num_docs, float* Z) {
+  constexpr int side = 4;
+  const hn::FixedTag<float, side> d;
+  int j = 0;
+  for (; j + side <= chunk_docs && docs % side == 0; j += side) {
+    float* z = Z + static_cast<std::size_t>(j) * num_docs;
+    for (int r = 0; r < docs; r += side) {
+      const auto row0 = hn::LoadU(d, sums[r] + j), row1 = hn::LoadU(d, sums[r + 1] + j);
+      const auto row2 = hn::LoadU(d, sums[r + 2] + j), row3 = hn::LoadU(d, sums[r + 3] + j);
+      const auto low02 = hn::InterleaveLower(d, row0, row2);
+      const auto low13 = hn::InterleaveLower(d, row1, row3);
+      const auto high02 = hn::InterleaveUpper(d, row0, row2);
+      const auto high13 = hn::InterleaveUpper(d, row1, row3);
+      hn::StoreU(hn::InterleaveLower(d, low02, low13), d, z + r);
+      hn::StoreU(hn::InterleaveUpper(d, low02, low13), d, z + num_docs + r);
+      hn::StoreU(hn::InterleaveLower(d, high02, high13), d, z + 2 * num_docs + r);
+      hn::StoreU(hn::InterleaveUpper(d, high02, high13), d, z + 3 * num_docs + r);
+    }
+  }
+  store_rest(sums, j, chunk_docs, docs, num_docs, Z);
+}
+#endif
+
+// The lines of Z that a tile's sums go to, fetched before they are needed: those of query document
+// r while resident document r is summed.
+static_assert(pour_tile_docs >= widest);
+HWY_INLINE void fetch_lines(const float* z) {
+  for (int i = 0; i < pour_tile_docs; i += line_floats) hwy::Prefetch(z + i);
+}
+
 template <int K>
 void pour_block(const NearestTables& tables, const ResidentCollection& resident,
                 const EntryRanges& ranges, int first, int last, float* Z, bool overwrite) {
@@ -99,12 +148,10 @@ void pour_block(const NearestTables& tables, const ResidentCollection& resident,
       load_sums(Z_chunk + i, chunk_docs, docs, resident.num_docs, overwrite, sums);
       for (int r = 0; r < docs; ++r) {
         const std::size_t d = static_cast<std::size_t>(i + r);
+        if (r < chunk_docs) fetch_lines(Z_chunk + static_cast<std::size_t>(r) * num_docs + i);
         pour_tile<K>(tables, resident, ranges.begin[d], ranges.end[d], offset, sums[r]);
       }
-      for (int j = 0; j < chunk_docs; ++j) {
-        float* z = Z_chunk + static_cast<std::size_t>(j) * num_docs + i;
-        for (int r = 0; r < docs; ++r) z[r] = sums[r][j];
-      }
+      store_sums(sums, chunk_docs, docs, num_docs, Z_chunk + i);
     }
   }
 }
