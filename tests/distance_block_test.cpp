@@ -14,6 +14,7 @@
 #include "internal/partition.hpp"
 #include "internal/select_smallest.hpp"
 #include "support/engine.hpp"
+#include "support/instruction_sets.hpp"
 #include "support/oracle.hpp"
 #include "support/world.hpp"
 
@@ -35,8 +36,8 @@ std::vector<float> entry_rows(const World& world, const Csr& batch) {
   return rows;
 }
 
-void expect_oracle_block(const World& world, int steps, int max_rows, const EngineBudget& budget,
-                         DistanceSource source) {
+void expect_block(const World& world, const std::vector<double>& expected, int steps, int max_rows,
+                  const EngineBudget& budget, DistanceSource source) {
   const Csr resident = csr_of(world.resident);
   Csr batch = csr_of(world.queries);
   const int m = world.shape.vec_size;
@@ -84,19 +85,18 @@ void expect_oracle_block(const World& world, int steps, int max_rows, const Engi
   BlockBuffers buffers{panels.data(), {}, {}};
   for (int t = 0; t < nearest; ++t) buffers.distance.push_back(tables[t].data());
   for (int t = nearest; t < 2 * nearest - 1; ++t) buffers.capacity.push_back(tables[t].data());
-  std::vector<float> Z(world.resident.size() * world.queries.size(), -1.0f);
-  compute_distance_block(vocabulary,
-                         {static_cast<int>(world.resident.size()), resident.start.data(),
-                          resident.ind.data(), resident.weight.data()},
-                         queries, request, buffers, Z.data());
-  for (size_t d = 0; d < world.queries.size(); ++d) {
-    for (size_t i = 0; i < world.resident.size(); ++i) {
-      const double expected = test::oracle_distance(
-          world.embeddings, m, world.resident[i], world.queries[d], steps, test::StepRule::halving);
-      ASSERT_NEAR(expected, Z[d * world.resident.size() + i], 2e-3 + 1e-5 * std::fabs(expected))
-          << "resident " << i << ", query " << d << ", steps " << steps << ", rows " << max_rows;
+  test::on_every_instruction_set([&] {
+    std::vector<float> Z(expected.size(), -1.0f);
+    compute_distance_block(vocabulary,
+                           {static_cast<int>(world.resident.size()), resident.start.data(),
+                            resident.ind.data(), resident.weight.data()},
+                           queries, request, buffers, Z.data());
+    for (size_t at = 0; at < Z.size(); ++at) {
+      ASSERT_NEAR(expected[at], Z[at], 2e-3 + 1e-5 * std::fabs(expected[at]))
+          << "resident " << at % world.resident.size() << ", query " << at / world.resident.size()
+          << ", steps " << steps << ", rows " << max_rows;
     }
-  }
+  });
 }
 
 // A world whose resident documents ascend by word, as the block computation wants them.
@@ -117,14 +117,21 @@ World sorted_world(unsigned seed) {
 TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
   const World world = sorted_world(11);
   const EngineBudget tiny{1, 1, 1}, small{3000, 3000, 3000};
-  for (const DistanceSource source :
-       {DistanceSource::vectors, DistanceSource::ground_of_word, DistanceSource::ground_of_entry}) {
-    for (const int steps : {0, 1, 2, 3, 7, 20}) {
+  for (const int steps : {0, 1, 2, 3, 7, 20}) {
+    std::vector<double> expected;
+    for (const Document& query : world.queries) {
+      for (const Document& resident : world.resident) {
+        expected.push_back(test::oracle_distance(world.embeddings, world.shape.vec_size, resident,
+                                                 query, steps, test::StepRule::halving));
+      }
+    }
+    for (const DistanceSource source : {DistanceSource::vectors, DistanceSource::ground_of_word,
+                                        DistanceSource::ground_of_entry}) {
       // Documents of up to 30 entries in passes of 5 and 25 rows: several passes for one document,
       // and several documents for one pass.
       for (const int max_rows : {5, 25, 1000}) {
-        expect_oracle_block(world, steps, max_rows, tiny, source);
-        expect_oracle_block(world, steps, max_rows, small, source);
+        expect_block(world, expected, steps, max_rows, tiny, source);
+        expect_block(world, expected, steps, max_rows, small, source);
       }
     }
   }
@@ -186,9 +193,12 @@ TEST(Selection, MatchesAFullSortForEveryK) {
     });
     for (const int k : {1, 2, 10, 16, 300, n}) {
       if (k > n) continue;
-      select_smallest(values.data(), n, k, smallest);
-      ASSERT_EQ(static_cast<int>(smallest.size()), k);
-      for (int j = 0; j < k; ++j) EXPECT_EQ(smallest[j].second, sorted[j].second) << n << " " << k;
+      test::on_every_instruction_set([&] {
+        select_smallest(values.data(), n, k, smallest);
+        ASSERT_EQ(static_cast<int>(smallest.size()), k);
+        for (int j = 0; j < k; ++j)
+          ASSERT_EQ(smallest[j].second, sorted[j].second) << n << " " << k;
+      });
     }
   }
 }
@@ -199,9 +209,11 @@ TEST(Selection, NaNHidesNoSmallerValueOfItsBlock) {
     std::vector<float> values(taken_at_once + 2 * block, 10.0f);
     values[taken_at_once] = NAN;
     values[taken_at_once + distance] = 1;
-    std::vector<Candidate> smallest;
-    select_smallest(values.data(), static_cast<int>(values.size()), 1, smallest);
-    EXPECT_EQ(smallest.at(0).second, taken_at_once + distance);
+    test::on_every_instruction_set([&] {
+      std::vector<Candidate> smallest;
+      select_smallest(values.data(), static_cast<int>(values.size()), 1, smallest);
+      EXPECT_EQ(smallest.at(0).second, taken_at_once + distance);
+    });
   }
 }
 

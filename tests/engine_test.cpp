@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/instruction_sets.hpp"
 #include "support/oracle.hpp"
 #include "support/world.hpp"
 #include "talvik.hpp"
@@ -43,15 +44,22 @@ void expect_near(double expected, float actual, const std::string& where) {
 }
 
 void expect_block_matches_oracle(const World& world, bool ground, int steps, StepRule rule) {
-  const std::vector<float> Z = distance_block(world, steps, rule, ground);
-  for (size_t d = 0; d < world.queries.size(); ++d) {
-    for (size_t i = 0; i < world.resident.size(); ++i) {
-      const double expected = oracle_distance(world.embeddings, world.shape.vec_size,
-                                              world.resident[i], world.queries[d], steps, rule);
-      expect_near(expected, Z[d * world.resident.size() + i],
-                  "resident " + std::to_string(i) + ", query " + std::to_string(d));
+  std::vector<double> expected;
+  for (const Document& query : world.queries) {
+    for (const Document& resident : world.resident) {
+      expected.push_back(
+          oracle_distance(world.embeddings, world.shape.vec_size, resident, query, steps, rule));
     }
   }
+  const auto compare = [&] {
+    const std::vector<float> Z = distance_block(world, steps, rule, ground);
+    for (size_t at = 0; at < Z.size(); ++at) {
+      expect_near(expected[at], Z[at],
+                  "resident " + std::to_string(at % world.resident.size()) + ", query " +
+                      std::to_string(at / world.resident.size()));
+    }
+  };
+  rule == StepRule::powers_of_two ? compare() : on_every_instruction_set(compare);
 }
 
 TEST_P(EveryMode, MatchesTheOracle) {
@@ -110,9 +118,11 @@ TEST_P(ExactLine, PoursTheRestIntoTheNextNearestWord) {
 TEST_P(ExactLine, OfEqualDistancesTheFirstEntryIsTheNearest) {
   // Words 1 and 3 are both 5 away, word 2 is 10 away.
   const Document query{{1, 0.125f}, {3, 0.5f}, {2, 0.375f}};
-  EXPECT_EQ(distance(query, 1), 5);
   const Document repeated{{2, 0.5f}, {1, 0.25f}, {1, 0.25f}};
-  EXPECT_EQ(distance(repeated, 1), 5) << "the repeated word is the second nearest, too";
+  on_every_instruction_set([&] {
+    EXPECT_EQ(distance(query, 1), 5);
+    EXPECT_EQ(distance(repeated, 1), 5) << "the repeated word is the second nearest, too";
+  });
 }
 
 TEST_P(ExactLine, EmptyDocumentIsFarAway) {
@@ -159,6 +169,29 @@ TEST(Engine, BlockDoesNotDependOnThreadsOrBatches) {
       EXPECT_NEAR(one[i], rounding[i], 1e-4);
     }
   }
+}
+
+TEST(Engine, InstructionSetsAgreeWithinRounding) {
+  // Dimensions and words in the hundreds, of which the dense product has whole tiles and a rest.
+  const World world = random_world({.seed = 12,
+                                    .voc_size = 1100,
+                                    .vec_size = 300,
+                                    .num_resident = 30,
+                                    .num_queries = 70,
+                                    .max_words = 60});
+  for (const Settings settings : every_setting) {
+    use_cosine = settings.cosine;
+    normalize_embeddings = settings.normalise;
+    for (const int steps : {0, 3}) {
+      std::vector<float> best;
+      on_every_instruction_set([&] {
+        const std::vector<float> Z = distance_block(world, steps, StepRule::halving, false);
+        if (best.empty()) best = Z;
+        for (size_t at = 0; at < Z.size(); ++at) ASSERT_NEAR(Z[at], best[at], 1e-3);
+      });
+    }
+  }
+  use_cosine = normalize_embeddings = false;
 }
 
 TEST(Engine, UnsortedResidentEntriesGiveTheSameDistances) {
@@ -214,8 +247,10 @@ TEST(Engine, WordWithoutAVectorIsFarAway) {
   for (const StepRule rule : every_rule) {
     for (const bool ground : {false, true}) {
       if (!can_run(rule)) continue;
-      EXPECT_EQ(distance_block(world, 0, rule, ground).at(0), 1e30f);
-      EXPECT_EQ(distance_block(world, 1, rule, ground).at(0), 1e30f);
+      on_every_instruction_set([&] {
+        EXPECT_EQ(distance_block(world, 0, rule, ground).at(0), 1e30f);
+        EXPECT_EQ(distance_block(world, 1, rule, ground).at(0), 1e30f);
+      });
     }
   }
 }
