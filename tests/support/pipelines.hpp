@@ -32,13 +32,11 @@ class ProcessGroup : public testing::Environment {
   void TearDown() override { finalize_mpi(); }
 };
 
-/// A path for the running test that all processes of the job share and no other job has.
+/// A path that all processes of the job share and no other job has.
 inline std::string scratch_path(const std::string& name) {
   int job = static_cast<int>(getpid());
   broadcast_mpi(&job, sizeof(job), 0);
-  const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
-  return std::filesystem::temp_directory_path() /
-         ("talvik." + std::to_string(job) + "." + test + "." + name);
+  return std::filesystem::temp_directory_path() / ("talvik." + std::to_string(job) + "." + name);
 }
 
 /// The text of a file, which is then removed; "(no file)" without one.
@@ -156,6 +154,20 @@ class BatchWatch {
     };
   }
   ~BatchWatch() { batch_finished = nullptr, batch_finished_context = nullptr; }
+
+  /// What was reported must be queries first .. first + count - 1 in their order, with lists of k.
+  void expect_batches(int first, int count, int k) const {
+    int next = first;
+    for (size_t b = 0; b < seen.k.size(); ++b) {
+      EXPECT_EQ(seen.first_query[b], next);
+      EXPECT_EQ(seen.end_query[b], first + count);
+      EXPECT_EQ(seen.k[b], k);
+      next += seen.num_queries[b];
+    }
+    EXPECT_EQ(next, first + count);
+    EXPECT_EQ(seen.neighbours.size(), static_cast<size_t>(count) * static_cast<size_t>(k));
+  }
+
   SeenBatches seen;
 };
 
