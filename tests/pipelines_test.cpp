@@ -1,6 +1,8 @@
 // The pipelines on either engine against the definition of the distances: the same files and
 // matrices whatever the number of processes and the size of the batches.  14 documents are split: 9
 // processes get groups of unequal size, some of them empty.
+#include "support/pipelines.hpp"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "support/device.hpp"
-#include "support/pipelines.hpp"
 #include "talvik/pipelines.hpp"
 
 namespace talvik {
