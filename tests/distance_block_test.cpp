@@ -193,15 +193,15 @@ TEST(Selection, MatchesAFullSortForEveryK) {
 }
 
 TEST(Selection, NaNHidesNoSmallerValueOfItsBlock) {
-  const int block = 64, lanes = 16, taken_at_once = 257;  // by the selection of one
-  for (const int distance : {lanes, 2 * lanes, lanes / 2}) {
-    std::vector<float> values(taken_at_once + 2 * block, 10.0f);
-    values[taken_at_once] = NAN;
-    values[taken_at_once + distance] = 1;
+  const int first = 257 + 32;  // of the second half of a block, behind what is taken at once
+  for (const int distance : {8, 16, 32 - 1, -16, -32}) {
+    std::vector<float> values(first + 128, 10.0f);
+    values[first] = NAN;
+    values[first + distance] = 1;
     test::on_every_instruction_set([&] {
       std::vector<Candidate> smallest;
       select_smallest(values.data(), static_cast<int>(values.size()), 1, smallest);
-      EXPECT_EQ(smallest.at(0).second, taken_at_once + distance);
+      EXPECT_EQ(smallest.at(0).second, first + distance);
     });
   }
 }

@@ -137,6 +137,19 @@ TEST(Engine, BlockDoesNotDependOnThreadsOrBatches) {
   }
 }
 
+TEST(Engine, EntriesInAnyOrderMeetTheBlockOfTheirWord) {
+  // 41 tables for 83 documents: the words fill two blocks of tables.
+  const World world = random_world({.seed = 6,
+                                    .voc_size = 6000,
+                                    .vec_size = 1,
+                                    .num_resident = 5,
+                                    .num_queries = 83,
+                                    .max_words = 40,
+                                    .whole_numbers = true});
+  const std::vector<double> expected = oracle_block(world, 20, StepRule::halving);
+  expect_near(expected, distance_block(world, 20, StepRule::halving, false), 5);
+}
+
 TEST(Engine, InstructionSetsAgreeWithinRounding) {
   // Dimensions and words in the hundreds, of which the dense product has whole tiles and a rest.
   const World world = random_world({.seed = 12,
@@ -197,15 +210,18 @@ TEST(Engine, ZeroRowStaysZeroUnderNormalisation) {
 }
 
 TEST(Engine, WordWithoutAVectorIsFarAway) {
-  World world{{}, {NAN, 0, 3, 4, 5, 0}, {{{0, 1.0f}}}, {{{1, 1.0f}, {2, 1.0f}}}, {}, {}};
+  World world{{}, {NAN, 0, 3, 4, 6, 8}, {{{0, 1.0f}}, {{1, 1.0f}}}, {}, {}, {}};
   world.shape.voc_size = 3;
   world.shape.vec_size = 2;
+  world.queries = {{{2, 1.0f}, {1, 1.0f}}, {{2, 1.0f}, {0, 1.0f}}, {{0, 1.0f}, {2, 1.0f}}};
   for (const StepRule rule : every_rule) {
+    if (!can_run(rule)) continue;
     for (const bool ground : {false, true}) {
-      if (!can_run(rule)) continue;
       on_every_instruction_set([&] {
-        EXPECT_EQ(distance_block(world, 0, rule, ground).at(0), 1e30f);
-        EXPECT_EQ(distance_block(world, 1, rule, ground).at(0), 1e30f);
+        for (const int steps : {0, 1}) {
+          EXPECT_EQ(distance_block(world, steps, rule, ground),
+                    (std::vector<float>{1e30f, 0, 1e30f, 5, 1e30f, 5}));
+        }
       });
     }
   }
@@ -250,6 +266,28 @@ TEST(GroundDistances, AreTheWordDistancesOfEveryPair) {
     }
   }
   use_cosine = normalize_embeddings = false;
+}
+
+TEST(Pieces, OfTheCpuEngineDoWhatTheirNamesSay) {
+  // Columns of 3 values: {3, 1, 1}, {NAN, 5, 4}.  Of equal ones the upper row comes first.
+  std::vector<float> values{3, NAN, 1, 5, 1, 4}, weights{10, 20, 30}, nearest(4), behind(4);
+  topk_single(2, 3, 2, values.data(), nearest.data(), weights.data(), behind.data());
+  EXPECT_EQ(nearest, (std::vector<float>{1, 4, 1, 5}));
+  EXPECT_EQ(behind, (std::vector<float>{20, 30, 30, 20}));
+
+  std::vector<int> ind{1, 0, 1}, start{0, 2, 3}, rows{2, 0};
+  std::vector<float> left{1, 2, 3}, capacity{5, 2}, updated(3), moved(3);
+  copy_raw_data_cpu(3, ind.data(), left.data(), 2, start.data());
+  update_weights_delta(left.data(), capacity.data(), updated.data(), moved.data());
+  remove_raw_data_cpu();
+  EXPECT_EQ(moved, (std::vector<float>{1, 2, 2}));
+  EXPECT_EQ(updated, (std::vector<float>{0, 0, 1}));
+
+  std::vector<float> matrix{0, 1, 2, 10, 11, 12, 20, 21, 22}, picked(6);
+  gather_matrix_rows_cpu(2, 3, 3, matrix.data(), rows.data(), picked.data());
+  EXPECT_EQ(picked, (std::vector<float>{20, 21, 22, 0, 1, 2}));
+  gather_matrix_columns_cpu(3, 2, 3, matrix.data(), rows.data(), picked.data());
+  EXPECT_EQ(picked, (std::vector<float>{2, 0, 12, 10, 22, 20}));
 }
 
 }  // namespace
