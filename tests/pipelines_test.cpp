@@ -125,6 +125,8 @@ TEST_P(Pipelines, SplitResidentGivesTheListsAndTheRowsOfTheDefinition) {
 }
 
 TEST_P(Pipelines, SplitResidentBatchesOfEveryProcessCoverTheSameQueries) {
+  // One long document: groups of very different numbers of documents.
+  for (unsigned word = 0; word < 50; ++word) world.resident[0].emplace_back(word, 0.125f);
   load_balancing(world.resident, 14, test::count_entries(world.resident));
   const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
   for (const long long budget : {0LL, 4LL * std::max(largest_group, 8)}) {  // 1 and some queries
