@@ -134,7 +134,9 @@ TEST_P(Pipelines, SplitResidentBatchesOfEveryProcessCoverTheSameQueries) {
     RunParameters parameters = run(2, 0, true);
     parameters.budget_floats = budget;
     EXPECT_EQ(split_lists(parameters), expected_split_lists(2, 0));
-    std::vector<int> batches(watch.seen.num_queries), common = batches;
+    std::vector<int> batches;
+    for (const BatchResult& batch : watch.batches) batches.push_back(batch.num_queries);
+    std::vector<int> common = batches;
     ASSERT_GT(batches.size(), 1u);
     broadcast_mpi(common.data(), static_cast<int>(common.size() * sizeof(int)), 0);
     EXPECT_EQ(batches, common);
@@ -262,13 +264,13 @@ TEST_P(Pipelines, AnEmptyQueryDocumentIsFarFromAllAndStillGetsItsNeighbours) {
   const test::BatchWatch watch;
   split_lists(run(14, 0, true));
   if (myid != 0) return;
-  std::vector<int> neighbours(&watch.seen.neighbours[28], &watch.seen.neighbours[28] + 14);
+  std::vector<int> neighbours(&watch.neighbours[28], &watch.neighbours[28] + 14);
   for (size_t j = 0; j < 14; ++j) {
     double weight = 0;
     for (const auto& entry : world.resident[static_cast<size_t>(neighbours[j])]) {
       weight += entry.second;
     }
-    EXPECT_NEAR(watch.seen.distances[28 + j], 1e30 * weight, 1e24 * weight);
+    EXPECT_NEAR(watch.distances[28 + j], 1e30 * weight, 1e24 * weight);
   }
   std::sort(neighbours.begin(), neighbours.end());
   for (int i = 0; i < 14; ++i) EXPECT_EQ(neighbours[static_cast<size_t>(i)], i);

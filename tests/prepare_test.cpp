@@ -99,6 +99,21 @@ TEST(Tokenizer, CountsInvalidAndCutSequencesOnceEach) {
   EXPECT_EQ(replaced, 1);
 }
 
+TEST(Tokenizer, TokensSurviveTheCorpusReader) {
+  std::string line;
+  VocabularyMap vocabulary;
+  for (const std::string& token :
+       tokens_of("Mr. O'Brien's \"well-known\" e.g. (co-op) \u2018quoted\u2019 "
+                 "semi;colon a:b x,y (((z")) {
+    line += token + " ";
+    vocabulary.emplace(token, static_cast<int>(vocabulary.size()));
+  }
+  Document document;
+  const int all = 1000, none_skipped = -1, sum_to_one = 1;
+  EXPECT_EQ(parse_single_doc(line, vocabulary, document, all, none_skipped, sum_to_one),
+            static_cast<int>(vocabulary.size()));
+}
+
 TEST(StopWords, MatchWhateverTheCase) {
   const TempDir dir;
   write_file(dir / "stop", "The\nisn't\n");

@@ -129,24 +129,14 @@ struct Free {
 /// A matrix that the library hands over.
 using OwnedMatrix = std::unique_ptr<float[], Free>;
 
-/// Batches that batch_finished reported, with their lists.
-struct SeenBatches {
-  std::vector<int> first_query, num_queries, end_query, k;
-  std::vector<int> neighbours;
-  std::vector<float> distances;
-};
-
-/// Collects what batch_finished reports as long as it lives.
+/// Collects the batches that batch_finished reports as long as it lives.
 class BatchWatch {
  public:
   BatchWatch() {
-    batch_finished_context = &seen;
+    batch_finished_context = this;
     batch_finished = [](const BatchResult& batch, void* context) {
-      auto& to = *static_cast<SeenBatches*>(context);
-      to.first_query.push_back(batch.first_query);
-      to.num_queries.push_back(batch.num_queries);
-      to.end_query.push_back(batch.end_query);
-      to.k.push_back(batch.k);
+      auto& to = *static_cast<BatchWatch*>(context);
+      to.batches.push_back(batch);
       if (!batch.neighbours) return;
       const int entries = batch.num_queries * batch.k;
       to.neighbours.insert(to.neighbours.end(), batch.neighbours, batch.neighbours + entries);
@@ -158,17 +148,19 @@ class BatchWatch {
   /// What was reported must be queries first .. first + count - 1 in their order, with lists of k.
   void expect_batches(int first, int count, int k) const {
     int next = first;
-    for (size_t b = 0; b < seen.k.size(); ++b) {
-      EXPECT_EQ(seen.first_query[b], next);
-      EXPECT_EQ(seen.end_query[b], first + count);
-      EXPECT_EQ(seen.k[b], k);
-      next += seen.num_queries[b];
+    for (const BatchResult& batch : batches) {
+      EXPECT_EQ(batch.first_query, next);
+      EXPECT_EQ(batch.end_query, first + count);
+      EXPECT_EQ(batch.k, k);
+      next += batch.num_queries;
     }
     EXPECT_EQ(next, first + count);
-    EXPECT_EQ(seen.neighbours.size(), static_cast<size_t>(count) * static_cast<size_t>(k));
+    EXPECT_EQ(neighbours.size(), static_cast<size_t>(count) * static_cast<size_t>(k));
   }
 
-  SeenBatches seen;
+  std::vector<BatchResult> batches;  // their lists are gone
+  std::vector<int> neighbours;
+  std::vector<float> distances;
 };
 
 }  // namespace talvik::test
