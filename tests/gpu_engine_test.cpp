@@ -33,7 +33,7 @@ class GpuEngine : public testing::Test {
 TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {
   // Words on a line at whole numbers: results are exact floats, however they are computed.
   const World world = random_world({.seed = 31,
-                                    .voc_size = 40,
+                                    .voc_size = 41,  // rows start at odd addresses
                                     .vec_size = 1,
                                     .num_resident = 9,
                                     .num_queries = 12,
@@ -59,23 +59,6 @@ TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {
       }
     }
   }
-}
-
-TEST_F(GpuEngine, ManyShortDocumentsShareTwoSparseProducts) {
-  const World world = random_world({.seed = 8,
-                                    .voc_size = 7,  // rows of Y_dev start at odd addresses
-                                    .vec_size = 1,
-                                    .num_resident = 3,
-                                    .num_queries = 300,
-                                    .max_words = 3,
-                                    .whole_numbers = true});
-  const long long before = calls_of("cusparseScsrmm2");
-  const std::vector<float> Z = distance_block(world, 0, StepRule::powers_of_two, false);
-  if (device_is_emulated) {
-    EXPECT_EQ(calls_of("cusparseScsrmm2") - before, 2);  // groups of 256 and 44 documents
-  }
-  const std::vector<double> oracle = oracle_block(world, 0, StepRule::powers_of_two);
-  EXPECT_EQ(Z, std::vector<float>(oracle.begin(), oracle.end()));
 }
 
 TEST_F(GpuEngine, NormalisationRewritesTheCallersRows) {
