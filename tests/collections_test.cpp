@@ -48,21 +48,6 @@ TEST(Compression, KeepsTheOrderOfTheWordsAndTheDocumentsOutsideTheRange) {
                       {{9, 0.1f}}, {{1, 0.5f}, {0, 0.25f}}, {}, {{2, 1.f}, {1, 2.f}}, {{1, 3.f}}}));
 }
 
-TEST(Compression, TwoCollectionsShareOneNumbering) {
-  DocumentSet docs1 = {{{8, 1.f}}, {{5, 1.f}}}, docs2 = {{{6, 1.f}, {8, 1.f}}, {{0, 1.f}}};
-  auto embeddings = counting_embeddings(10, 1);
-  int size = -1;
-  float* rows = nullptr;
-  EXPECT_EQ(
-      compress_vocabulary_cosine(10, embeddings.data(), &size, &rows, 1, docs1, 0, 2, docs2, 0, 1),
-      1);
-  const std::unique_ptr<float[]> owner(rows);
-  ASSERT_EQ(size, 3);
-  EXPECT_EQ(std::vector<float>(rows, rows + 3), (std::vector<float>{5, 6, 8}));
-  EXPECT_EQ(docs1, (DocumentSet{{{2, 1.f}}, {{0, 1.f}}}));
-  EXPECT_EQ(docs2, (DocumentSet{{{1, 1.f}, {2, 1.f}}, {{0, 1.f}}}));
-}
-
 class Split : public testing::Test {
  protected:
   ~Split() override {

@@ -259,23 +259,6 @@ TEST_P(Pipelines, AGroundMatrixOfTheCallersIsReadAsItIs) {
   }
 }
 
-TEST_P(Pipelines, AnEmptyQueryDocumentIsFarFromAllAndStillGetsItsNeighbours) {
-  world.queries[2].clear();
-  const test::BatchWatch watch;
-  split_lists(run(14, 0, true));
-  if (myid != 0) return;
-  std::vector<int> neighbours(&watch.neighbours[28], &watch.neighbours[28] + 14);
-  for (size_t j = 0; j < 14; ++j) {
-    double weight = 0;
-    for (const auto& entry : world.resident[static_cast<size_t>(neighbours[j])]) {
-      weight += entry.second;
-    }
-    EXPECT_NEAR(watch.distances[28 + j], 1e30 * weight, 1e24 * weight);
-  }
-  std::sort(neighbours.begin(), neighbours.end());
-  for (int i = 0; i < 14; ++i) EXPECT_EQ(neighbours[static_cast<size_t>(i)], i);
-}
-
 TEST_P(Pipelines, EmptyCollectionsGiveEmptyResults) {
   const test::World whole = world;
   const auto two_way = [&](TwoWay function) {

@@ -140,7 +140,6 @@ class BatchWatch {
       if (!batch.neighbours) return;
       const int entries = batch.num_queries * batch.k;
       to.neighbours.insert(to.neighbours.end(), batch.neighbours, batch.neighbours + entries);
-      to.distances.insert(to.distances.end(), batch.distances, batch.distances + entries);
     };
   }
   ~BatchWatch() { batch_finished = nullptr, batch_finished_context = nullptr; }
@@ -160,7 +159,6 @@ class BatchWatch {
 
   std::vector<BatchResult> batches;  // their lists are gone
   std::vector<int> neighbours;
-  std::vector<float> distances;
 };
 
 }  // namespace talvik::test
