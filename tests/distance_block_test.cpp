@@ -127,7 +127,7 @@ TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
   }
 }
 
-TEST(DistinctRows, PassesHoldNoMoreRowsThanMayBeAndNoneTwice) {
+TEST(DistinctRows, PassesHoldNoMoreRowsThanMayBeAndSeveralPassesOneDocument) {
   const World world = sorted_world(12);
   const Csr batch = csr_of(world.queries);
   const int num_docs = static_cast<int>(world.queries.size());
@@ -135,6 +135,10 @@ TEST(DistinctRows, PassesHoldNoMoreRowsThanMayBeAndNoneTwice) {
     const DistinctRows found = find_distinct_rows(batch.ind.data(), sizeof(int), batch.start.data(),
                                                   num_docs, max_rows, 2);
     EXPECT_EQ(found.passes.size() == 1, max_rows == 100000);
+    for (const DocumentGroup& group : found.groups) {
+      const bool several_passes = group.last_pass - group.first_pass > 1;
+      EXPECT_FALSE(several_passes && group.last_doc - group.first_doc > 1);
+    }
     for (const RowPass& pass : found.passes) {
       EXPECT_LE(pass.last_row - pass.first_row, max_rows);
       std::set<int> words;
