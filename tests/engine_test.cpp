@@ -52,7 +52,8 @@ TEST_P(EveryMode, MatchesTheOracle) {
   const auto compare = [&, ground = ground, steps = steps, rule = rule] {
     expect_near(expected, distance_block(world, steps, rule, ground), world.resident.size());
   };
-  rule == StepRule::powers_of_two ? compare() : on_every_instruction_set(compare);
+  // The loops of our own over ground distances are those over cosines.
+  rule == StepRule::powers_of_two || ground ? compare() : on_every_instruction_set(compare);
 }
 
 constexpr Settings every_setting[] = {{false, false}, {false, true}, {true, false}, {true, true}};
