@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/instruction_sets.hpp"
 #include "support/oracle.hpp"
 #include "support/world.hpp"
 #include "talvik.hpp"
@@ -28,7 +29,7 @@ class EveryMode : public ::testing::TestWithParam<Mode> {
     if (!can_run(std::get<3>(GetParam()))) GTEST_SKIP() << "no GPU";
     use_cosine = std::get<0>(GetParam()).cosine;
     normalize_embeddings = std::get<0>(GetParam()).normalise;
-    num_cpu_threads = 3;
+    num_cpu_threads = 1 + (std::get<2>(GetParam()) + 1) % 4;
   }
   void TearDown() override {
     use_cosine = normalize_embeddings = false;
@@ -36,37 +37,23 @@ class EveryMode : public ::testing::TestWithParam<Mode> {
   }
 };
 
-// Distances that reach the oracle within float rounding; squared distances near 0 lose half of
-// their digits in sqrt(|a.a + b.b - 2 a.b|).
-void expect_near(double expected, float actual, const std::string& where) {
-  EXPECT_NEAR(expected, actual, 2e-3 + 1e-5 * std::fabs(expected)) << where;
-}
-
-void expect_block_matches_oracle(const World& world, bool ground, int steps, StepRule rule) {
-  const std::vector<float> Z = distance_block(world, steps, rule, ground);
-  for (size_t d = 0; d < world.queries.size(); ++d) {
-    for (size_t i = 0; i < world.resident.size(); ++i) {
-      const double expected = oracle_distance(world.embeddings, world.shape.vec_size,
-                                              world.resident[i], world.queries[d], steps, rule);
-      expect_near(expected, Z[d * world.resident.size() + i],
-                  "resident " + std::to_string(i) + ", query " + std::to_string(d));
-    }
-  }
-}
-
 TEST_P(EveryMode, MatchesTheOracle) {
   const auto [settings, ground, steps, rule] = GetParam();
   const unsigned seed = 1 + static_cast<unsigned>(steps + 1 + ground) % 2;
-  WorldShape shape;
-  shape.seed = seed;
-  shape.min_words = 0;
-  shape.repeated_words = seed % 2 == 1;
-  shape.max_words = seed % 2 == 1 ? 40 : 12;
-  shape.voc_size = 70 + static_cast<int>(seed);
-  shape.num_resident = 37;
-  shape.num_queries = 83;  // more than one chunk of the tables
+  const World world = random_world({.seed = seed,
+                                    .voc_size = 70 + static_cast<int>(seed),
+                                    .num_resident = 37,
+                                    .num_queries = 83,  // more than one chunk of the tables
+                                    .min_words = 0,
+                                    .max_words = seed % 2 == 1 ? 40 : 12,
+                                    .repeated_words = seed % 2 == 1});
   SCOPED_TRACE("seed " + std::to_string(seed));
-  expect_block_matches_oracle(random_world(shape), ground, steps, rule);
+  const std::vector<double> expected = oracle_block(world, steps, rule);
+  const auto compare = [&, ground = ground, steps = steps, rule = rule] {
+    expect_near(expected, distance_block(world, steps, rule, ground), world.resident.size());
+  };
+  // The loops of our own over ground distances are those over cosines.
+  rule == StepRule::powers_of_two || ground ? compare() : on_every_instruction_set(compare);
 }
 
 constexpr Settings every_setting[] = {{false, false}, {false, true}, {true, false}, {true, true}};
@@ -87,109 +74,63 @@ INSTANTIATE_TEST_SUITE_P(Gpu, EveryMode,
                                             ::testing::Values(-1, 1, 2, 20),
                                             ::testing::Values(StepRule::powers_of_two)));
 
-// Words on a 3-4-5 line: resident word at (0,0), query words at distances 5 and 10.
-class ExactLine : public ::testing::TestWithParam<StepRule> {
- protected:
-  void SetUp() override {
-    if (!can_run(GetParam())) GTEST_SKIP() << "no GPU";
-  }
-  static float distance(const Document& query, int steps) {
-    World world{{}, {0, 0, 3, 4, 6, 8, -3, -4}, {{{0, 1.0f}}}, {query}, {}, {}};
-    world.shape.voc_size = 4;
-    world.shape.vec_size = 2;
-    return distance_block(world, steps, GetParam(), false).at(0);
-  }
-};
-
-TEST_P(ExactLine, PoursTheRestIntoTheNextNearestWord) {
-  const Document query{{2, 0.75f}, {1, 0.25f}};
-  EXPECT_EQ(distance(query, 0), 5);
-  EXPECT_EQ(distance(query, 1), 0.25f * 5 + 0.75f * 10);
-}
-
-TEST_P(ExactLine, OfEqualDistancesTheFirstEntryIsTheNearest) {
-  // Words 1 and 3 are both 5 away, word 2 is 10 away.
-  const Document query{{1, 0.125f}, {3, 0.5f}, {2, 0.375f}};
-  EXPECT_EQ(distance(query, 1), 5);
-  const Document repeated{{2, 0.5f}, {1, 0.25f}, {1, 0.25f}};
-  EXPECT_EQ(distance(repeated, 1), 5) << "the repeated word is the second nearest, too";
-}
-
-TEST_P(ExactLine, EmptyDocumentIsFarAway) {
-  EXPECT_EQ(distance({}, 0), 1e30f);
-  EXPECT_EQ(distance({}, 1), 1e30f);
-}
-
-TEST_P(ExactLine, SingleEntryTakesAllOrWhatItCan) {
-  const Document query{{1, 0.25f}};
-  if (GetParam() != StepRule::single) {
-    EXPECT_EQ(distance(query, 1), 5);
-  } else {
-    EXPECT_EQ(distance(query, 1), 0.25f * 5 + 0.75f * 1e30f);
-  }
-}
-
 constexpr StepRule every_rule[] = {StepRule::single, StepRule::halving, StepRule::powers_of_two};
 
-INSTANTIATE_TEST_SUITE_P(Rules, ExactLine, ::testing::ValuesIn(every_rule));
-
-TEST(Engine, BlockDoesNotDependOnThreadsOrBatches) {
-  WorldShape shape;
-  shape.seed = 5;
-  shape.whole_numbers = true;  // exact sums: == must hold
-  shape.num_resident = 50;
-  shape.num_queries = 70;
-  World world = random_world(shape);
-  for (const int steps : {0, 1, 3}) {
-    num_cpu_threads = 1;
-    const std::vector<float> one = distance_block(world, steps, StepRule::halving, false);
-    num_cpu_threads = 7;
-    const std::vector<float> seven = distance_block(world, steps, StepRule::halving, false);
-    std::vector<float> rounding;
-    World part = world;
-    for (const Document& query : world.queries) {
-      part.queries = {query};
-      const std::vector<float> row = distance_block(part, steps, StepRule::halving, false);
-      rounding.insert(rounding.end(), row.begin(), row.end());
-    }
-    num_cpu_threads = 8;
-    ASSERT_EQ(one.size(), rounding.size());
-    for (size_t i = 0; i < one.size(); ++i) {
-      EXPECT_NEAR(one[i], seven[i], 1e-4);
-      EXPECT_NEAR(one[i], rounding[i], 1e-4);
-    }
-  }
+TEST(Engine, EntriesInAnyOrderMeetTheBlockOfTheirWord) {
+  // 41 tables for 83 documents: the words fill two blocks of tables.
+  const World world = random_world({.seed = 6,
+                                    .voc_size = 6000,
+                                    .vec_size = 1,
+                                    .num_resident = 5,
+                                    .num_queries = 83,
+                                    .max_words = 40,
+                                    .whole_numbers = true});
+  const std::vector<double> expected = oracle_block(world, 20, StepRule::halving);
+  expect_near(expected, distance_block(world, 20, StepRule::halving, false), 5);
 }
 
-TEST(Engine, UnsortedResidentEntriesGiveTheSameDistances) {
-  WorldShape shape;
-  shape.seed = 6;
-  shape.num_resident = 20;
-  World world = random_world(shape);
-  const std::vector<float> shuffled = distance_block(world, 1, StepRule::single, false);
-  for (Document& doc : world.resident) std::sort(doc.begin(), doc.end());
-  const std::vector<float> sorted = distance_block(world, 1, StepRule::single, false);
-  for (size_t i = 0; i < sorted.size(); ++i) EXPECT_NEAR(shuffled[i], sorted[i], 1e-4);
+TEST(Engine, InstructionSetsAgreeWithinRounding) {
+  // Dimensions and words in the hundreds, of which the dense product has whole tiles and a rest.
+  const World world = random_world({.seed = 12,
+                                    .voc_size = 1100,
+                                    .vec_size = 300,
+                                    .num_resident = 30,
+                                    .num_queries = 70,
+                                    .max_words = 60});
+  for (const Settings settings : every_setting) {
+    use_cosine = settings.cosine;
+    normalize_embeddings = settings.normalise;
+    for (const int steps : {0, 3}) {
+      std::vector<float> best;
+      on_every_instruction_set([&] {
+        const std::vector<float> Z = distance_block(world, steps, StepRule::halving, false);
+        if (best.empty()) best = Z;
+        for (size_t at = 0; at < Z.size(); ++at) ASSERT_NEAR(Z[at], best[at], 1e-3);
+      });
+    }
+  }
+  use_cosine = normalize_embeddings = false;
 }
 
 TEST(Engine, NothingToDoIsNoFailure) {
-  WorldShape shape;
-  for (const bool ground : {false, true}) {
-    for (const StepRule rule : every_rule) {
-      if (!can_run(rule)) continue;
-      World world = random_world(shape);
-      world.queries.clear();
-      EXPECT_TRUE(distance_block(world, 1, rule, ground).empty());
-      world = random_world(shape);
-      world.resident.clear();
-      EXPECT_TRUE(distance_block(world, 1, rule, ground).empty());
-      world = random_world(shape);
-      for (Document& doc : world.queries) doc.clear();
-      for (const float z : distance_block(world, 0, rule, ground)) EXPECT_NEAR(z, 1e30, 1e25);
-      world = random_world(shape);
-      for (Document& doc : world.resident) doc.clear();
-      for (const float z : distance_block(world, 1, rule, ground)) EXPECT_EQ(z, 0);
+  const World whole = random_world({});
+  World no_queries = whole, no_resident = whole, empty_queries = whole, empty_resident = whole;
+  no_queries.queries.clear();
+  no_resident.resident.clear();
+  for (Document& doc : empty_queries.queries) doc.clear();
+  for (Document& doc : empty_resident.resident) doc.clear();
+  World no_dimensions = random_world({.vec_size = 0});  // all words in one place
+  for (const StepRule rule : every_rule) {
+    if (!can_run(rule)) continue;
+    for (const bool ground : {false, true}) {
+      EXPECT_TRUE(distance_block(no_queries, 1, rule, ground).empty());
+      EXPECT_TRUE(distance_block(no_resident, 1, rule, ground).empty());
+      for (const float z : distance_block(empty_queries, 0, rule, ground)) {
+        EXPECT_NEAR(z, 1e30, 1e25);
+      }
+      for (const float z : distance_block(empty_resident, 1, rule, ground)) EXPECT_EQ(z, 0);
     }
+    for (const float z : distance_block(no_dimensions, 0, rule, false)) EXPECT_EQ(z, 0);
   }
 }
 
@@ -208,25 +149,20 @@ TEST(Engine, ZeroRowStaysZeroUnderNormalisation) {
 }
 
 TEST(Engine, WordWithoutAVectorIsFarAway) {
-  World world{{}, {NAN, 0, 3, 4, 5, 0}, {{{0, 1.0f}}}, {{{1, 1.0f}, {2, 1.0f}}}, {}, {}};
+  World world{{}, {NAN, 0, 3, 4, 6, 8}, {{{0, 1.0f}}, {{1, 1.0f}}}, {}, {}, {}};
   world.shape.voc_size = 3;
   world.shape.vec_size = 2;
-  for (const StepRule rule : every_rule) {
-    for (const bool ground : {false, true}) {
-      if (!can_run(rule)) continue;
-      EXPECT_EQ(distance_block(world, 0, rule, ground).at(0), 1e30f);
-      EXPECT_EQ(distance_block(world, 1, rule, ground).at(0), 1e30f);
-    }
-  }
-}
-
-TEST(Engine, RowsOfNoLengthAreAllInOnePlace) {
-  WorldShape shape;
-  shape.vec_size = 0;
-  const World world = random_world(shape);
+  world.queries = {{{2, 1.0f}, {1, 1.0f}}, {{2, 1.0f}, {0, 1.0f}}, {{0, 1.0f}, {2, 1.0f}}};
   for (const StepRule rule : every_rule) {
     if (!can_run(rule)) continue;
-    for (const float z : distance_block(world, 0, rule, false)) EXPECT_EQ(z, 0);
+    for (const bool ground : {false, true}) {
+      on_every_instruction_set([&] {
+        for (const int steps : {0, 1}) {
+          EXPECT_EQ(distance_block(world, steps, rule, ground),
+                    (std::vector<float>{1e30f, 0, 1e30f, 5, 1e30f, 5}));
+        }
+      });
+    }
   }
 }
 
@@ -234,35 +170,24 @@ TEST(Engine, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
   float D[] = {0, 1, 2, 0};  // D[word 0][word 1] = 1, D[word 1][word 0] = 2
   int start[] = {0, 1}, resident_word[] = {0}, query_word[] = {1};
   float weight[] = {1};
-  copy_raw_data_cpu(1, resident_word, weight, 1, start);
-  copy_ground_distances_cpu(2, D);
-  copy_raw_data2_cpu(1, query_word, weight, 1, start);
-  const bool precompute = true;
-  float plain = -1, multi = -1;
-  ed_min_vocab_cpu(&plain, 0, precompute);
-  ed_min_vocab_cpu_multi(&multi, 0, precompute);
-  remove_raw_data2_cpu();
-  remove_raw_data_cpu();
-  remove_ground_distances_cpu();
-  EXPECT_EQ(plain, 1);  // row of the vocabulary word
-  EXPECT_EQ(multi, 2);  // row of the query word
-
-  if (!can_run(StepRule::powers_of_two)) return;
-  copy_raw_data(1, resident_word, weight, 1, start);
-  copy_ground_distances(2, D);
-  copy_raw_data2(1, query_word, weight, 1, start);
-  ed_min_vocab_multi(&multi, 0, precompute);
-  remove_raw_data2();
-  remove_raw_data();
-  remove_ground_distances();
-  EXPECT_EQ(multi, 2);
+  for (const StepRule rule : every_rule) {
+    if (!can_run(rule)) continue;
+    const Engine& engine = engine_of(rule);
+    engine.copy_raw_data(1, resident_word, weight, 1, start);
+    engine.copy_ground_distances(2, D);
+    engine.copy_raw_data2(1, query_word, weight, 1, start);
+    float Z = -1;
+    const bool precompute = true;
+    function_of(rule)(&Z, 0, precompute);
+    engine.remove_raw_data2();
+    engine.remove_raw_data();
+    engine.remove_ground_distances();
+    EXPECT_EQ(Z, rule == StepRule::single ? 1 : 2);  // row of the vocabulary, else the query word
+  }
 }
 
 TEST(GroundDistances, AreTheWordDistancesOfEveryPair) {
-  WorldShape shape;
-  shape.seed = 9;
-  shape.voc_size = 600;  // several tiles, the last one partial
-  World world = random_world(shape);
+  const World world = random_world({.seed = 9, .voc_size = 600});  // the last tile is partial
   for (const Settings settings :
        {Settings{false, false}, Settings{false, true}, Settings{true, true}}) {
     use_cosine = settings.cosine;
@@ -272,7 +197,7 @@ TEST(GroundDistances, AreTheWordDistancesOfEveryPair) {
       const std::vector<float> D = ground_matrix(world, engine_of(rule));
       for (unsigned u = 0; u < 600; ++u) {
         for (unsigned v = 0; v < 600; ++v) {
-          ASSERT_NEAR(oracle_word_distance(world.embeddings.data(), shape.vec_size, u, v),
+          ASSERT_NEAR(oracle_word_distance(world.embeddings.data(), world.shape.vec_size, u, v),
                       D[u * 600 + v], u == v ? 5e-3 : 1e-4)
               << u << ", " << v;
         }
@@ -280,6 +205,28 @@ TEST(GroundDistances, AreTheWordDistancesOfEveryPair) {
     }
   }
   use_cosine = normalize_embeddings = false;
+}
+
+TEST(Pieces, OfTheCpuEngineDoWhatTheirNamesSay) {
+  // Columns of 3 values: {3, 1, 1}, {NAN, 5, 4}.  Of equal ones the upper row comes first.
+  std::vector<float> values{3, NAN, 1, 5, 1, 4}, weights{10, 20, 30}, nearest(4), behind(4);
+  topk_single(2, 3, 2, values.data(), nearest.data(), weights.data(), behind.data());
+  EXPECT_EQ(nearest, (std::vector<float>{1, 4, 1, 5}));
+  EXPECT_EQ(behind, (std::vector<float>{20, 30, 30, 20}));
+
+  std::vector<int> ind{1, 0, 1}, start{0, 2, 3}, rows{2, 0};
+  std::vector<float> left{1, 2, 3}, capacity{5, 2}, updated(3), moved(3);
+  copy_raw_data_cpu(3, ind.data(), left.data(), 2, start.data());
+  update_weights_delta(left.data(), capacity.data(), updated.data(), moved.data());
+  remove_raw_data_cpu();
+  EXPECT_EQ(moved, (std::vector<float>{1, 2, 2}));
+  EXPECT_EQ(updated, (std::vector<float>{0, 0, 1}));
+
+  std::vector<float> matrix{0, 1, 2, 10, 11, 12, 20, 21, 22}, picked(6);
+  gather_matrix_rows_cpu(2, 3, 3, matrix.data(), rows.data(), picked.data());
+  EXPECT_EQ(picked, (std::vector<float>{20, 21, 22, 0, 1, 2}));
+  gather_matrix_columns_cpu(3, 2, 3, matrix.data(), rows.data(), picked.data());
+  EXPECT_EQ(picked, (std::vector<float>{2, 0, 12, 10, 22, 20}));
 }
 
 }  // namespace

@@ -18,9 +18,7 @@
 namespace talvik::test {
 namespace {
 
-using hostdev::FaultPlan;
-
-enum class Scene { load, plain, steps, index_form, ground };
+enum class Scene { load, plain, steps, one_word, index_form, ground };
 
 struct Failure {
   Scene scene;
@@ -43,17 +41,14 @@ World small_world() {
 }
 
 void arm(const Failure& failure) {
-  FaultPlan plan;
-  plan.call = failure.call;
-  plan.skip = failure.skip;
-  plan.status = failure.status;
-  hostdev::plan_fault(plan);
+  hostdev::plan_fault({.call = failure.call, .skip = failure.skip, .status = failure.status});
 }
 
 // Gets through only if nothing fails.
 void play(const Failure& failure) {
   dup2(2, 1);  // death tests match standard error
-  const World world = small_world();
+  World world = small_world();
+  if (failure.scene == Scene::one_word) world.queries = {{{0, 1.0f}}};  // one entry: no step
   switch (failure.scene) {
     case Scene::load:
     case Scene::index_form:
@@ -62,18 +57,17 @@ void play(const Failure& failure) {
       break;
     case Scene::plain:
     case Scene::steps:
+    case Scene::one_word:
       distance_block(world, gpu_engine, false, [&](float* Z) {
         arm(failure);
-        const int steps = failure.scene == Scene::steps ? 2 : 0;
+        const int steps = failure.scene == Scene::plain ? 0 : 2;
         ed_min_vocab_multi(Z, steps, false);
       });
       break;
-    case Scene::ground: {
-      World copy = world;
-      copy_vocabulary(0, world.shape.voc_size, world.shape.vec_size, copy.embeddings.data());
+    case Scene::ground:
+      copy_vocabulary(0, world.shape.voc_size, world.shape.vec_size, world.embeddings.data());
       arm(failure);
       compute_ground_distances(nullptr);
-    }
   }
   std::exit(0);
 }
@@ -92,45 +86,30 @@ TEST_P(FailingDevice, EndsTheProcessWithItsLine) {
   EXPECT_EXIT(play(failure), testing::ExitedWithCode(1), "(^|\n)" + escaped(failure.text) + "\n");
 }
 
-std::vector<Failure> loads() {
-  std::vector<Failure> all;
-  // In the order of the calls of a run in vector form, and of one in index form.
-  int n = 0;
-  for (const char* name : {"ind", "weight", "start", "W", "RW", "X2", "weight2", "Rn2"}) {
-    all.push_back({Scene::load, "cudaMalloc", n, 2,
-                   std::string("Failed to allocate GPU memory for ") + name});
-    all.push_back({Scene::load, "cudaMemcpy", n, 1, std::string("Failed to copy ") + name});
-    ++n;
-  }
-  // Before ind2: three arrays of the resident side, two of the vocabulary, then the ground matrix,
-  // which is allocated to be computed and again to be uploaded, and copied both times.
-  n = 7;
-  for (const char* name : {"ind2", "weight2"}) {
-    all.push_back({Scene::index_form, "cudaMalloc", n, 2,
-                   std::string("Failed to allocate GPU memory for ") + name});
-    all.push_back({Scene::index_form, "cudaMemcpy", n, 1, std::string("Failed to copy ") + name});
-    ++n;
-  }
-  all.push_back(
-      {Scene::index_form, "cudaMalloc", 6, 2, "Failed to allocate GPU memory for D_ground_dev"});
-  return all;
+// The n-th of these calls to fail: one for each name, in their order, after `skip` others.
+void add(std::vector<Failure>& all, Scene scene, const char* call, int status,
+         const std::string& text, int skip, const std::vector<const char*>& names) {
+  for (const char* name : names) all.push_back({scene, call, skip++, status, text + name});
 }
 
-std::vector<Failure> computations() {
+std::vector<Failure> failures() {
+  const std::string no_memory = "Failed to allocate GPU memory for ";
+  const std::vector<const char*> loaded{"ind", "weight", "start",   "W",
+                                        "RW",  "X2",     "weight2", "Rn2"};
   std::vector<Failure> all;
-  int n = 0;
-  for (const char* name :
-       {"dp_dev", "Y_dev", "Y_dev_t", "weights_min_dev_t", "weight_updated", "weight_delta"}) {
-    const Scene scene = n < 4 ? Scene::plain : Scene::steps;
-    all.push_back(
-        {scene, "cudaMalloc", n++, 2, std::string("Failed to allocate GPU memory for ") + name});
-  }
-  n = 0;
-  for (const char* name :
-       {"Y_dev", "Y_dev_t", "weights_min_dev_t", "dp_dev", "weight_updated", "weight_delta"}) {
-    const Scene scene = n < 4 ? Scene::plain : Scene::steps;
-    all.push_back({scene, "cudaFree", n++, 1, std::string("Failed to deallocate ") + name});
-  }
+  add(all, Scene::load, "cudaMalloc", 2, no_memory, 0, loaded);
+  add(all, Scene::load, "cudaMemcpy", 1, "Failed to copy ", 0, loaded);
+  // Before ind2: three arrays of the resident side, two of the vocabulary, then the ground matrix,
+  // which is allocated to be computed and again to be uploaded, and copied both times.
+  add(all, Scene::index_form, "cudaMalloc", 2, no_memory, 6, {"D_ground_dev", "ind2", "weight2"});
+  add(all, Scene::index_form, "cudaMemcpy", 1, "Failed to copy ", 7, {"ind2", "weight2"});
+  const std::vector<const char*> plain{"dp_dev", "Y_dev", "Y_dev_t", "weights_min_dev_t"};
+  const std::vector<const char*> freed{"Y_dev", "Y_dev_t", "weights_min_dev_t", "dp_dev"};
+  const std::vector<const char*> of_steps{"weight_updated", "weight_delta"};
+  add(all, Scene::plain, "cudaMalloc", 2, no_memory, 0, plain);
+  add(all, Scene::steps, "cudaMalloc", 2, no_memory, 4, of_steps);
+  add(all, Scene::plain, "cudaFree", 1, "Failed to deallocate ", 0, freed);
+  add(all, Scene::steps, "cudaFree", 1, "Failed to deallocate ", 4, of_steps);
   const std::string sparse = "Sparse matrix-matrix multiplication failed in ";
   const std::string group = "Sparse-matrix dense-matrix multiplication failed: ";
   const std::vector<Failure> others{
@@ -143,6 +122,7 @@ std::vector<Failure> computations() {
       // 2 steps of a document of 3 entries: one step.
       {Scene::steps, "cusparseScsrmm", 0, 7, sparse + "iteration 0 7"},
       {Scene::steps, "cusparseScsrmm", 1, 6, sparse + "final iteration 6"},
+      {Scene::one_word, "cusparseScsrmm", 0, 6, sparse + "final iteration 0 6"},
       {Scene::plain, "cudaMemcpy", 0, 1, "Failed to copy start2"},
       {Scene::plain, "cudaMemcpy", 1, 1, "Failed to copy row_of_entry"},
       {Scene::plain, "cudaMemcpy", 2, 1, "Failed to copy Z"},
@@ -155,33 +135,14 @@ std::vector<Failure> computations() {
   return all;
 }
 
-INSTANTIATE_TEST_SUITE_P(Loading, FailingDevice, testing::ValuesIn(loads()));
-INSTANTIATE_TEST_SUITE_P(Computing, FailingDevice, testing::ValuesIn(computations()));
-
-TEST_F(FailingDevice, FinalProductWithoutStepsNamesIterationZero) {
-  World world = small_world();
-  world.queries = {{{0, 1.0f}}};  // one entry: no step
-  const auto run = [&] {
-    dup2(2, 1);
-    FaultPlan plan;
-    plan.call = "cusparseScsrmm";
-    plan.status = 6;
-    hostdev::plan_fault(plan);
-    distance_block(world, 1, StepRule::powers_of_two, false);
-  };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(1),
-              "Sparse matrix-matrix multiplication failed in final iteration 0 6\n");
-}
+INSTANTIATE_TEST_SUITE_P(Calls, FailingDevice, testing::ValuesIn(failures()));
 
 TEST_F(FailingDevice, TellsHowMuchMemoryThereIs) {
   const auto run = [] {
     dup2(2, 1);
-    FaultPlan plan;
-    plan.memory_limit = 1000;
-    hostdev::plan_fault(plan);
-    std::vector<float> W(20);
+    hostdev::plan_fault({.memory_limit = 1000});
+    std::vector<float> W(20), weight(300);
     std::vector<int> ind(300);
-    std::vector<float> weight(300);
     copy_vocabulary(0, 10, 2, W.data());  // 80 bytes and 40 of norms
     copy_raw_data(300, ind.data(), weight.data(), 0, ind.data());
   };
@@ -194,12 +155,9 @@ TEST_F(FailingDevice, TellsHowMuchMemoryThereIs) {
 TEST_F(FailingDevice, FailedConversionReachesTheCaller) {
   const auto run = [] {
     normalize_embeddings = true;
-    const World world = small_world();
     try {
-      distance_block(world, gpu_engine, false, [&](float* Z) {
-        FaultPlan plan;
-        plan.call = "transform_in_place";
-        hostdev::plan_fault(plan);
+      distance_block(small_world(), gpu_engine, false, [&](float* Z) {
+        hostdev::plan_fault({.call = "transform_in_place"});
         ed_min_vocab_multi(Z, 0, false);
       });
     } catch (const std::exception& error) {

@@ -52,16 +52,27 @@ std::set<std::string> names_in(const std::filesystem::path& root) {
   return names;
 }
 
-TEST(Tokenizer, LowersWordsAndDropsWhatHasNoLetter) {
-  EXPECT_EQ(tokens_of("The (Cat), 42 B2B\t1990s\nsat.  --\r\nEnd_of"),
-            (Tokens{"the", "cat", "b2b", "1990s", "sat", "end", "of"}));
-  EXPECT_EQ(tokens_of(""), Tokens{});
-  EXPECT_EQ(tokens_of(std::string_view("a\0b", 3)), (Tokens{"a", "b"}));
-}
-
-TEST(Tokenizer, CutsAtTheApostropheInsideAWordOnly) {
-  EXPECT_EQ(tokens_of("'nation's' don\u2019t rock'n'roll o'neill-smith dogs' x"),
-            (Tokens{"nation", "don", "rock", "o", "smith", "dogs", "x"}));
+TEST(Tokenizer, FindsTheWordsOfAnyText) {
+  const struct {
+    std::string_view text;
+    Tokens tokens;
+  } cases[] = {
+      {"The (Cat), 42 B2B\t1990s\nsat.  --\r\nEnd_of",
+       {"the", "cat", "b2b", "1990s", "sat", "end", "of"}},
+      {"", {}},
+      {std::string_view("a\0b", 3), {"a", "b"}},
+      // The apostrophe cuts inside a word only.
+      {"'nation's' don\u2019t rock'n'roll o'neill-smith dogs' x",
+       {"nation", "don", "rock", "o", "smith", "dogs", "x"}},
+      // Case and composition beyond ASCII; a soft hyphen is nothing.
+      {"\u00C9COLE e\u0301cole STRASSE Stra\u00DFe \u0416\u0423\u041A \u4E16\u754C co\u00ADop",
+       {"\u00E9cole", "\u00E9cole", "strasse", "stra\u00DFe", "\u0436\u0443\u043A", "\u4E16\u754C",
+        "coop"}}};
+  for (const auto& [text, tokens] : cases) EXPECT_EQ(tokens_of(text), tokens);
+  TokenRules keep;
+  keep.keep_case = true;
+  keep.min_length = 3;  // characters, not bytes
+  EXPECT_EQ(tokens_of("Paris E\u0301cole \u00E9\u00E9 ab", keep), (Tokens{"Paris", "\u00C9cole"}));
 }
 
 TEST(Tokenizer, KeepsACompoundThatTheVocabularyHas) {
@@ -73,16 +84,6 @@ TEST(Tokenizer, KeepsACompoundThatTheVocabularyHas) {
             (Tokens{"well-known", "mid-1990s", "pre", "war", "no", "where", "end"}));
   EXPECT_EQ(tokens_of(text),
             (Tokens{"well", "known", "mid", "1990s", "pre", "war", "no", "where", "end"}));
-}
-
-TEST(Tokenizer, FoldsCaseAndComposesBeyondAscii) {
-  EXPECT_EQ(tokens_of("\u00C9COLE e\u0301cole STRASSE Stra\u00DFe \u0416\u0423\u041A \u4E16\u754C"),
-            (Tokens{"\u00E9cole", "\u00E9cole", "strasse", "stra\u00DFe", "\u0436\u0443\u043A",
-                    "\u4E16\u754C"}));
-  EXPECT_EQ(tokens_of("co\u00ADoperate"), Tokens{"cooperate"});  // soft hyphen
-  TokenRules keep;
-  keep.keep_case = true;
-  EXPECT_EQ(tokens_of("Paris E\u0301cole", keep), (Tokens{"Paris", "\u00C9cole"}));
 }
 
 TEST(Tokenizer, CountsInvalidAndCutSequencesOnceEach) {
@@ -98,20 +99,13 @@ TEST(Tokenizer, CountsInvalidAndCutSequencesOnceEach) {
   EXPECT_EQ(replaced, 1);
 }
 
-TEST(Tokenizer, MinimumLengthCountsCharacters) {
-  TokenRules rules;
-  rules.min_length = 3;
-  EXPECT_EQ(tokens_of("\u00E9\u00E9 \u00E9\u00E9\u00E9 ab abc", rules),
-            (Tokens{"\u00E9\u00E9\u00E9", "abc"}));
-}
-
 TEST(Tokenizer, TokensSurviveTheCorpusReader) {
-  const std::string text =
-      "Mr. O'Brien's \"well-known\" e.g. (co-op) \u2018quoted\u2019 semi;colon a:b x,y (((z";
   std::string line;
   VocabularyMap vocabulary;
-  for (const std::string& token : tokens_of(text)) {
-    line += (line.empty() ? "" : " ") + token;
+  for (const std::string& token :
+       tokens_of("Mr. O'Brien's \"well-known\" e.g. (co-op) \u2018quoted\u2019 "
+                 "semi;colon a:b x,y (((z")) {
+    line += token + " ";
     vocabulary.emplace(token, static_cast<int>(vocabulary.size()));
   }
   Document document;
@@ -213,42 +207,28 @@ TEST_F(Prepare, JsonLinesGiveTheirOwnIds) {
 }
 
 TEST_F(Prepare, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
-  const std::string tsv = dir_ / "in.tsv", jsonl = dir_ / "in.jsonl";
-  EXPECT_EQ(error_for("in.tsv", "a\tone\nno tab\n"), tsv + ":2: no tab between label and text");
-  EXPECT_EQ(error_for("in.tsv", "a\tone\n../b\ttwo\n"),
-            tsv + ":2: the class name \"../b\" holds a path separator");
-  EXPECT_EQ(error_for("in.tsv", "..\ttwo\n"),
-            tsv + ":1: the class name \"..\" cannot name a directory");
-  EXPECT_EQ(error_for("in.tsv", " \t\n\ttwo\n"), tsv + ":2: the class name \"\" is empty");
-  EXPECT_EQ(error_for("in.tsv", std::string("\0\1\t", 3)),
-            tsv + ":1: the class name holds a control character");
-  EXPECT_EQ(error_for("in.tsv", std::string(256, 'x') + "\t"),
-            tsv + ":1: the class name is longer than 255 bytes");
-  EXPECT_EQ(error_for("in.tsv", ""), tsv + ": holds no documents");
-  EXPECT_EQ(error_for("in.tsv", "a\t123 ...\n"), tsv + ": no document has a token");
-  EXPECT_EQ(error_for("in.jsonl", "{\"label\":\"a\",\"text\":\"b\"}\n{\"label\":\n"),
-            jsonl + ":2: no valid JSON at byte 10");
-  EXPECT_EQ(error_for("in.jsonl", "[]\n"), jsonl + ":1: not a JSON object");
-  EXPECT_EQ(error_for("in.jsonl", "{\"label\":\"a\"}\n"), jsonl + ":1: no \"text\"");
-  EXPECT_EQ(error_for("in.jsonl", "{\"label\":[1],\"text\":\"b\"}\n"),
-            jsonl + ":1: \"label\" is neither a text nor a whole number");
+  const std::pair<std::string, std::string> tsv[] = {
+      {"a\tone\nno tab\n", ":2: no tab between label and text"},
+      {"a\tone\n../b\ttwo\n", ":2: the class name \"../b\" holds a path separator"},
+      {"..\ttwo\n", ":1: the class name \"..\" cannot name a directory"},
+      {" \t\n\ttwo\n", ":2: the class name \"\" is empty"},
+      {std::string("\0\1\t", 3), ":1: the class name holds a control character"},
+      {std::string(256, 'x') + "\t", ":1: the class name is longer than 255 bytes"},
+      {"", ": holds no documents"},
+      {"a\t123 ...\n", ": no document has a token"}};
+  for (const auto& [text, error] : tsv) {
+    EXPECT_EQ(error_for("in.tsv", text), dir_ / "in.tsv" + error);
+  }
+  const std::pair<std::string, std::string> jsonl[] = {
+      {"{\"label\":\"a\",\"text\":\"b\"}\n{\"label\":\n", ":2: no valid JSON at byte 10"},
+      {"[]\n", ":1: not a JSON object"},
+      {"{\"label\":\"a\"}\n", ":1: no \"text\""},
+      {"{\"label\":[1],\"text\":\"b\"}\n", ":1: \"label\" is neither a text nor a whole number"}};
+  for (const auto& [text, error] : jsonl) {
+    EXPECT_EQ(error_for("in.jsonl", text), dir_ / "in.jsonl" + error);
+  }
   EXPECT_EQ(error_of([&] { prepare_corpus(options("missing")); }),
             dir_ / "missing" + ": No such file or directory");
-}
-
-TEST_F(Prepare, ANameAloneIsAnOutputInTheWorkingDirectory) {
-  write_file(dir_ / "in.tsv", "a\tone\n");
-  const auto before = std::filesystem::current_path();
-  std::filesystem::current_path(dir_.path());
-  PrepareOptions here;
-  here.input = "in.tsv";
-  here.output = "out";
-  EXPECT_EQ(error_of([&] { prepare_corpus(here); }), "");
-  std::filesystem::current_path(before);
-  EXPECT_EQ(names_in(dir_ / "out"), (std::set<std::string>{"a", "a/1", "documents.tsv"}));
-}
-
-TEST_F(Prepare, AnOutputThatHoldsSomethingStaysAsItIs) {
   write_file(dir_ / "in.tsv", "a\tone\n");
   write_file(dir_ / "out/precious", "kept");
   EXPECT_EQ(error_of([&] { prepare_corpus(options("in.tsv")); }),
@@ -339,22 +319,22 @@ TEST_F(Convert, ReadsCompressedInputAndNoticesItsEnd) {
 }
 
 TEST_F(Convert, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
-  EXPECT_EQ(error_for(""), ": is empty");
-  EXPECT_EQ(error_for("3 2\na 1 2\nb 3 4\n"), ": the header announces 3 words, the file holds 2");
-  EXPECT_EQ(error_for("1 2\na 1 2\nb 3 4\n"),
-            ":3: a row more than the 1 that the header announces");
-  EXPECT_EQ(error_for("2 2\na 1 2\nb 3\n"), ":3: 1 numbers, 2 were expected");
-  EXPECT_EQ(error_for("2 999999999999\na 1 2\n"),
-            ":2: 2 numbers, the header announces 999999999999");
-  EXPECT_EQ(error_for("a 1 2\nb 3 4 5\n"), ":2: more than 2 numbers");
-  EXPECT_EQ(error_for("a 1 2\nb 3 4x\n"), ":2: \"4x\" is not a number");
-  EXPECT_EQ(error_for("a 1 2\nb nan 4\n"), ":2: \"nan\" is not a finite 32-bit number");
-  EXPECT_EQ(error_for("a 1 2\nb 1e39 4\n"), ":2: \"1e39\" is not a finite 32-bit number");
-  EXPECT_EQ(error_for("a 1 2\n\nb 1 4\n"), ":2: an empty line");
-  EXPECT_EQ(error_for("no numbers here\n"), ":1: no word followed by numbers");
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ": is empty"},
+      {"3 2\na 1 2\nb 3 4\n", ": the header announces 3 words, the file holds 2"},
+      {"1 2\na 1 2\nb 3 4\n", ":3: a row more than the 1 that the header announces"},
+      {"2 2\na 1 2\nb 3\n", ":3: 1 numbers, 2 were expected"},
+      {"2 999999999999\na 1 2\n", ":2: 2 numbers, the header announces 999999999999"},
+      {"a 1 2\nb 3 4 5\n", ":2: more than 2 numbers"},
+      {"a 1 2\nb 3 4x\n", ":2: \"4x\" is not a number"},
+      {"a 1 2\nb nan 4\n", ":2: \"nan\" is not a finite 32-bit number"},
+      {"a 1 2\nb 1e39 4\n", ":2: \"1e39\" is not a finite 32-bit number"},
+      {"a 1 2\n\nb 1 4\n", ":2: an empty line"},
+      {"no numbers here\n", ":1: no word followed by numbers"},
+      {embedding_bytes({{"a", {0.1f, 2e-5f}}, {"b", {3, 4}}}),
+       ": is an embedding file already (2 words, 2 dimensions)"}};
+  for (const auto& [text, error] : cases) EXPECT_EQ(error_for(text), error);
   EXPECT_EQ(error_for("a 1 2\n", VectorFormat::with_header).substr(0, 15), ":1: no header o");
-  EXPECT_EQ(error_for(embedding_bytes({{"a", {0.1f, 2e-5f}}, {"b", {3, 4}}})),
-            ": is an embedding file already (2 words, 2 dimensions)");
 }
 
 TEST_F(Convert, AnEarlierOutputSurvivesAFailure) {

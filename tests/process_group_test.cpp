@@ -13,37 +13,29 @@ namespace {
 
 const auto* const environment = testing::AddGlobalTestEnvironment(new test::ProcessGroup);
 
-TEST(Identity, StartingTwiceGivesTheSamePlaceAndItsLine) {
-  int rank = -1, size = -1, local_rank = -1, local_size = -1;
+TEST(Identity, ComesFromTheLauncherAndIsPrinted) {
+  int rank = -1, mpi_rank = -1, size = -1, local_rank = -1, local_size = -1;
   testing::internal::CaptureStdout();
-  init_mpi(&rank, &size, &local_rank, &local_size);
+  init_mpi(&rank, &size, &local_rank, &local_size);  // a second time
   const std::string line = testing::internal::GetCapturedStdout();
-
   char node[MPI_MAX_PROCESSOR_NAME] = "";
   int length = 0;
   MPI_Get_processor_name(node, &length);
-  EXPECT_EQ(line, "Process " + std::to_string(rank) + " of " + std::to_string(size) + " is on " +
-                      node + " (local id: " + std::to_string(local_rank) +
+  MPI_Comm_rank(MPI_COMM_WORLD, &mpi_rank);
+  EXPECT_EQ(line, "Process " + std::to_string(mpi_rank) + " of " + std::to_string(size) +
+                      " is on " + node + " (local id: " + std::to_string(local_rank) +
                       ", local procs: " + std::to_string(local_size) + ")\n");
   EXPECT_EQ((std::vector{rank, size, local_rank, local_size}),
             (std::vector{myid, num_procs, local_id, num_local_procs}));
-  int mpi_rank = -1;
-  MPI_Comm_rank(MPI_COMM_WORLD, &mpi_rank);
-  EXPECT_EQ(rank, mpi_rank);
-}
 
-TEST(Identity, TheLauncherNamesThePlaceOnTheNode) {
-  int rank = -1, size = -1, local_rank = -1, local_size = -1;
   setenv("OMPI_COMM_WORLD_LOCAL_RANK", " +5th", 1);
   setenv("OMPI_COMM_WORLD_LOCAL_SIZE", "12", 1);
   init_mpi(&rank, &size, &local_rank, &local_size);
-  EXPECT_EQ(local_rank, 5);
-  EXPECT_EQ(local_size, 12);
+  EXPECT_EQ((std::vector{local_rank, local_size}), (std::vector{5, 12}));
   unsetenv("OMPI_COMM_WORLD_LOCAL_RANK");
   unsetenv("OMPI_COMM_WORLD_LOCAL_SIZE");
   init_mpi(&rank, &size, &local_rank, &local_size);
-  EXPECT_EQ(local_rank, 0);
-  EXPECT_EQ(local_size, 1);
+  EXPECT_EQ((std::vector{local_rank, local_size}), (std::vector{0, 1}));
 }
 
 TEST(Collectives, ReductionsReachEveryProcess) {

@@ -2,9 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>  // geteuid
 
-#include <cstdlib>
+#include <cmath>
 #include <fstream>
-#include <limits>
 
 #include "input_checks.hpp"
 #include "load_corpus.hpp"
@@ -49,23 +48,17 @@ std::string written(const NeighbourLists& lists, bool skip_first, Format format,
 const NeighbourLists two_lists{2, 2, {1, 0, 0, 1}, {0.73182f, 2.0f / 3, 0.0f, 1e30f}};
 const LabelList query_ids{5, 6}, resident_ids{10, 18446744073709551615ul};
 
-TEST(ResultFile, LibraryLinesCarrySixDigitsAndIdentifiers) {
-  EXPECT_EQ(written({1, 2, {1, 0}, {0.73182f, 2.0f}}, false, Format::library,
-                    {&query_ids, &resident_ids}),
-            "\"5\", \"18446744073709551615\", \"0.731820\"\n\"5\", \"10\", \"2.000000\"\n");
-}
-
-TEST(ResultFile, TabbedAndJsonLinesCarryRankAndNineDigits) {
+TEST(ResultFile, EveryFormatHasItsLines) {
   EXPECT_EQ(written(two_lists, false, Format::tsv, {}),
             "query\tneighbour\trank\tdistance\n0\t1\t1\t0.731819987\n0\t0\t2\t0.666666687\n"
             "1\t0\t1\t0\n1\t1\t2\t1.00000002e+30\n");
+  const DocumentNames names{&query_ids, &resident_ids};
+  EXPECT_EQ(written({1, 2, {1, 0}, {0.73182f, 2.0f}}, false, Format::library, names),
+            "\"5\", \"18446744073709551615\", \"0.731820\"\n\"5\", \"10\", \"2.000000\"\n");
   // The query itself stands first in a self run: ranks count from the entry after it.
-  EXPECT_EQ(
-      written({1, 2, {0, 1}, {0, 0.5f}}, true, Format::jsonl, {&query_ids, &resident_ids}),
-      "{\"query\": 5, \"neighbour\": 18446744073709551615, \"rank\": 1, \"distance\": 0.5}\n");
-  EXPECT_EQ(
-      written({1, 1, {0}, {std::numeric_limits<float>::quiet_NaN()}}, false, Format::jsonl, {}),
-      "{\"query\": 0, \"neighbour\": 0, \"rank\": 1, \"distance\": null}\n");
+  EXPECT_EQ(written({1, 3, {0, 1, 0}, {0, 0.5f, NAN}}, true, Format::jsonl, names),
+            "{\"query\": 5, \"neighbour\": 18446744073709551615, \"rank\": 1, \"distance\": 0.5}\n"
+            "{\"query\": 5, \"neighbour\": 10, \"rank\": 2, \"distance\": null}\n");
 }
 
 TEST(SelfRun, TheQueryComesFirstAndTheOthersKeepTheirOrder) {
@@ -99,41 +92,6 @@ TEST(Npy, HeaderIsAlignedAndStatesTheShape) {
   EXPECT_EQ(header.back(), '\n');
 }
 
-TEST(Npy, ShardsOfEitherSplitJoinToTheSameMatrix) {
-  const TempDir dir;
-  const auto save = [&](const std::string& name, const auto& write) {
-    OutputFile file(dir / name);
-    write(file);
-    file.commit();
-    return read_file(dir / name);
-  };
-  const std::vector<float> whole{0, 1, 2, 10, 11, 12};  // 2 x 3
-  const std::string expected =
-      save("whole", [&](OutputFile& file) { write_npy(file, whole.data(), 2, 3); });
-  EXPECT_EQ(expected.size(), 128 + 6 * sizeof(float));
-
-  save("r0", [&](OutputFile& file) { write_npy(file, whole.data(), 1, 3); });
-  save("r1", [&](OutputFile& file) { write_npy(file, nullptr, 0, 3); });
-  save("r2", [&](OutputFile& file) { write_npy(file, whole.data() + 3, 1, 3); });
-  EXPECT_EQ(save("rows",
-                 [&](OutputFile& file) {
-                   merge_npy(file, {{dir / "r0", 1, 3}, {dir / "r1", 0, 3}, {dir / "r2", 1, 3}},
-                             Join::one_below_the_other);
-                 }),
-            expected);
-
-  const std::vector<float> left{0, 10}, right{1, 11, 2, 12};  // a row per resident document
-  save("c0", [&](OutputFile& file) { write_npy_transposed(file, left.data(), 1, 2); });
-  save("c1", [&](OutputFile& file) { write_npy_transposed(file, right.data(), 2, 2); });
-  save("c2", [&](OutputFile& file) { write_npy_transposed(file, nullptr, 0, 2); });
-  EXPECT_EQ(save("columns",
-                 [&](OutputFile& file) {
-                   merge_npy(file, {{dir / "c0", 2, 1}, {dir / "c1", 2, 2}, {dir / "c2", 2, 0}},
-                             Join::side_by_side);
-                 }),
-            expected);
-}
-
 TEST(OutputFile, AppearsOnlyWhenItIsWhole) {
   const TempDir dir;
   write_file(dir / "result", "old");
@@ -141,79 +99,72 @@ TEST(OutputFile, AppearsOnlyWhenItIsWhole) {
     OutputFile abandoned(dir / "result");
     abandoned.write("half");
   }
-  EXPECT_EQ(read_file(dir / "result"), "old");
   OutputFile file(dir / "result");
   file.write("whole");
   EXPECT_EQ(read_file(dir / "result"), "old");
   file.commit();
   EXPECT_EQ(read_file(dir / "result"), "whole");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
-}
-
-TEST(OutputFile, RefusesWhatARenameWouldReplace) {
-  const TempDir dir;
+  // What a rename would replace is refused.
   EXPECT_EQ(error_of([&] { OutputFile file(dir.path()); }),
             dir.path().string() + ": is a directory, the name of a result file was expected");
   EXPECT_EQ(error_of([] { OutputFile file("/dev/null"); }),
             "/dev/null: exists and is not a regular file");
-  EXPECT_EQ(error_of([&] { OutputFile file(dir / "none/result"); }),
-            (dir / "none/result") + ": cannot be created: No such file or directory");
 }
 
 TEST(OutputFile, WhatIsDiscardedTakesNoSpace) {
   const TempDir dir;
-  const std::string path = dir / "lists";
-  write_file(path, "of an earlier run");
-  make_discarded(path);
-  std::ofstream(path) << "of this one";
-  EXPECT_EQ(read_file(path), "");
-  EXPECT_EQ(error_of([&] { make_discarded(dir / "none/lists"); }),
-            (dir / "none/lists") + ": cannot be created: No such file or directory");
+  write_file(dir / "lists", "of an earlier run");
+  make_discarded(dir / "lists");
+  std::ofstream(dir / "lists") << "of this one";
+  EXPECT_EQ(read_file(dir / "lists"), "");
+}
+
+// What the check of a file says, without its path.
+template <class Check>
+std::string defect(const std::string& bytes, const Check& check) {
+  const TempDir dir;
+  const std::string path = dir / "file";
+  write_file(path, bytes);
+  const std::string text = error_of([&] { check(path); });
+  return text.substr(text.find(path) == 0 ? path.size() + 2 : 0);
 }
 
 TEST(EmbeddingCheck, EveryDefectIsNamedWithItsPlace) {
-  const TempDir dir;
-  const std::string path = dir / "words.bin";
-  const auto found = [&](const std::string& bytes) {
-    write_file(path, bytes);
-    const std::string text = error_of([&] { check_embedding_file(path); });
-    return text.substr(text.find(path) == 0 ? path.size() + 2 : 0);
-  };
-  const std::vector<WordVector> good{
-      {"cat", {0.5f, 0.25f}}, {"dog", {0, 0}}, {"g\xc3\xa4ns", {1, 2}}};
-  const std::string bytes = embedding_bytes(good);
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-
-  EXPECT_EQ(found(bytes), "no error");
-  EXPECT_EQ(found(""), "is empty");
-  EXPECT_EQ(found("cat 0.1 0.2\n"),
-            "does not begin with two integers, records and floats per vector (talvik convert makes "
-            "embedding files from text)");
-  EXPECT_EQ(found("0 2\n"), "the header announces 0 records of 2 floats");
-  EXPECT_EQ(found("4000000000000000000 4000000000000000000" + bytes.substr(3)),
-            "the header announces 4000000000000000000 records of 4000000000000000000 floats, which "
-            "do not fit into the file's 81 bytes (cut short, or a wrong header)");
-  EXPECT_EQ(found(bytes.substr(0, bytes.size() - 2)), "ends within record 3 of 3");
-  EXPECT_EQ(found("2 2\ncat 0.1 0.2\ndog 0.3 0.4\n"),
-            "is a text file (talvik convert makes an embedding file of it)");
-  EXPECT_EQ(found(embedding_bytes({{"cat", {1, 2}}, {"dog", {0, nan}}})),
-            "value 2 of record 2, word 'dog', is not a finite number");
-  EXPECT_EQ(found(embedding_bytes({{"cat", {1, 2}}, {"cat", {3, 4}}})),
-            "records 1 and 2 are of the same word 'cat'");
+  const std::string bytes =
+      embedding_bytes({{"cat", {0.5f, 0.25f}}, {"dog", {0, 0}}, {"g\xc3\xa4ns", {1, 2}}});
   std::string shorter = bytes;  // one float less than there are
   shorter[2] = '1';
-  EXPECT_EQ(
-      found(shorter),
-      "the word of record 2, '\\x00\\x00\uFFFD>\\x0adog', holds a line break (a wrong header?)");
   // Bytes turned round: 0.5 reads as 8.8e-44, 0.25 as 4.6e-41.
   std::string swapped = "1 2\ncat ";
   for (const float value : {0.5f, 0.25f}) {
     const std::string record = embedding_record({"", {value}});
     swapped.append(record.rbegin(), record.rend() - 1);
   }
-  EXPECT_EQ(found(swapped),
-            "the values of record 1, word 'cat', are implausible (magnitude 4.6e-41): the floats "
-            "must be little-endian");
+  const std::pair<std::string, std::string> cases[] = {
+      {bytes, "no error"},
+      {"", "is empty"},
+      {"cat 0.1 0.2\n",
+       "does not begin with two integers, records and floats per vector (talvik convert makes "
+       "embedding files from text)"},
+      {"0 2\n", "the header announces 0 records of 2 floats"},
+      {"4000000000000000000 4000000000000000000" + bytes.substr(3),
+       "the header announces 4000000000000000000 records of 4000000000000000000 floats, which do "
+       "not fit into the file's 81 bytes (cut short, or a wrong header)"},
+      {bytes.substr(0, bytes.size() - 2), "ends within record 3 of 3"},
+      {"2 2\ncat 0.1 0.2\ndog 0.3 0.4\n",
+       "is a text file (talvik convert makes an embedding file of it)"},
+      {embedding_bytes({{"cat", {1, 2}}, {"dog", {0, NAN}}}),
+       "value 2 of record 2, word 'dog', is not a finite number"},
+      {embedding_bytes({{"cat", {1, 2}}, {"cat", {3, 4}}}),
+       "records 1 and 2 are of the same word 'cat'"},
+      {shorter,
+       "the word of record 2, '\\x00\\x00\uFFFD>\\x0adog', holds a line break (a wrong header?)"},
+      {swapped,
+       "the values of record 1, word 'cat', are implausible (magnitude 4.6e-41): the floats must "
+       "be little-endian"}};
+  for (const auto& [file, expected] : cases)
+    EXPECT_EQ(defect(file, check_embedding_file), expected);
 }
 
 TEST(EmbeddingCheck, CountsZeroRowsAndWhatFollowsTheLastRecord) {
@@ -232,33 +183,26 @@ TEST(EmbeddingCheck, CountsZeroRowsAndWhatFollowsTheLastRecord) {
 }
 
 TEST(IdxCheck, EveryDefectIsNamed) {
-  const TempDir dir;
-  const std::string path = dir / "images";
-  const auto found = [&](const std::string& bytes, bool images = true) {
-    write_file(path, bytes);
-    const std::string text =
-        error_of([&] { images ? check_idx_images(path) : check_idx_labels(path); });
-    return text.substr(text.find(path) == 0 ? path.size() + 2 : 0);
-  };
   const std::string image = test::idx_image({{1, 1, 9}});
-  EXPECT_EQ(found(test::idx_image_header(1) + image), "no error");
-  EXPECT_EQ(found(test::idx_label_header(2) + "ab", false), "no error");
-  EXPECT_EQ(found(""), "is empty");
-  EXPECT_EQ(found("short"), "holds 5 bytes, less than an IDX header of 16");
-  EXPECT_EQ(found(test::idx_label_header(2) + "abcdefgh"),
-            "not an IDX image file (begins with 00000801, not 00000803)");
-  EXPECT_EQ(found(std::string("\x01\x08\0\0\x02\0\0\0ab", 10), false),
+  const std::string no_image = "not an IDX image file (begins with ";
+  const std::pair<std::string, std::string> cases[] = {
+      {test::idx_image_header(1) + image, "no error"},
+      {"", "is empty"},
+      {"short", "holds 5 bytes, less than an IDX header of 16"},
+      {test::idx_label_header(2) + "abcdefgh", no_image + "00000801, not 00000803)"},
+      {std::string("\x1f\x8b\x08\0", 4) + std::string(20, 'x'),
+       no_image + "1f8b0800, not 00000803): it is compressed with gzip"},
+      {test::idx_image_header(1, 32, 32) + image,
+       "holds images of 32 x 32 pixels, 28 x 28 were expected"},
+      {test::idx_image_header(4000000000u) + image,
+       "the header announces 4000000000 images, which need 3136000000016 bytes; the file holds "
+       "800"},
+      {test::idx_image_header(0), "holds no images"}};
+  for (const auto& [file, expected] : cases) EXPECT_EQ(defect(file, check_idx_images), expected);
+  EXPECT_EQ(defect(test::idx_label_header(2) + "ab", check_idx_labels), "no error");
+  EXPECT_EQ(defect(std::string("\x01\x08\0\0\x02\0\0\0ab", 10), check_idx_labels),
             "not an IDX label file (begins with 01080000, not 00000801): its header must be "
             "big-endian");
-  EXPECT_EQ(
-      found(std::string("\x1f\x8b\x08\0", 4) + std::string(20, 'x')),
-      "not an IDX image file (begins with 1f8b0800, not 00000803): it is compressed with gzip");
-  EXPECT_EQ(found(test::idx_image_header(1, 32, 32) + image),
-            "holds images of 32 x 32 pixels, 28 x 28 were expected");
-  EXPECT_EQ(found(test::idx_image_header(4000000000u) + image),
-            "the header announces 4000000000 images, which need 3136000000016 bytes; the file "
-            "holds 800");
-  EXPECT_EQ(found(test::idx_image_header(0)), "holds no images");
 }
 
 TEST(CorpusList, OrderIsByClassAndNumberWhateverTheFileSystem) {

@@ -3,8 +3,6 @@
 #ifndef TALVIK_TESTS_DEVICE_HPP
 #define TALVIK_TESTS_DEVICE_HPP
 
-#include <string>
-
 #ifndef TALVIK_DEVICE_CUDA
 #include "libwmd/platform/hostdev_control.hpp"
 #endif
@@ -15,9 +13,7 @@ namespace talvik::test {
 
 inline constexpr bool device_is_emulated = false;
 
-inline int allocations() { return 0; }
 inline bool nothing_is_held() { return true; }
-inline long long calls_of(const std::string&) { return 0; }
 inline void set_devices(int) {}
 inline int device_in_use() { return -1; }
 
@@ -25,11 +21,9 @@ inline int device_in_use() { return -1; }
 
 inline constexpr bool device_is_emulated = true;
 
-inline int allocations() { return static_cast<int>(hostdev::live_allocations()); }
 inline bool nothing_is_held() {
   return hostdev::live_allocations() == 0 && hostdev::live_handles() == 0;
 }
-inline long long calls_of(const std::string& call) { return hostdev::call_count(call); }
 inline void set_devices(int count) { hostdev::set_device_count(count); }
 inline int device_in_use() { return hostdev::selected_device(); }
 

@@ -2,6 +2,9 @@
 #ifndef TALVIK_TESTS_ENGINE_HPP
 #define TALVIK_TESTS_ENGINE_HPP
 
+#include <gtest/gtest.h>
+
+#include <cmath>
 #include <vector>
 
 #include "support/oracle.hpp"
@@ -122,14 +125,29 @@ std::vector<float> distance_block(const World& world, const Engine& engine, bool
   return Z;
 }
 
+/// The function that computes by a rule.
+inline auto function_of(StepRule rule) {
+  return rule == StepRule::single    ? ed_min_vocab_cpu
+         : rule == StepRule::halving ? ed_min_vocab_cpu_multi
+                                     : ed_min_vocab_multi;
+}
+
 /// The same by the function of a rule.
 inline std::vector<float> distance_block(const World& world, int steps, StepRule rule,
                                          bool ground) {
-  const auto compute = rule == StepRule::single    ? ed_min_vocab_cpu
-                       : rule == StepRule::halving ? ed_min_vocab_cpu_multi
-                                                   : ed_min_vocab_multi;
   return distance_block(world, engine_of(rule), ground,
-                        [&](float* Z) { compute(Z, steps, ground); });
+                        [&](float* Z) { function_of(rule)(Z, steps, ground); });
+}
+
+/// Distances reach the oracle within float rounding; squared distances near 0 lose half of their
+/// digits in sqrt(|a.a + b.b - 2 a.b|).
+inline void expect_near(const std::vector<double>& expected, const std::vector<float>& Z,
+                        size_t num_resident) {
+  ASSERT_EQ(expected.size(), Z.size());
+  for (size_t at = 0; at < Z.size(); ++at) {
+    ASSERT_NEAR(expected[at], Z[at], 2e-3 + 1e-5 * std::fabs(expected[at]))
+        << "resident " << at % num_resident << ", query " << at / num_resident;
+  }
 }
 
 }  // namespace talvik::test

@@ -7,6 +7,7 @@
 #include <numeric>
 #include <vector>
 
+#include "support/world.hpp"
 #include "talvik.hpp"
 
 namespace talvik::test {
@@ -84,6 +85,18 @@ inline double oracle_distance(const std::vector<float>& embeddings, int vec_size
   return oracle_distance(resident, query, delta_iterations, rule, [&](unsigned a, unsigned b) {
     return oracle_word_distance(embeddings.data(), vec_size, a, b);
   });
+}
+
+/// The whole block Z[query * resident documents + resident] under the current settings.
+inline std::vector<double> oracle_block(const World& world, int delta_iterations, StepRule rule) {
+  std::vector<double> Z;
+  for (const Document& query : world.queries) {
+    for (const Document& resident : world.resident) {
+      Z.push_back(oracle_distance(world.embeddings, world.shape.vec_size, resident, query,
+                                  delta_iterations, rule));
+    }
+  }
+  return Z;
 }
 
 }  // namespace talvik::test

@@ -32,13 +32,11 @@ class ProcessGroup : public testing::Environment {
   void TearDown() override { finalize_mpi(); }
 };
 
-/// A path for the running test that all processes of the job share and no other job has.
+/// A path that all processes of the job share and no other job has.
 inline std::string scratch_path(const std::string& name) {
   int job = static_cast<int>(getpid());
   broadcast_mpi(&job, sizeof(job), 0);
-  const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
-  return std::filesystem::temp_directory_path() /
-         ("talvik." + std::to_string(job) + "." + test + "." + name);
+  return std::filesystem::temp_directory_path() / ("talvik." + std::to_string(job) + "." + name);
 }
 
 /// The text of a file, which is then removed; "(no file)" without one.
@@ -131,32 +129,36 @@ struct Free {
 /// A matrix that the library hands over.
 using OwnedMatrix = std::unique_ptr<float[], Free>;
 
-/// Batches that batch_finished reported, with their lists.
-struct SeenBatches {
-  std::vector<int> first_query, num_queries, end_query, k;
-  std::vector<int> neighbours;
-  std::vector<float> distances;
-};
-
-/// Collects what batch_finished reports as long as it lives.
+/// Collects the batches that batch_finished reports as long as it lives.
 class BatchWatch {
  public:
   BatchWatch() {
-    batch_finished_context = &seen;
+    batch_finished_context = this;
     batch_finished = [](const BatchResult& batch, void* context) {
-      auto& to = *static_cast<SeenBatches*>(context);
-      to.first_query.push_back(batch.first_query);
-      to.num_queries.push_back(batch.num_queries);
-      to.end_query.push_back(batch.end_query);
-      to.k.push_back(batch.k);
+      auto& to = *static_cast<BatchWatch*>(context);
+      to.batches.push_back(batch);
       if (!batch.neighbours) return;
       const int entries = batch.num_queries * batch.k;
       to.neighbours.insert(to.neighbours.end(), batch.neighbours, batch.neighbours + entries);
-      to.distances.insert(to.distances.end(), batch.distances, batch.distances + entries);
     };
   }
   ~BatchWatch() { batch_finished = nullptr, batch_finished_context = nullptr; }
-  SeenBatches seen;
+
+  /// What was reported must be queries first .. first + count - 1 in their order, with lists of k.
+  void expect_batches(int first, int count, int k) const {
+    int next = first;
+    for (const BatchResult& batch : batches) {
+      EXPECT_EQ(batch.first_query, next);
+      EXPECT_EQ(batch.end_query, first + count);
+      EXPECT_EQ(batch.k, k);
+      next += batch.num_queries;
+    }
+    EXPECT_EQ(next, first + count);
+    EXPECT_EQ(neighbours.size(), static_cast<size_t>(count) * static_cast<size_t>(k));
+  }
+
+  std::vector<BatchResult> batches;  // their lists are gone
+  std::vector<int> neighbours;
 };
 
 }  // namespace talvik::test
