@@ -44,7 +44,8 @@ constexpr int text_dimensions = 300;  // which product multiplies words depends 
 
 std::string kernels_in_use() {
   return std::string("own loops ") + instruction_set() + ", OpenBLAS " + openblas_get_corename() +
-         ", engine's dense product " + internal::dense_product_kernel(text_dimensions);
+         ", engine's dense product " +
+         internal::name_of_kernel(internal::product_scratch(text_dimensions));
 }
 
 void print_context() {

@@ -31,8 +31,8 @@ void two_way_figures(const Options& options, Table& table);
 // --- Processes of their own; to come before what starts MPI.
 
 /// Peak memory, and the times with limited instruction sets.
-/// @return false where an instruction set gives other distances than rounding explains
-bool engine_process_figures(const Options& options, Table& table);
+/// Throws where an instruction set gives other distances than rounding explains.
+void engine_process_figures(const Options& options, Table& table);
 void rank_figures(const Options& options, Table& table);
 
 }  // namespace talvik::bench

@@ -305,6 +305,9 @@ def blas_name():
 def main():
     if not blas_name():
         sys.exit("bench/peers: NumPy runs without OpenBLAS: apt-get install libopenblas0-pthread")
+    unknown = set(sys.argv[1:]) - set(CASES)
+    if unknown:
+        sys.exit(f"bench/peers: no data called {', '.join(sorted(unknown))}: {', '.join(CASES)}")
     checks = Checks()
     done = []
     for name in sys.argv[1:] or CASES:

@@ -56,7 +56,7 @@ void time_parts(const Collections& collections, const World& world, const std::s
     setup_raw_data(collections.resident, 0, world.num_resident, rows.ind.data(), rows.start.data(),
                    rows.weight.data());
     internal::compress_words(
-        collections.voc_size, collections.embeddings.data(), collections.vec_size,
+        collections.voc_size, collections.embeddings.data(), collections.vec_size, num_cpu_threads,
         [&](const auto& body) { std::for_each(rows.ind.begin(), rows.ind.end(), body); });
   });
   std::unique_ptr<LoadedResident> resident;

@@ -6,7 +6,6 @@
 
 #include <cmath>
 #include <random>
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -30,7 +29,7 @@ void expect_products(int num_words, int num_rows, int m, float magnitude) {
   const std::vector<float> words = random_rows(num_words, m, magnitude, 1);
   const std::vector<float> rows = random_rows(num_rows, m, 1, 2);
   std::vector<float> scores(stride * static_cast<size_t>(num_rows), untouched);
-  ProductScratch scratch;
+  ProductScratch scratch = product_scratch(m);
   dense_product(words.data(), num_words, rows.data(), num_rows, m, scores.data(), stride, scratch);
   for (int r = 0; r < num_rows; ++r) {
     for (int v = 0; v < num_words; ++v) {
@@ -62,7 +61,8 @@ class EveryKernel : public testing::TestWithParam<bool> {
 };
 
 TEST_P(EveryKernel, ProductsOfAnyShapeAreThoseOfSinglePrecision) {
-  EXPECT_EQ(std::string(dense_product_kernel(300)).find("AMX") != std::string::npos, GetParam());
+  EXPECT_EQ(product_scratch(300).on_matrix_unit, GetParam());
+  EXPECT_FALSE(product_scratch(2).on_matrix_unit);
   // Around whole blocks of rows and words, whole tiles of components, and whole rounds of them.
   for (const int m : {1, 31, 32, 33, 300, 384, 385, 800}) {
     for (const auto& [words, rows] : {std::tuple(1, 1), std::tuple(32, 32), std::tuple(33, 31),
@@ -78,7 +78,7 @@ TEST_P(EveryKernel, MagnitudesDoNotMatter) {
 }
 
 TEST_P(EveryKernel, ScratchServesProductsOfOtherShapes) {
-  ProductScratch scratch;
+  ProductScratch scratch = product_scratch(500);
   for (const auto& [words, m] : {std::tuple(64, 500), std::tuple(8, 40), std::tuple(90, 100)}) {
     const std::vector<float> ones(static_cast<size_t>(words * m), 1.0f);
     std::vector<float> scores(static_cast<size_t>(words));

@@ -7,21 +7,21 @@
 // higher-precision computations, 2019.)
 #include "internal/amx_product.hpp"
 
-#include <hwy/targets.h>
-
-#include "internal/cache_line.hpp"
-#include "internal/elements.hpp"
-
 #if defined(__x86_64__) && defined(__linux__)
 #include <cpuid.h>
+#include <hwy/targets.h>
 #include <immintrin.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "internal/cache_line.hpp"
+#include "internal/elements.hpp"
+
 // The compiler's own intrinsics start from a register that is not set.
 #ifndef __clang__
+#pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
@@ -123,6 +123,10 @@ TALVIK_AMX_INLINE void load_words(const Groups& words, int at) {
   _tile_loadd(6, words.first + at, line_bytes);
   _tile_loadd(7, words.first + words.numbers + at, line_bytes);
 }
+// What the unit reads and writes is no operand of its instructions to some compilers, which might
+// move stores past a load of it, or take what it wrote for what was there before.
+inline void settle_memory() { asm volatile("" ::: "memory"); }
+
 TALVIK_AMX_INLINE void add_products() {
   _tile_dpbf16ps(0, 4, 6);
   _tile_dpbf16ps(1, 4, 7);
@@ -142,7 +146,8 @@ struct RowsAhead {
   int lines_per_chunk;
 };
 
-RowsAhead rows_ahead(const float* rows, int m, int blocks, int chunks) {
+RowsAhead rows_ahead(const float* rows, int num_rows, int m, int blocks, int chunks) {
+  if (num_rows <= 0) return {nullptr, 0};
   const std::size_t lines = elements(block_rows, m) * sizeof(float) / line_bytes;
   const std::size_t steps = elements(blocks, chunks);
   return {reinterpret_cast<const char*>(rows), static_cast<int>((lines + steps - 1) / steps)};
@@ -158,6 +163,7 @@ TALVIK_AMX_INLINE void prefetch(RowsAhead& ahead) {
 TALVIK_AMX_INLINE void multiply_block(const Groups& rows, const Groups& words, int chunks,
                                       bool go_on, RowsAhead& ahead, float* scores,
                                       std::size_t stride) {
+  settle_memory();
   float* lower = scores + tile_rows * stride;
   const std::size_t stride_bytes = stride * sizeof(float);
   if (go_on) {
@@ -196,6 +202,7 @@ TALVIK_AMX_INLINE void multiply_block(const Groups& rows, const Groups& words, i
   _tile_stored(1, scores + tile_rows, stride_bytes);
   _tile_stored(2, lower, stride_bytes);
   _tile_stored(3, lower + tile_rows, stride_bytes);
+  settle_memory();
 }
 
 // The same where fewer rows or words than a block are left: by way of a whole block.
@@ -223,6 +230,7 @@ TALVIK_AMX void configure_tiles() {
     config.row_bytes[tile] = line_bytes;
     config.rows[tile] = tile_rows;
   }
+  asm volatile("" : : "r"(&config) : "memory");  // all of it, as settle_memory
   _tile_loadconfig(&config);
 }
 
@@ -254,9 +262,8 @@ TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows
   constexpr int depth_most = chunks_most * tile_depth;
   const int chunks_held = (std::min(m, depth_most) + tile_depth - 1) / tile_depth;
   const std::size_t words_numbers = packed_numbers(num_words, chunks_held);
-  // Prefetches run ahead of the last word; the slack keeps line_start within.
   scratch.resize(std::max(scratch.size(), words_numbers + packed_numbers(block_rows, chunks_held) +
-                                              line_bytes / sizeof(std::uint16_t)));
+                                              line_bytes / sizeof(std::uint16_t)));  // line_start
   std::uint16_t* const packed_words = line_start(scratch.data());
   std::uint16_t* const packed_rows = packed_words + words_numbers;
   configure_tiles();
@@ -270,7 +277,8 @@ TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows
     for (int r = 0; r < num_rows; r += block_rows) {
       const int rows_left = std::min(block_rows, num_rows - r);
       pack_rows(rows + elements(r, m), rows_left, m, first, depth, packed_rows);
-      RowsAhead ahead = rows_ahead(rows + elements(r + block_rows, m), m, blocks, chunks);
+      RowsAhead ahead = rows_ahead(rows + elements(r + block_rows, m), num_rows - r - block_rows, m,
+                                   blocks, chunks);
       for (int w = 0; w < num_words; w += block_rows) {
         const int words_left = std::min(block_rows, num_words - w);
         const Groups block_of_rows{packed_rows, group};
@@ -288,7 +296,14 @@ TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows
   _tile_release();
 }
 
+#undef TALVIK_AMX
+#undef TALVIK_AMX_INLINE
+
 }  // namespace talvik::internal
+
+#ifndef __clang__
+#pragma GCC diagnostic pop
+#endif
 
 #else  // no such unit
 

@@ -1,4 +1,5 @@
-// Dense products on the processor's matrix unit (AMX), as exact as in single precision.
+// Dense products on the processor's matrix unit (AMX), for normal numbers as exact as in single
+// precision.
 #ifndef TALVIK_INTERNAL_AMX_PRODUCT_HPP
 #define TALVIK_INTERNAL_AMX_PRODUCT_HPP
 
@@ -9,14 +10,18 @@
 namespace talvik::internal {
 
 /// Whether this processor has the unit, the operating system lets the process use it, and Highway's
-/// instruction sets are not limited to lesser ones.
+/// instruction sets are not limited to lesser ones.  The first call asks the system, for the whole
+/// process and for good: from then on it refuses alternate signal stacks too small for the unit's
+/// registers (AT_MINSIGSTKSZ), and where there is such a stack already, it refuses the unit.  Takes
+/// tens of microseconds.
 bool amx_usable();
 
 /// A thread's packed operands; grows to what its largest product needs and is kept from one product
 /// to the next.
 using AmxScratch = std::vector<std::uint16_t>;
 
-/// scores[r*stride + v] = word v . row r
+/// scores[r*stride + v] = word v . row r.  Subnormal numbers count as zero; with infinite ones, or
+/// such as round to them in bfloat16, the product is NaN.
 /// @param words  num_words x m, row-major
 /// @param rows   num_rows x m, row-major; num_words >= 1, num_rows >= 1, m >= 1
 /// @pre amx_usable()

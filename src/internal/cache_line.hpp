@@ -10,7 +10,7 @@ namespace talvik::internal {
 
 inline constexpr std::size_t line_bytes = 64;
 
-/// The first element at or after p that starts a line; at most line_bytes away.
+/// The first element at or after p that starts a line; less than line_bytes away.
 template <class T>
 T* line_start(T* p) {
   const auto address = reinterpret_cast<std::uintptr_t>(p);

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "internal/failure.hpp"
+#include "internal/large_pages.hpp"
+#include "internal/partition.hpp"
 
 namespace talvik::internal {
 
@@ -24,12 +26,12 @@ struct CompressedVocabulary {
 }
 
 /// Gives the words in use new numbers 0, 1, ... in their old order, writes these in place of the
-/// old ones, and copies the words' embedding rows.
+/// old ones, and copies the words' embedding rows, by a team.
 /// @param visit_words  visit_words(body) calls body(word) with a reference to the word of every
 ///                     entry; it is called twice
 template <class VisitWords>
 CompressedVocabulary compress_words(int voc_size, const float* embeddings, int vec_size,
-                                    const VisitWords& visit_words) {
+                                    int threads, const VisitWords& visit_words) {
   constexpr int unused = -1, used = 0;
   std::vector<int> new_number(static_cast<size_t>(std::max(voc_size, 0)), unused);
   visit_words([&](auto& word) {
@@ -46,11 +48,14 @@ CompressedVocabulary compress_words(int voc_size, const float* embeddings, int v
 
   const size_t row_floats = static_cast<size_t>(std::max(vec_size, 0));
   CompressedVocabulary result{count, std::unique_ptr<float[]>(new float[count * row_floats])};
-  for (size_t v = 0; v < new_number.size(); ++v) {
-    if (new_number[v] == unused) continue;
-    std::copy_n(embeddings + v * row_floats, row_floats,
-                result.embeddings.get() + static_cast<size_t>(new_number[v]) * row_floats);
-  }
+  advise_large_pages(result.embeddings.get(), count * row_floats * sizeof(float));
+  for_each_block(threads, static_cast<int>(new_number.size()), [&](int first, int last, int) {
+    for (size_t v = static_cast<size_t>(first); v < static_cast<size_t>(last); ++v) {
+      if (new_number[v] == unused) continue;
+      std::copy_n(embeddings + v * row_floats, row_floats,
+                  result.embeddings.get() + static_cast<size_t>(new_number[v]) * row_floats);
+    }
+  });
 
   visit_words([&](auto& word) {
     word =

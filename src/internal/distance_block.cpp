@@ -79,9 +79,10 @@ int word_of_row(const GroupTask& task, int row) {
   return task.batch.ind[task.batch.distinct->entry_of_row[static_cast<std::size_t>(row)]];
 }
 
-// The same from a ground-distance matrix with the vocabulary words in its rows: a line of words at
-// a time.  The rows of the batch ascend by word, so each of these words' distances is read in
-// order.
+// Distances of words [first_word, first_word + words) to the rows of a pass, of word v and row r at
+// scores[r*stride + v], from a ground-distance matrix with the vocabulary words in its rows: a line
+// of words at a time.  The rows of the batch ascend by word, so each of these words' distances is
+// read in order.
 void gather_by_word(const GroupTask& task, const RowPass& pass, int first_word, int words,
                     float* scores, std::size_t stride) {
   const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
@@ -320,7 +321,7 @@ void compute_distance_block(const Vocabulary& vocabulary, const ResidentCollecti
                    {}};
     const std::size_t threads = static_cast<std::size_t>(std::max(request.threads, 1));
     task.stages.resize(threads * static_cast<std::size_t>(stage_floats(task.plan, task.slots)));
-    task.products.resize(threads);
+    task.products.assign(threads, product_scratch(vocabulary.vec_size));
     compute_group(task, buffers, Z);
   }
 }

@@ -5,10 +5,13 @@
 #include <algorithm>
 #include <climits>
 
+#include "internal/cache_line.hpp"
+
 namespace talvik::internal {
 
 /// Floats of a cache line, and of the widest register: what tiles are rounded to.
 inline constexpr int line_floats = 16;
+static_assert(line_floats * sizeof(float) == line_bytes);
 
 constexpr long long round_up(long long n, long long unit) { return (n + unit - 1) / unit * unit; }
 
@@ -29,18 +32,18 @@ static_assert(words_per_distance_block(100, 1'000'000) == 100);
 
 // --- What it really uses: tiles that stay in cache, whatever the batch.
 
-/// Floats of working memory for all threads of the team together.  With OpenBLAS's own buffers
-/// (32 MiB a thread) the engine stays below 512 MiB.
+/// Floats of working memory for all threads of the team together.  With what the dense products
+/// pack (32 MiB a thread by OpenBLAS, 1.2 MiB for the matrix unit) the engine stays below 512 MiB.
 struct EngineBudget {
   long long panel_floats = 48ll << 20;   ///< word-by-row scores, all threads: 192 MiB
   long long table_floats = 24ll << 20;   ///< nearest distances and capacities: 96 MiB
   long long stage_floats = 256ll << 10;  ///< of each thread, on their way to the tables: 1 MiB
 };
 
-/// Words of a panel.  A dense product packs all rows anew for every panel, which takes an eighth of
-/// its time at 256 words and less the more there are; the reduction of wider panels is slower,
-/// since their rows lie further apart (1.5, 1.7 and 2.9 ns per row and line at 256, 512 and 1024
-/// words).
+/// Words of a panel.  A dense product packs all rows anew for every panel, which takes the BLAS an
+/// eighth of its time at 256 words and less the more there are; the reduction of wider panels is
+/// slower, since their rows lie further apart (1.5, 1.7 and 2.9 ns per row and line at 256, 512 and
+/// 1024 words).
 inline constexpr int panel_words_wanted = 64;
 inline constexpr int panel_words_most = 512;
 

@@ -44,13 +44,14 @@ void convert(const Vocabulary& vocabulary, const Tile& tile, float* D) {
   }
 }
 
-// Line by line in both directions, so that neither side is read or written a float at a time.
+// Line by line in both directions, so that neither side is read or written a float at a time.  Of a
+// tile on the diagonal what is above it: a product and its mirror image may be rounded differently.
 void mirror(const Vocabulary& vocabulary, const Tile& tile, const float* D, float* D_mirrored) {
   const std::size_t stride = static_cast<std::size_t>(vocabulary.voc_size);
   for (int c0 = 0; c0 < tile.columns; c0 += line_floats) {
     const int c_end = std::min(c0 + line_floats, tile.columns);
     for (int r = 0; r < tile.rows; ++r) {
-      for (int c = c0; c < c_end; ++c) {
+      for (int c = tile.u == tile.v ? std::max(c0, r + 1) : c0; c < c_end; ++c) {
         D_mirrored[static_cast<std::size_t>(c) * stride + r] =
             D[static_cast<std::size_t>(r) * stride + c];
       }
@@ -62,10 +63,11 @@ void mirror(const Vocabulary& vocabulary, const Tile& tile, const float* D, floa
 
 void compute_ground_matrix(const Vocabulary& vocabulary, Metric metric, int threads, float* D) {
   const SingleThreadedBlas single_threaded_blas;
+  const ProductScratch unused_scratch = product_scratch(vocabulary.vec_size);
   const std::vector<Tile> tiles = upper_tiles(vocabulary.voc_size);
   const std::size_t stride = static_cast<std::size_t>(std::max(vocabulary.voc_size, 0));
   for_each_block(threads, static_cast<int>(tiles.size()), [&](int first, int last, int) {
-    ProductScratch scratch;
+    ProductScratch scratch = unused_scratch;
     for (int i = first; i < last; ++i) {
       const Tile& tile = tiles[static_cast<std::size_t>(i)];
       const std::size_t u = static_cast<std::size_t>(tile.u);
@@ -75,7 +77,7 @@ void compute_ground_matrix(const Vocabulary& vocabulary, Metric metric, int thre
       dense_product(vocabulary.rows + v * m, tile.columns, vocabulary.rows + u * m, tile.rows,
                     vocabulary.vec_size, D_tile, stride, scratch);
       with_metric(metric, [&]<Metric m>() { convert<m>(vocabulary, tile, D_tile); });
-      if (tile.u != tile.v) mirror(vocabulary, tile, D_tile, D + v * stride + u);
+      mirror(vocabulary, tile, D_tile, D + v * stride + u);
     }
   });
 }

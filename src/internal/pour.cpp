@@ -9,6 +9,7 @@
 #include <hwy/foreach_target.h>  // compiles this file again for every instruction set
 #include <hwy/highway.h>
 
+#include "internal/cache_line.hpp"
 #include "internal/partition.hpp"
 
 HWY_BEFORE_NAMESPACE();
@@ -73,9 +74,9 @@ constexpr int widest = 4 * line_floats;
 
 // A sum goes on where the last block of words has left it: one sum over the entries in their order,
 // wherever the blocks end, so that distances do not depend on how the work was cut.
-HWY_INLINE void load_sums(const float* Z, int chunk_docs, int docs, int num_docs, bool overwrite,
-                          float (*sums)[widest]) {
-  std::fill(sums[0], sums[docs], 0.0f);
+HWY_INLINE void load_sums(const float* Z, int width, int chunk_docs, int docs, int num_docs,
+                          bool overwrite, float (*sums)[widest]) {
+  for (int r = 0; r < docs; ++r) std::fill(sums[r], sums[r] + width, 0.0f);
   if (overwrite) return;
   for (int j = 0; j < chunk_docs; ++j) {
     const float* z = Z + static_cast<std::size_t>(j) * static_cast<std::size_t>(num_docs);
@@ -104,8 +105,9 @@ HWY_INLINE void store_sums(const float (*sums)[widest], int chunk_docs, int docs
                            std::size_t num_docs, float* Z) {
   constexpr int side = 4;
   const hn::FixedTag<float, side> d;
+  const int turned = docs % side == 0 ? chunk_docs / side * side : 0;
   int j = 0;
-  for (; j + side <= chunk_docs && docs % side == 0; j += side) {
+  for (; j < turned; j += side) {
     float* z = Z + static_cast<std::size_t>(j) * num_docs;
     for (int r = 0; r < docs; r += side) {
       const auto row0 = hn::LoadU(d, sums[r] + j), row1 = hn::LoadU(d, sums[r + 1] + j);
@@ -134,7 +136,7 @@ HWY_INLINE void fetch_lines(const float* z) {
 template <int K>
 void pour_block(const NearestTables& tables, const ResidentCollection& resident,
                 const EntryRanges& ranges, int first, int last, float* Z, bool overwrite) {
-  alignas(64) float sums[pour_tile_docs][widest];
+  alignas(line_bytes) float sums[pour_tile_docs][widest];
   const std::size_t num_docs = static_cast<std::size_t>(resident.num_docs);
   for (int chunk = 0; chunk < chunks_of(tables.docs, tables.width); ++chunk) {
     const std::size_t offset = static_cast<std::size_t>(chunk) *
@@ -145,7 +147,7 @@ void pour_block(const NearestTables& tables, const ResidentCollection& resident,
         Z + static_cast<std::size_t>(chunk) * static_cast<std::size_t>(tables.width) * num_docs;
     for (int i = first; i < last; i += pour_tile_docs) {
       const int docs = std::min(pour_tile_docs, last - i);
-      load_sums(Z_chunk + i, chunk_docs, docs, resident.num_docs, overwrite, sums);
+      load_sums(Z_chunk + i, tables.width, chunk_docs, docs, resident.num_docs, overwrite, sums);
       for (int r = 0; r < docs; ++r) {
         const std::size_t d = static_cast<std::size_t>(i + r);
         if (r < chunk_docs) fetch_lines(Z_chunk + static_cast<std::size_t>(r) * num_docs + i);
@@ -198,10 +200,13 @@ HWY_EXPORT(PourDocuments);
 
 void pour(const NearestTables& tables, const ResidentCollection& resident, int threads,
           EntryRanges& ranges, float* Z) {
-  const int tiles = (resident.num_docs + pour_tile_docs - 1) / pour_tile_docs;
-  for_each_block(threads, tiles, [&](int first_tile, int last_tile, int) {
-    const int first = first_tile * pour_tile_docs;
-    const int last = std::min(resident.num_docs, last_tile * pour_tile_docs);
+  // Every thread writes whole lines.
+  const int lines = static_cast<int>(round_up(resident.num_docs, line_floats) / line_floats);
+  const auto document_at = [&](int line) {
+    return static_cast<int>(std::min<long long>(resident.num_docs, 1ll * line * line_floats));
+  };
+  for_each_block(threads, lines, [&](int first_line, int last_line, int) {
+    const int first = document_at(first_line), last = document_at(last_line);
     const bool first_block = tables.first_word == 0;
     move_on(tables, resident, first, last, ranges);
     HWY_DYNAMIC_DISPATCH(PourDocuments)(tables, resident, ranges, first, last, Z, first_block);

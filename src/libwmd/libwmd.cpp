@@ -72,6 +72,16 @@ T* copy_of(const T* from, std::size_t count) {
   return copy;
 }
 
+// Of a large array, by the team.
+float* copy_of_rows(const float* from, int rows, int m) {
+  float* copy = new float[elements(rows, m)];
+  internal::advise_large_pages(copy, elements(rows, m) * sizeof(float));
+  internal::for_each_block(num_cpu_threads, rows, [&](int first, int last, int) {
+    std::copy(from + elements(first, m), from + elements(last, m), copy + elements(first, m));
+  });
+  return copy;
+}
+
 template <class T>
 void release(T*& array) {
   delete[] array;
@@ -189,7 +199,7 @@ int remove_raw_data_cpu() {
 int copy_vocabulary_cpu(int v_size, int m, float* W) {
   host::voc_size = v_size;
   host::vec_size = m;
-  host::W = copy_of(W, elements(v_size, m));
+  host::W = copy_of_rows(W, v_size, m);
   host::RW = new float[static_cast<std::size_t>(internal::round_up(v_size, internal::line_floats))];
   internal::norm_and_normalise(host::W, v_size, m, host::RW, normalize_embeddings, num_cpu_threads);
   return 1;

@@ -7,6 +7,7 @@
 
 #include "internal/compress.hpp"
 #include "internal/failure.hpp"
+#include "internal/partition.hpp"
 
 namespace talvik {
 
@@ -50,7 +51,8 @@ void visit_range(DocumentSet& docs, int first, int count, const Body& body) {
 template <class VisitWords>
 int compress(int voc_size, const float* embeddings, int* comp_voc_size, float** comp_embeddings,
              int vec_size, const VisitWords& visit_words) {
-  auto compressed = internal::compress_words(voc_size, embeddings, vec_size, visit_words);
+  auto compressed =
+      internal::compress_words(voc_size, embeddings, vec_size, num_cpu_threads, visit_words);
   *comp_voc_size = compressed.voc_size;
   *comp_embeddings = compressed.embeddings.release();
   return 1;
@@ -69,11 +71,17 @@ int setup_raw_data(const DocumentSet& docs, int first, int count, int* ind, int*
 
 int setup_vectors(float* embeddings, int vec_size, const DocumentSet& docs, int first, int count,
                   float* X, int* start, float* weight) {
+  convert_range(docs, first, count, start,
+                [&](int r, unsigned, float entry_weight) { weight[r] = entry_weight; });
   const size_t row_floats = static_cast<size_t>(std::max(vec_size, 0));
-  convert_range(docs, first, count, start, [&](int r, unsigned word, float entry_weight) {
-    std::copy_n(embeddings + word * row_floats, row_floats,
-                X + static_cast<size_t>(r) * row_floats);
-    weight[r] = entry_weight;
+  internal::for_each_block(num_cpu_threads, count, [&](int first_doc, int last_doc, int) {
+    for (int d = first_doc; d < last_doc; ++d) {
+      float* row = X + static_cast<size_t>(start[d]) * row_floats;
+      for (const auto& entry : docs[static_cast<size_t>(first + d)]) {
+        std::copy_n(embeddings + entry.first * row_floats, row_floats, row);
+        row += row_floats;
+      }
+    }
   });
   return 0;
 }

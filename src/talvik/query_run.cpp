@@ -7,6 +7,7 @@
 
 #include "internal/compress.hpp"
 #include "internal/failure.hpp"
+#include "internal/large_pages.hpp"
 #include "talvik/collections.hpp"
 #include "talvik/engine.hpp"
 
@@ -52,7 +53,9 @@ std::unique_ptr<int[]> load_batch(const RunParameters& run, const DocumentSet& d
     setup_raw_data(docs, first, count, ind.get(), start.get(), weight.get());
     load_batch_indices(run.use_gpu, entries, ind.get(), weight.get(), count, start.get());
   } else {
-    const auto X = new_floats(size * static_cast<size_t>(std::max(run.vec_size, 0)));
+    const size_t floats = size * static_cast<size_t>(std::max(run.vec_size, 0));
+    const auto X = new_floats(floats);
+    advise_large_pages(X.get(), floats * sizeof(float));
     setup_vectors(run.embeddings, run.vec_size, docs, first, count, X.get(), start.get(),
                   weight.get());
     load_batch_vectors(run.use_gpu, entries, run.vec_size, X.get(), weight.get(), count,
@@ -109,7 +112,7 @@ int load_resident_documents(const RunParameters& run, const DocumentSet& docs, i
   if (!run.precompute) {
     // Renumbers the flat copy, so that the documents stay as they are.
     const auto compressed = compress_words(
-        run.voc_size, run.embeddings, run.vec_size,
+        run.voc_size, run.embeddings, run.vec_size, num_cpu_threads,
         [&](const auto& body) { std::for_each(ind.get(), ind.get() + entries, body); });
     load_vocabulary(run.use_gpu, compressed.voc_size, run.vec_size, compressed.embeddings.get());
   }
