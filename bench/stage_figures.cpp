@@ -82,11 +82,16 @@ void sparse_figures(const Options& options, Table& table) {
   // Begun and advised as the engine's tables are.
   const size_t storage_floats = static_cast<size_t>(chunk_floats + internal::line_floats);
   const std::unique_ptr<float[]> storage(new float[storage_floats]);
-  internal::advise_large_pages(storage.get(), storage_floats * sizeof(float));
+  internal::begin_on_large_pages(storage.get(), storage_floats * sizeof(float));
   float* const chunks = internal::line_start(storage.get());
   copy_in_chunks(values, world.voc_size, world.num_queries, width, chunks);
   const internal::NearestTables tables{0, world.voc_size, world.num_queries, width, {chunks}, {}};
-  std::vector<float> Z(block_floats_of(world)), product(Z.size());
+  std::vector<float> Z, product;
+  for (std::vector<float>* sums : {&Z, &product}) {  // begun as a run begins its result
+    sums->reserve(block_floats_of(world));
+    internal::begin_on_large_pages(sums->data(), sums->capacity() * sizeof(float));
+    sums->resize(sums->capacity());
+  }
   const size_t docs = static_cast<size_t>(world.num_resident);
   internal::EntryRanges ranges{std::vector<int>(docs), std::vector<int>(docs)};
   const internal::ResidentCollection resident{world.num_resident, world.resident.start.data(),

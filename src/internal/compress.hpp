@@ -48,7 +48,7 @@ CompressedVocabulary compress_words(int voc_size, const float* embeddings, int v
 
   const size_t row_floats = static_cast<size_t>(std::max(vec_size, 0));
   CompressedVocabulary result{count, std::unique_ptr<float[]>(new float[count * row_floats])};
-  advise_large_pages(result.embeddings.get(), count * row_floats * sizeof(float));
+  begin_on_large_pages(result.embeddings.get(), count * row_floats * sizeof(float));
   for_each_block(threads, static_cast<int>(new_number.size()), [&](int first, int last, int) {
     for (size_t v = static_cast<size_t>(first); v < static_cast<size_t>(last); ++v) {
       if (new_number[v] == unused) continue;

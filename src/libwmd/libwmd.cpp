@@ -75,7 +75,7 @@ T* copy_of(const T* from, std::size_t count) {
 // Of a large array, by the team.
 float* copy_of_rows(const float* from, int rows, int m) {
   float* copy = new float[elements(rows, m)];
-  internal::advise_large_pages(copy, elements(rows, m) * sizeof(float));
+  internal::begin_on_large_pages(copy, elements(rows, m) * sizeof(float));
   internal::for_each_block(num_cpu_threads, rows, [&](int first, int last, int) {
     std::copy(from + elements(first, m), from + elements(last, m), copy + elements(first, m));
   });
@@ -168,7 +168,7 @@ struct Buffer {
             ::operator new[](static_cast<std::size_t>(std::max(asked, needed)) * sizeof(float),
                              line, std::nothrow))) {
     if (!floats) internal::fail(message);
-    internal::advise_large_pages(floats, static_cast<std::size_t>(needed) * sizeof(float));
+    internal::begin_on_large_pages(floats, static_cast<std::size_t>(needed) * sizeof(float));
   }
   ~Buffer() { ::operator delete[](floats, line); }
   Buffer(const Buffer&) = delete;

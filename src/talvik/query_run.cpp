@@ -55,7 +55,7 @@ std::unique_ptr<int[]> load_batch(const RunParameters& run, const DocumentSet& d
   } else {
     const size_t floats = size * static_cast<size_t>(std::max(run.vec_size, 0));
     const auto X = new_floats(floats);
-    advise_large_pages(X.get(), floats * sizeof(float));
+    begin_on_large_pages(X.get(), floats * sizeof(float));
     setup_vectors(run.embeddings, run.vec_size, docs, first, count, X.get(), start.get(),
                   weight.get());
     load_batch_vectors(run.use_gpu, entries, run.vec_size, X.get(), weight.get(), count,
@@ -138,8 +138,10 @@ std::string result_path(const RunParameters& run) { return run.output_file ? run
 
 void run_batches(const RunParameters& run, const Collection& queries, const QueryPass& pass,
                  const FinishBlock& finish_block) {
-  const auto Z =
-      new_floats(static_cast<size_t>(pass.batch) * static_cast<size_t>(pass.num_resident));
+  const size_t block_floats =
+      static_cast<size_t>(pass.batch) * static_cast<size_t>(pass.num_resident);
+  const auto Z = new_floats(block_floats);
+  begin_on_large_pages(Z.get(), block_floats * sizeof(float));
   const int end = pass.first_query + pass.num_queries;
   int count = 0;
   for (int s = pass.first_query; s < end; s += count) {
