@@ -36,7 +36,6 @@ struct Allocation {
 std::map<const char*, Allocation, std::less<>> allocations;  // by first byte
 size_t used_bytes = 0;
 FaultPlan plan;
-std::map<std::string, long long> calls;
 int device_count = 1;
 thread_local int device = 0;
 cudaError_t last_error = cudaSuccess;
@@ -120,7 +119,6 @@ void require_device_range(const std::string& call, const void* first, size_t byt
 }
 
 int count_call(const std::string& call) {
-  ++calls[call];
   if (call != plan.call || plan.skip-- > 0) return 0;
   plan.call.clear();
   return plan.status;
@@ -129,13 +127,6 @@ int count_call(const std::string& call) {
 void plan_fault(const FaultPlan& new_plan) { plan = new_plan; }
 
 size_t live_allocations() { return allocations.size(); }
-
-size_t bytes_in_use() { return used_bytes; }
-
-long long call_count(const std::string& call) {
-  const auto found = calls.find(call);
-  return found == calls.end() ? 0 : found->second;
-}
 
 void set_device_count(int count) { device_count = count; }
 

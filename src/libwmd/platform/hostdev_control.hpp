@@ -22,12 +22,8 @@ struct FaultPlan {
 void plan_fault(const FaultPlan& plan);
 
 size_t live_allocations();
-size_t bytes_in_use();
 /// Library handles and matrix descriptors that were created and not destroyed.
 size_t live_handles();
-
-/// How often a function of the interface, "transform_in_place" or "launch" was called so far.
-long long call_count(const std::string& call);
 
 void set_device_count(int count);  // 1 at the start
 int selected_device();             // of the calling thread
