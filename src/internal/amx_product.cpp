@@ -45,12 +45,14 @@ constexpr int block_rows = 2 * tile_rows;             // two tiles of rows by tw
 // cache.
 constexpr int chunks_most = 12;
 
+int chunks_for(int components) { return (components + tile_depth - 1) / tile_depth; }
+int blocks_for(int rows) { return (rows + block_rows - 1) / block_rows; }
+
 // Packed operands.  Part p of rows [16g, 16g+16), components [32c, 32c+32), is a tile at
 // ((g*chunks + c)*parts + p) * tile_numbers.  In a tile of rows, row r has its components side by
 // side; in a tile of words, row i has components 2i and 2i+1 of all 16 words, as the unit wants it.
 std::size_t packed_numbers(int rows, int chunks) {
-  const int groups = (rows + block_rows - 1) / block_rows * 2;
-  return elements(groups, chunks * group_chunk);
+  return elements(2 * blocks_for(rows), chunks * group_chunk);
 }
 
 TALVIK_AMX_INLINE __m512 widened(__m256i numbers) {
@@ -73,7 +75,7 @@ TALVIK_AMX_INLINE void split(const float* numbers, int count, std::uint16_t* to)
 // Rows [0, num_rows), at most a block, components [first, first + depth) of m.
 TALVIK_AMX void pack_rows(const float* rows, int num_rows, int m, int first, int depth,
                           std::uint16_t* packed) {
-  const int chunks = (depth + tile_depth - 1) / tile_depth;
+  const int chunks = chunks_for(depth);
   for (int r = 0; r < block_rows; ++r) {
     std::uint16_t* group = packed + r / tile_rows * chunks * group_chunk;
     for (int c = 0; c < chunks; ++c) {
@@ -95,7 +97,7 @@ void transpose_pairs(const std::uint16_t* from, std::uint16_t* to) {
 
 TALVIK_AMX void pack_words(const float* words, int num_words, int m, int first, int depth,
                            std::uint16_t* packed) {
-  const int chunks = (depth + tile_depth - 1) / tile_depth;
+  const int chunks = chunks_for(depth);
   const int block_numbers = 2 * chunks * group_chunk;
   alignas(line_bytes) std::uint16_t as_rows[2 * chunks_most * group_chunk];
   for (int w = 0; w < num_words; w += block_rows) {
@@ -260,18 +262,18 @@ bool amx_usable() {
 TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows, int num_rows,
                             int m, float* scores, std::size_t stride, AmxScratch& scratch) {
   constexpr int depth_most = chunks_most * tile_depth;
-  const int chunks_held = (std::min(m, depth_most) + tile_depth - 1) / tile_depth;
+  const int chunks_held = chunks_for(std::min(m, depth_most));
   const std::size_t words_numbers = packed_numbers(num_words, chunks_held);
   scratch.resize(std::max(scratch.size(), words_numbers + packed_numbers(block_rows, chunks_held) +
                                               line_bytes / sizeof(std::uint16_t)));  // line_start
   std::uint16_t* const packed_words = line_start(scratch.data());
   std::uint16_t* const packed_rows = packed_words + words_numbers;
+  const int blocks = blocks_for(num_words);
   configure_tiles();
   for (int first = 0; first < m; first += depth_most) {
     const int depth = std::min(depth_most, m - first);
-    const int chunks = (depth + tile_depth - 1) / tile_depth;
+    const int chunks = chunks_for(depth);
     const std::size_t group = elements(chunks, group_chunk);
-    const int blocks = (num_words + block_rows - 1) / block_rows;
     const bool go_on = first > 0;
     pack_words(words, num_words, m, first, depth, packed_words);
     for (int r = 0; r < num_rows; r += block_rows) {
@@ -282,7 +284,8 @@ TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows
       for (int w = 0; w < num_words; w += block_rows) {
         const int words_left = std::min(block_rows, num_words - w);
         const Groups block_of_rows{packed_rows, group};
-        const Groups block_of_words{packed_words + elements(w / tile_rows, 1) * group, group};
+        const Groups block_of_words{packed_words + elements(w / tile_rows, chunks * group_chunk),
+                                    group};
         float* block = scores + static_cast<std::size_t>(r) * stride + w;
         if (rows_left == block_rows && words_left == block_rows) {
           multiply_block(block_of_rows, block_of_words, chunks, go_on, ahead, block, stride);

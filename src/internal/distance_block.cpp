@@ -306,6 +306,7 @@ void compute_distance_block(const Vocabulary& vocabulary, const ResidentCollecti
   if (vocabulary.voc_size <= 0) std::fill(Z, Z + distances, 0.0f);
   if (vocabulary.voc_size <= 0 || distances == 0) return;
   const SingleThreadedBlas single_threaded_blas;
+  const ProductScratch unused_scratch = product_scratch(vocabulary.vec_size);
   const int nearest = nearest_of_batch(batch, request.steps, request.rule);
   for (const DocumentGroup& group : batch.distinct->groups) {
     GroupTask task{vocabulary,
@@ -321,7 +322,7 @@ void compute_distance_block(const Vocabulary& vocabulary, const ResidentCollecti
                    {}};
     const std::size_t threads = static_cast<std::size_t>(std::max(request.threads, 1));
     task.stages.resize(threads * static_cast<std::size_t>(stage_floats(task.plan, task.slots)));
-    task.products.assign(threads, product_scratch(vocabulary.vec_size));
+    task.products.assign(threads, unused_scratch);
     compute_group(task, buffers, Z);
   }
 }
