@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <fstream>
 
-#include "internal/dense_product.hpp"
+#include "libwmd/cpu/dense_product.hpp"
 #include "talvik.hpp"
 
 namespace talvik::bench {

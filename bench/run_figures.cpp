@@ -13,7 +13,7 @@
 
 #include "engine_calls.hpp"
 #include "figures.hpp"
-#include "internal/compress.hpp"
+#include "talvik/compress.hpp"
 #include "talvik/result_file.hpp"
 #include "worlds.hpp"
 

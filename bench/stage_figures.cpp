@@ -10,11 +10,11 @@
 
 #include "engine_calls.hpp"
 #include "figures.hpp"
-#include "internal/cache_line.hpp"
-#include "internal/engine_sizes.hpp"
 #include "internal/large_pages.hpp"
-#include "internal/partition.hpp"
-#include "internal/pour.hpp"
+#include "internal/team.hpp"
+#include "libwmd/cpu/cache_line.hpp"
+#include "libwmd/cpu/pour.hpp"
+#include "libwmd/cpu/sizes.hpp"
 #include "plain_way.hpp"
 #include "worlds.hpp"
 
@@ -56,7 +56,7 @@ void require_same_sums(const std::vector<float>& Z, const float* product, int do
 // Pairs of value and index, of which the k first are brought to the front and sorted.
 void select_from_pairs(int rows, int cols, const float* data, int k, int threads, int* ind_out,
                        float* val_out) {
-  internal::for_each_block(threads, rows, [&](int first, int last, int) {
+  internal::for_each_share(threads, rows, [&](int first, int last, int) {
     std::vector<std::pair<float, int>> pairs(static_cast<size_t>(cols));
     for (int r = first; r < last; ++r) {
       const float* row = data + 1ll * r * cols;
@@ -94,9 +94,8 @@ void sparse_figures(const Options& options, Table& table) {
   }
   const size_t docs = static_cast<size_t>(world.num_resident);
   internal::EntryRanges ranges{std::vector<int>(docs), std::vector<int>(docs)};
-  const internal::ResidentCollection resident{world.num_resident, world.resident.start.data(),
-                                              world.resident.ind.data(),
-                                              world.resident.weight.data()};
+  const internal::CsrCollection resident{world.num_resident, world.resident.start.data(),
+                                         world.resident.ind.data(), world.resident.weight.data()};
   const int count = repetitions(options, 7);
   auto times =
       take_turns({{"large, sparse stage", count,

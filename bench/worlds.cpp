@@ -10,7 +10,7 @@
 #include <random>
 #include <stdexcept>
 
-#include "internal/partition.hpp"
+#include "internal/team.hpp"
 
 namespace talvik::bench {
 namespace {
@@ -108,7 +108,7 @@ Collections make_distinct() {
 template <class DrawDocument>
 DocumentSet draw_in_team(int count, unsigned seed, const DrawDocument& draw) {
   DocumentSet docs(static_cast<size_t>(count));
-  internal::for_each_block(num_cpu_threads, count, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, count, [&](int first, int last, int) {
     for (int i = first; i < last; ++i) {
       std::minstd_rand random(seed + static_cast<unsigned>(i));
       random.discard(4);  // neighbouring seeds begin with neighbouring values

@@ -87,7 +87,7 @@ endif()
 
 # Compiles the device source and what it stands on into TARGET, an object library.
 function(talvik_add_gpu_engine target)
-  set(platform src/libwmd/platform)
+  set(platform src/libwmd/gpu/platform)
   target_sources(${target} PRIVATE src/libwmd/libwmd.cu)
   talvik_device_source(src/libwmd/libwmd.cu)
   if(talvik_device STREQUAL "cuda")

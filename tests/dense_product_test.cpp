@@ -1,5 +1,5 @@
 // Dense products against double precision, on whatever unit of the processor does them.
-#include "internal/dense_product.hpp"
+#include "libwmd/cpu/dense_product.hpp"
 
 #include <gtest/gtest.h>
 #include <hwy/targets.h>

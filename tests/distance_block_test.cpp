@@ -1,6 +1,6 @@
 // The block computation under budgets so small that every loop over tiles, windows, groups and
 // passes runs, and the pieces below it.
-#include "internal/distance_block.hpp"
+#include "libwmd/cpu/distance_block.hpp"
 
 #include <gtest/gtest.h>
 
@@ -11,9 +11,9 @@
 #include <set>
 #include <vector>
 
-#include "internal/blas_threads.hpp"
-#include "internal/partition.hpp"
-#include "internal/select_smallest.hpp"
+#include "internal/team.hpp"
+#include "libwmd/cpu/blas_threads.hpp"
+#include "libwmd/cpu/select_smallest.hpp"
 #include "support/engine.hpp"
 #include "support/instruction_sets.hpp"
 #include "support/oracle.hpp"
@@ -76,10 +76,10 @@ void expect_block(const World& world, const std::vector<double>& expected, int s
                            &distinct,
                            rows.data(),
                            row_norms.data()};
-  const BlockRequest request{source, Metric::euclidean, D.data(), steps, StepRule::halving, threads,
-                             budget};
+  const BlockRequest request{
+      source, Metric::euclidean, D.data(), steps, NearestRule::halving, threads, budget};
   const BlockSizes sizes = block_sizes(vocabulary, queries, request);
-  const int nearest = nearest_of_batch(queries, steps, StepRule::halving);
+  const int nearest = nearest_of_batch(queries, steps, NearestRule::halving);
   std::vector<float> panels(static_cast<size_t>(sizes.panels));
   std::vector<std::vector<float>> tables(static_cast<size_t>(2 * nearest - 1),
                                          std::vector<float>(static_cast<size_t>(sizes.table)));
@@ -135,7 +135,7 @@ TEST(DistinctRows, PassesHoldNoMoreRowsThanMayBeAndSeveralPassesOneDocument) {
     const DistinctRows found = find_distinct_rows(batch.ind.data(), sizeof(int), batch.start.data(),
                                                   num_docs, max_rows, 2);
     EXPECT_EQ(found.passes.size() == 1, max_rows == 100000);
-    for (const DocumentGroup& group : found.groups) {
+    for (const BatchSection& group : found.sections) {
       const bool several_passes = group.last_pass - group.first_pass > 1;
       EXPECT_FALSE(several_passes && group.last_doc - group.first_doc > 1);
     }
@@ -196,7 +196,7 @@ TEST(Selection, NaNHidesNoSmallerValueOfItsBlock) {
 
 TEST(Partition, ExceptionOfAThreadReachesTheCaller) {
   const auto fail_at = [](int item) {
-    for_each_block(3, 10, [item](int first, int last, int) {
+    for_each_share(3, 10, [item](int first, int last, int) {
       if (first <= item && item < last) throw std::bad_alloc();
     });
   };

@@ -1,13 +1,12 @@
 // The GPU engine below and beside its distances: blocks too small for a batch, state on the device,
 // and what it leaves behind.
-#include "libwmd/gpu_engine.hpp"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "libwmd/gpu/engine.hpp"
 #include "support/device.hpp"
 #include "support/engine.hpp"
 #include "support/oracle.hpp"

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "libwmd/platform/hostdev_control.hpp"
+#include "libwmd/gpu/platform/hostdev_control.hpp"
 #include "support/engine.hpp"
 #include "support/world.hpp"
 #include "talvik.hpp"

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "libwmd/platform/device.hpp"
-#include "libwmd/platform/hostdev_control.hpp"
+#include "libwmd/gpu/platform/device.hpp"
+#include "libwmd/gpu/platform/hostdev_control.hpp"
 
 namespace talvik {
 namespace {

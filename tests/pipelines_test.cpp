@@ -15,7 +15,7 @@
 namespace talvik {
 namespace {
 
-using internal::Collection;
+using internal::LabelledDocuments;
 using internal::RunParameters;
 using test::Matrix;
 
@@ -67,11 +67,11 @@ class Pipelines : public testing::TestWithParam<bool> {
             .output_file = path.c_str(),
             .use_gpu = use_gpu};
   }
-  static Collection collection(const DocumentSet& docs, const LabelList& labels) {
+  static LabelledDocuments collection(const DocumentSet& docs, const LabelList& labels) {
     return {docs, labels, static_cast<int>(docs.size()), test::count_entries(docs)};
   }
-  Collection resident() const { return collection(world.resident, world.resident_labels); }
-  Collection queries() const { return collection(world.queries, world.query_labels); }
+  LabelledDocuments resident() const { return collection(world.resident, world.resident_labels); }
+  LabelledDocuments queries() const { return collection(world.queries, world.query_labels); }
 
   Matrix expected(int steps) const {
     return test::expected_distances(world, world.resident, world.queries, steps, use_gpu);

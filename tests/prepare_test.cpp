@@ -1,5 +1,5 @@
 // The program's data side: tokens, corpora out of texts, embedding files out of text vectors.
-#include "prepare.hpp"
+#include "commands/prepare.hpp"
 
 #include <fmt/core.h>
 #include <gtest/gtest.h>

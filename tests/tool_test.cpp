@@ -9,10 +9,10 @@
 #include "load_corpus.hpp"
 #include "majority_vote.hpp"
 #include "memory_plan.hpp"
-#include "neighbour_lists.hpp"
 #include "npy.hpp"
 #include "output_file.hpp"
 #include "progress.hpp"
+#include "result_lists.hpp"
 #include "result_writer.hpp"
 #include "run_error.hpp"
 #include "support/files.hpp"
@@ -38,14 +38,14 @@ std::string error_of(const Code& code) {
   return "no error";
 }
 
-std::string written(const NeighbourLists& lists, bool skip_first, Format format,
+std::string written(const ResultLists& lists, bool skip_first, Format format,
                     const DocumentNames& names) {
   std::string all;
   write_results(lists, skip_first, format, names, [&](const std::string& text) { all += text; });
   return all;
 }
 
-const NeighbourLists two_lists{2, 2, {1, 0, 0, 1}, {0.73182f, 2.0f / 3, 0.0f, 1e30f}};
+const ResultLists two_lists{2, 2, {1, 0, 0, 1}, {0.73182f, 2.0f / 3, 0.0f, 1e30f}};
 const LabelList query_ids{5, 6}, resident_ids{10, 18446744073709551615ul};
 
 TEST(ResultFile, EveryFormatHasItsLines) {
@@ -63,7 +63,7 @@ TEST(ResultFile, EveryFormatHasItsLines) {
 
 TEST(SelfRun, TheQueryComesFirstAndTheOthersKeepTheirOrder) {
   // 0: at the front; 1: behind a duplicate; 2: pushed out by duplicates, takes the last place
-  NeighbourLists lists{3, 3, {0, 4, 5, 3, 4, 1, 6, 7, 8}, {0, .1f, .2f, 0, 0, .3f, 0, 0, 0.5f}};
+  ResultLists lists{3, 3, {0, 4, 5, 3, 4, 1, 6, 7, 8}, {0, .1f, .2f, 0, 0, .3f, 0, 0, 0.5f}};
   put_self_first(lists, {0, 1, 2});
   EXPECT_EQ(lists.neighbours, (std::vector<int>{0, 4, 5, 1, 3, 4, 2, 6, 7}));
   EXPECT_EQ(lists.distances, (std::vector<float>{0, .1f, .2f, .3f, 0, 0, 0, 0, 0}));
@@ -76,7 +76,7 @@ TEST(MajorityVote, TiedClassesGoToTheNearestMember) {
   const LabelList resident{7, 8, 8, 9};
   // First row: 7, then 7:1 8:1 9:1 (7 is nearest), then 8 has two.  Second: always 8 but for the
   // skipped entry.
-  const NeighbourLists lists{2, 5, {3, 0, 1, 3, 2, 0, 1, 2, 1, 2}, {0, 1, 2, 3, 4, 0, 1, 2, 3, 4}};
+  const ResultLists lists{2, 5, {3, 0, 1, 3, 2, 0, 1, 2, 1, 2}, {0, 1, 2, 3, 4, 0, 1, 2, 3, 4}};
   EXPECT_EQ(vote_errors(lists, {1, 3, 4}, true, {7, 8}, resident),
             (std::vector<double>{0, 0, 0.5}));
 }

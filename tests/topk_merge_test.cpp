@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "internal/partition.hpp"
-#include "internal/pipeline_sizes.hpp"
+#include "internal/team.hpp"
 #include "support/pipelines.hpp"
+#include "talvik/batch_sizes.hpp"
 
 namespace talvik {
 namespace {
@@ -31,7 +31,7 @@ class Merge : public testing::Test {
     grp_start = new int[static_cast<size_t>(num_procs)];
     grp_length = new int[static_cast<size_t>(num_procs)];
     for (int p = 0; p < num_procs; ++p) {
-      const auto [first, last] = internal::block_of(p, num_procs, num_docs);
+      const auto [first, last] = internal::share_of(p, num_procs, num_docs);
       grp_start[p] = first;
       grp_length[p] = last - first;
     }

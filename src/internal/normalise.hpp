@@ -4,13 +4,12 @@
 #define TALVIK_INTERNAL_NORMALISE_HPP
 
 #include <cmath>
-
-#include "talvik.hpp"
+#include <utility>
 
 namespace talvik::internal {
 
 inline float& value_of(float& component) { return component; }
-inline float& value_of(Document::value_type& entry) { return entry.second; }
+inline float& value_of(std::pair<unsigned, float>& entry) { return entry.second; }
 
 template <class Items>
 double sum_of(Items& items) {

@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "internal/failure.hpp"
-#include "internal/partition.hpp"
-#include "internal/pipeline_sizes.hpp"
-#include "internal/select_smallest.hpp"
+#include "internal/team.hpp"
 #include "libmpi/abort_job.hpp"
+#include "libwmd/cpu/select_smallest.hpp"
 #include "talvik.hpp"
+#include "talvik/batch_sizes.hpp"
 
 namespace talvik {
 namespace internal {
@@ -82,7 +82,7 @@ void merge_queries(int num_queries, int k, const int* ind, const float* val, int
   const auto length = static_cast<size_t>(k), procs = static_cast<size_t>(num_procs);
   const int threads = std::max(num_cpu_threads, 1);
   std::vector<int> next(static_cast<size_t>(threads) * procs);  // num_procs cursors per thread
-  for_each_block(threads, num_queries, [&](int first, int last, int thread) {
+  for_each_share(threads, num_queries, [&](int first, int last, int thread) {
     for (int q = first; q < last; ++q) {
       const size_t row = static_cast<size_t>(q) * length;
       merge_query({ind + row, val + row, static_cast<size_t>(num_queries) * length}, k,

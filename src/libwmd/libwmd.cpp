@@ -8,18 +8,18 @@
 #include <utility>
 #include <vector>
 
-#include "internal/cache_line.hpp"
-#include "internal/distance_block.hpp"
-#include "internal/distinct_rows.hpp"
-#include "internal/elements.hpp"
-#include "internal/embedding_rows.hpp"
-#include "internal/engine_sizes.hpp"
 #include "internal/failure.hpp"
-#include "internal/ground_distances.hpp"
+#include "internal/index.hpp"
 #include "internal/large_pages.hpp"
-#include "internal/partition.hpp"
-#include "internal/select_smallest.hpp"
-#include "internal/word_distance.hpp"
+#include "internal/team.hpp"
+#include "libwmd/cpu/cache_line.hpp"
+#include "libwmd/cpu/distance_block.hpp"
+#include "libwmd/cpu/ground_distances.hpp"
+#include "libwmd/cpu/select_smallest.hpp"
+#include "libwmd/cpu/sizes.hpp"
+#include "libwmd/distinct_rows.hpp"
+#include "libwmd/embedding_rows.hpp"
+#include "libwmd/word_distance.hpp"
 #include "talvik.hpp"
 
 namespace talvik {
@@ -63,7 +63,7 @@ using internal::BlockRequest;
 using internal::BlockSizes;
 using internal::DistanceSource;
 using internal::elements;
-using internal::StepRule;
+using internal::NearestRule;
 
 template <class T>
 T* copy_of(const T* from, std::size_t count) {
@@ -76,7 +76,7 @@ T* copy_of(const T* from, std::size_t count) {
 float* copy_of_rows(const float* from, int rows, int m) {
   float* copy = new float[elements(rows, m)];
   internal::begin_on_large_pages(copy, elements(rows, m) * sizeof(float));
-  internal::for_each_block(num_cpu_threads, rows, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
     std::copy(from + elements(first, m), from + elements(last, m), copy + elements(first, m));
   });
   return copy;
@@ -142,13 +142,13 @@ internal::QueryBatch held_batch() {
           &host::distinct2, host::X2,     host::Rn2};
 }
 
-internal::ResidentCollection held_collection() {
+internal::CsrCollection held_collection() {
   const bool sorted = host::ascending_ind != nullptr;
   return {host::num_docs, host::start, sorted ? host::ascending_ind : host::ind,
           sorted ? host::ascending_weight : host::weight};
 }
 
-BlockRequest request_of(DistanceSource source, int steps, StepRule rule) {
+BlockRequest request_of(DistanceSource source, int steps, NearestRule rule) {
   return {source,
           internal::chosen_metric(use_cosine, normalize_embeddings),
           host::D_ground,
@@ -231,7 +231,7 @@ int copy_vectors2_cpu(int n2, int m, float* X2, float* weight2, int num_docs2_, 
   const int rows = static_cast<int>(entry_of_row.size());
   host::X2 = new float[elements(rows, m)];
   host::Rn2 = new float[entry_of_row.size()];
-  internal::for_each_block(num_cpu_threads, rows, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
     for (int r = first; r < last; ++r) {
       const float* row = X2 + elements(entry_of_row[static_cast<std::size_t>(r)], m);
       std::copy_n(row, m, host::X2 + elements(r, m));
@@ -271,7 +271,7 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
   const DistanceSource source =
       precompute ? DistanceSource::ground_of_word : DistanceSource::vectors;
   const bool capacity_step = delta_iterations > 0;
-  const BlockRequest request = request_of(source, capacity_step ? 1 : 0, StepRule::single);
+  const BlockRequest request = request_of(source, capacity_step ? 1 : 0, NearestRule::as_asked);
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
 
   // The whole block's and tables' sizes are asked for, though the tiles use only the front.
@@ -302,7 +302,7 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
 int ed_min_vocab_cpu_multi(float* Z, int delta_iterations, bool precompute) {
   const DistanceSource source =
       precompute ? DistanceSource::ground_of_entry : DistanceSource::vectors;
-  const BlockRequest request = request_of(source, delta_iterations, StepRule::halving);
+  const BlockRequest request = request_of(source, delta_iterations, NearestRule::halving);
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
   const int nearest = internal::nearest_of_batch(held_batch(), request.steps, request.rule);
 
@@ -326,7 +326,7 @@ int ed_min_vocab_cpu_multi(float* Z, int delta_iterations, bool precompute) {
 bool isSmaller(std::pair<float, int> a, std::pair<float, int> b) { return a.first < b.first; }
 
 int sort_cpu(int rows, int cols, float* data, int k, int* ind_out, float* val_out) {
-  internal::for_each_block(num_cpu_threads, rows, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
     std::vector<internal::Candidate> smallest;
     for (int r = first; r < last; ++r) {
       internal::select_smallest(data + elements(r, cols), cols, k, smallest);
@@ -341,13 +341,12 @@ int sort_cpu(int rows, int cols, float* data, int k, int* ind_out, float* val_ou
 
 int topk_single(int k, int rows, int cols, float* values, float* values_k, float* weights,
                 float* weights_k) {
-  internal::for_each_block(num_cpu_threads, cols, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, cols, [&](int first, int last, int) {
     std::vector<float> column(static_cast<std::size_t>(rows));
     std::vector<internal::Candidate> smallest;
     for (int c = first; c < last; ++c) {
       for (int r = 0; r < rows; ++r) {
-        column[static_cast<std::size_t>(r)] =
-            values[elements(r, cols) + static_cast<std::size_t>(c)];
+        column[static_cast<std::size_t>(r)] = values[elements(r, cols) + c];
       }
       internal::select_smallest(column.data(), rows, k, smallest);
       for (int t = 0; t < k; ++t) {
@@ -363,7 +362,7 @@ int topk_single(int k, int rows, int cols, float* values, float* values_k, float
 
 void update_weights_delta(float* weight_in, float* weights_min, float* weight_updated,
                           float* weight_delta) {
-  internal::for_each_block(num_cpu_threads, host::num_docs, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, host::num_docs, [&](int first, int last, int) {
     for (int p = host::start[first]; p < host::start[last]; ++p) {
       const float a = weight_in[p];
       const float b = weights_min[host::ind[p]];
@@ -375,7 +374,7 @@ void update_weights_delta(float* weight_in, float* weights_min, float* weight_up
 
 void gather_matrix_rows_cpu(int num_rows, int /*num_cols*/, int row_len, float* matrix,
                             int* row_ind, float* out) {
-  internal::for_each_block(num_cpu_threads, num_rows, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, num_rows, [&](int first, int last, int) {
     for (int i = first; i < last; ++i) {
       std::copy_n(matrix + elements(row_ind[i], row_len), row_len, out + elements(i, row_len));
     }
@@ -384,7 +383,7 @@ void gather_matrix_rows_cpu(int num_rows, int /*num_cols*/, int row_len, float* 
 
 void gather_matrix_columns_cpu(int num_rows, int num_cols, int src_cols, float* matrix,
                                int* col_ind, float* out) {
-  internal::for_each_block(num_cpu_threads, num_rows, [&](int first, int last, int) {
+  internal::for_each_share(num_cpu_threads, num_rows, [&](int first, int last, int) {
     for (int i = first; i < last; ++i) {
       const float* row = matrix + elements(i, src_cols);
       float* row_out = out + elements(i, num_cols);

@@ -5,13 +5,13 @@
 #include <string>
 #include <vector>
 
-#include "internal/distinct_rows.hpp"
-#include "internal/embedding_rows.hpp"
 #include "internal/failure.hpp"
-#include "libwmd/gpu_block.cuh"
-#include "libwmd/gpu_calls.cuh"
-#include "libwmd/gpu_engine.hpp"
-#include "libwmd/platform/device.hpp"
+#include "libwmd/distinct_rows.hpp"
+#include "libwmd/embedding_rows.hpp"
+#include "libwmd/gpu/calls.cuh"
+#include "libwmd/gpu/distance_block.cuh"
+#include "libwmd/gpu/engine.hpp"
+#include "libwmd/gpu/platform/device.hpp"
 #include "talvik.hpp"
 
 namespace talvik {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "internal/normalise.hpp"
-#include "internal/tokens.hpp"
+#include "parse/tokens.hpp"
 #include "talvik.hpp"
 
 namespace talvik {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "internal/normalise.hpp"
-#include "internal/tokens.hpp"
+#include "parse/tokens.hpp"
 #include "talvik.hpp"
 
 namespace talvik {

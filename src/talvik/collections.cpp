@@ -5,9 +5,9 @@
 #include <limits>
 #include <string>
 
-#include "internal/compress.hpp"
 #include "internal/failure.hpp"
-#include "internal/partition.hpp"
+#include "internal/team.hpp"
+#include "talvik/compress.hpp"
 
 namespace talvik {
 
@@ -74,7 +74,7 @@ int setup_vectors(float* embeddings, int vec_size, const DocumentSet& docs, int 
   convert_range(docs, first, count, start,
                 [&](int r, unsigned, float entry_weight) { weight[r] = entry_weight; });
   const size_t row_floats = static_cast<size_t>(std::max(vec_size, 0));
-  internal::for_each_block(num_cpu_threads, count, [&](int first_doc, int last_doc, int) {
+  internal::for_each_share(num_cpu_threads, count, [&](int first_doc, int last_doc, int) {
     for (int d = first_doc; d < last_doc; ++d) {
       float* row = X + static_cast<size_t>(start[d]) * row_floats;
       for (const auto& entry : docs[static_cast<size_t>(first + d)]) {

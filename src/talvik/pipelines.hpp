@@ -3,17 +3,17 @@
 #ifndef TALVIK_TALVIK_PIPELINES_HPP
 #define TALVIK_TALVIK_PIPELINES_HPP
 
-#include "talvik/query_run.hpp"
+#include "talvik/batches.hpp"
 
 namespace talvik::internal {
 
 /// rwmd2_parallel; `run.budget_floats` bounds its batches.
-int split_resident_run(const RunParameters& run, const Collection& resident,
-                       const Collection& queries, float** D_out);
+int split_resident_run(const RunParameters& run, const LabelledDocuments& resident,
+                       const LabelledDocuments& queries, float** D_out);
 
 /// rwmd2_scaleout_wrapper.
-int scale_out_run(const RunParameters& run, const Collection& resident, const Collection& queries,
-                  float* D_max);
+int scale_out_run(const RunParameters& run, const LabelledDocuments& resident,
+                  const LabelledDocuments& queries, float* D_max);
 
 /// Both directions: with docs1 resident into a new matrix, then with docs2 resident merged into it.
 /// Returns the result of the two-way functions.

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "internal/partition.hpp"
+#include "internal/team.hpp"
 #include "talvik/pipelines.hpp"
 
 namespace talvik {
@@ -21,9 +21,9 @@ std::string own_result_path(const RunParameters& run) {
 }
 
 // Both sides become the larger value; a NaN in Z leaves D_max as it is.
-void merge_maximum(const Block& block, int columns, float* D_max) {
+void merge_maximum(const DistanceBlock& block, int columns, float* D_max) {
   const auto row_floats = static_cast<size_t>(columns);
-  for_each_block(num_cpu_threads, block.num_queries, [&](int first, int last, int) {
+  for_each_share(num_cpu_threads, block.num_queries, [&](int first, int last, int) {
     for (size_t at = static_cast<size_t>(first) * row_floats;
          at < static_cast<size_t>(last) * row_floats; ++at) {
       const float larger = block.Z[at] > D_max[at] ? block.Z[at] : D_max[at];
@@ -34,7 +34,7 @@ void merge_maximum(const Block& block, int columns, float* D_max) {
 
 // This process's group of the queries, bounded by what the group itself needs: nothing is shared
 // with the other processes.
-QueryPass own_pass(const RunParameters& run, int num_resident) {
+BatchPlan own_plan(const RunParameters& run, int num_resident) {
   const int group = grp_length[myid];
   return {grp_start[myid], group, num_resident,
           queries_per_batch(run.budget_floats, group, num_resident,
@@ -43,12 +43,12 @@ QueryPass own_pass(const RunParameters& run, int num_resident) {
 
 // The resident collection's documents are in the engine; only their labels are needed.
 int query(const RunParameters& run, int num_resident, const LabelList& resident_labels,
-          const Collection& queries, float* D_max) {
+          const LabelledDocuments& queries, float* D_max) {
   require_documents("query", queries.docs, queries.num_docs);
   if (!grp_start) load_balancing(queries.docs, queries.num_docs, queries.num_words);
   require_split_of(queries.num_docs);
   const int k = run.compute_topk ? list_length(run.k, num_resident) : 0;
-  const QueryPass pass = own_pass(run, num_resident);
+  const BatchPlan plan = own_plan(run, num_resident);
 
   std::optional<ResultFile> file;
   if (run.compute_topk) {
@@ -56,9 +56,9 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
     require_labels("query", queries.labels, queries.num_docs);
     file = open_result_file(own_result_path(run));
   }
-  const ListBuffers buffers = allocate_lists(pass.batch, k);
-  run_batches(run, queries, pass, [&](const Block& block) {
-    const auto first_row = static_cast<size_t>(block.first_query - pass.first_query);
+  const ListBuffers buffers = allocate_lists(plan.batch, k);
+  run_batches(run, queries, plan, [&](const DistanceBlock& block) {
+    const auto first_row = static_cast<size_t>(block.first_query - plan.first_query);
     merge_maximum(block, num_resident, D_max + first_row * static_cast<size_t>(num_resident));
     if (k == 0) return NeighbourLists{};
     sort_cpu(block.num_queries, num_resident, block.Z, k, buffers.ind.get(), buffers.val.get());
@@ -73,8 +73,8 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
 
 }  // namespace
 
-int scale_out_run(const RunParameters& run, const Collection& resident, const Collection& queries,
-                  float* D_max) {
+int scale_out_run(const RunParameters& run, const LabelledDocuments& resident,
+                  const LabelledDocuments& queries, float* D_max) {
   init(run, resident.docs, resident.num_docs);
   query(run, resident.num_docs, resident.labels, queries, D_max);
   release_resident_documents(run);

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "internal/failure.hpp"
-#include "internal/partition.hpp"
+#include "internal/team.hpp"
 #include "talvik/pipelines.hpp"
 
 namespace talvik {
@@ -23,7 +23,7 @@ int init(const RunParameters& run, const DocumentSet& docs, int num_docs, int nu
 
 // The batch that every process takes, so that all merge the same queries at the same time.  The
 // largest group bounds it: every process knows that group's size.
-int common_batch(const RunParameters& run, int k, const Collection& queries) {
+int common_batch(const RunParameters& run, int k, const LabelledDocuments& queries) {
   const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
   return queries_per_batch(run.budget_floats, queries.num_docs, std::max(largest_group, k),
                            average_vector_floats(run, queries.num_words, queries.num_docs));
@@ -31,9 +31,9 @@ int common_batch(const RunParameters& run, int k, const Collection& queries) {
 
 // D_trans[i*num_queries + first_query + q] = Z[q*rows + i].  In tiles, because one of the two sides
 // is always read or written across its rows.
-void transpose_block(const Block& block, int rows, int num_queries, float* D_trans) {
+void transpose_block(const DistanceBlock& block, int rows, int num_queries, float* D_trans) {
   constexpr int tile = 32;
-  for_each_block(num_cpu_threads, rows, [&](int first, int last, int) {
+  for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
     for (int i0 = first; i0 < last; i0 += tile) {
       const int i_end = std::min(i0 + tile, last);
       for (int q0 = 0; q0 < block.num_queries; q0 += tile) {
@@ -60,26 +60,26 @@ float* allocate_matrix(size_t bytes) {
   return matrix;
 }
 
-int query_matrix(const RunParameters& run, const Collection& queries, const QueryPass& pass,
+int query_matrix(const RunParameters& run, const LabelledDocuments& queries, const BatchPlan& plan,
                  float** D_out) {
-  const size_t bytes = static_cast<size_t>(pass.num_resident) *
+  const size_t bytes = static_cast<size_t>(plan.num_resident) *
                        static_cast<size_t>(queries.num_docs) * sizeof(float);
   *D_out = allocate_matrix(bytes);
-  run_batches(run, queries, pass, [&](const Block& block) {
-    transpose_block(block, pass.num_resident, queries.num_docs, *D_out);
+  run_batches(run, queries, plan, [&](const DistanceBlock& block) {
+    transpose_block(block, plan.num_resident, queries.num_docs, *D_out);
     return NeighbourLists{block.first_query, block.num_queries, 0, nullptr, nullptr};
   });
   return static_cast<int>(bytes);
 }
 
 int query_topk(const RunParameters& run, const LabelList& resident_labels,
-               const Collection& queries, const QueryPass& pass, int k) {
+               const LabelledDocuments& queries, const BatchPlan& plan, int k) {
   std::optional<ResultFile> file;
   if (myid == 0) file = open_result_file(result_path(run));
-  const ListBuffers buffers = allocate_lists(pass.batch, k);
-  run_batches(run, queries, pass, [&](const Block& block) {
+  const ListBuffers buffers = allocate_lists(plan.batch, k);
+  run_batches(run, queries, plan, [&](const DistanceBlock& block) {
     NeighbourLists lists{block.first_query, block.num_queries, 0, nullptr, nullptr};
-    sort_cpu_parallel(block.num_queries, pass.num_resident, k, block.Z, buffers.ind.get(),
+    sort_cpu_parallel(block.num_queries, plan.num_resident, k, block.Z, buffers.ind.get(),
                       buffers.val.get());
     if (!file) return lists;
     lists = {block.first_query, block.num_queries, k, buffers.ind.get(), buffers.val.get()};
@@ -92,21 +92,21 @@ int query_topk(const RunParameters& run, const LabelList& resident_labels,
 
 // The resident collection's documents are in the engine; only their labels are needed.
 int query(const RunParameters& run, int num_resident_docs, const LabelList& resident_labels,
-          const Collection& queries, float** D_out) {
+          const LabelledDocuments& queries, float** D_out) {
   require_split_of(num_resident_docs);
   require_documents("query", queries.docs, queries.num_docs);
   const int k = run.compute_topk ? list_length(run.k, num_resident_docs) : 0;
-  const QueryPass pass{0, queries.num_docs, grp_length[myid], common_batch(run, k, queries)};
-  if (!run.compute_topk) return query_matrix(run, queries, pass, D_out);
+  const BatchPlan plan{0, queries.num_docs, grp_length[myid], common_batch(run, k, queries)};
+  if (!run.compute_topk) return query_matrix(run, queries, plan, D_out);
   require_labels("resident", resident_labels, num_resident_docs);
   require_labels("query", queries.labels, queries.num_docs);
-  return query_topk(run, resident_labels, queries, pass, k);
+  return query_topk(run, resident_labels, queries, plan, k);
 }
 
 }  // namespace
 
-int split_resident_run(const RunParameters& run, const Collection& resident,
-                       const Collection& queries, float** D_out) {
+int split_resident_run(const RunParameters& run, const LabelledDocuments& resident,
+                       const LabelledDocuments& queries, float** D_out) {
   init(run, resident.docs, resident.num_docs, resident.num_words);
   query(run, resident.num_docs, resident.labels, queries, D_out);
   release_resident_documents(run);

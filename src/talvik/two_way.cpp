@@ -6,7 +6,7 @@ namespace talvik {
 namespace internal {
 namespace {
 
-Collection counted(const DocumentSet& docs, const LabelList& labels) {
+LabelledDocuments counted(const DocumentSet& docs, const LabelList& labels) {
   const int num_docs = static_cast<int>(docs.size());
   return {docs, labels, num_docs, count_entries(docs, 0, num_docs)};
 }
@@ -16,7 +16,7 @@ Collection counted(const DocumentSet& docs, const LabelList& labels) {
 int two_way_run(const RunParameters& run, const DocumentSet& docs1, const LabelList& labels1,
                 const DocumentSet& docs2, const LabelList& labels2, float** D_out) {
   cleanup_distribution_info();  // so that the first direction splits docs1
-  const Collection first = counted(docs1, labels1), second = counted(docs2, labels2);
+  const LabelledDocuments first = counted(docs1, labels1), second = counted(docs2, labels2);
   RunParameters matrix_only = run;
   matrix_only.compute_topk = false;
   split_resident_run(matrix_only, first, second, D_out);

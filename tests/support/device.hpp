@@ -4,7 +4,7 @@
 #define TALVIK_TESTS_DEVICE_HPP
 
 #ifndef TALVIK_DEVICE_CUDA
-#include "libwmd/platform/hostdev_control.hpp"
+#include "libwmd/gpu/platform/hostdev_control.hpp"
 #endif
 
 namespace talvik::test {

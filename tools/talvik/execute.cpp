@@ -12,9 +12,9 @@
 #include <utility>
 
 #include "agreement.hpp"
+#include "library_run.hpp"
 #include "memory_plan.hpp"
 #include "output_file.hpp"
-#include "query_run.hpp"
 #include "report.hpp"
 #include "result_writer.hpp"
 #include "run_error.hpp"
@@ -132,7 +132,7 @@ void write_matrix(const RunOptions& options, Mode mode, const RunOutcome& outcom
   outputs.committed_shard->keep = options.keep_shards;
 }
 
-void write_lists(const RunOptions& options, const Problem& problem, const NeighbourLists& lists,
+void write_lists(const RunOptions& options, const Problem& problem, const ResultLists& lists,
                  Outputs& outputs) {
   together([&] {
     if (myid != 0) return;

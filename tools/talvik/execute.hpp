@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "collections.hpp"
+#include "problem.hpp"
 #include "run_options.hpp"
 
 namespace talvik::tool {

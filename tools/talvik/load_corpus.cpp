@@ -13,7 +13,7 @@
 #include <tuple>
 
 #include "input_checks.hpp"
-#include "internal/tokens.hpp"
+#include "parse/tokens.hpp"
 #include "run_error.hpp"
 
 namespace talvik::tool {
@@ -60,7 +60,7 @@ unsigned long id_of(const std::string& path, const std::string& name) {
   return id;
 }
 
-void count_words(const std::string& text, const VocabularyMap& voc, Collection& collection) {
+void count_words(const std::string& text, const VocabularyMap& voc, LoadedCollection& collection) {
   std::string word;
   internal::for_each_token(text, [&](std::string_view token) {
     if (token.empty()) return;
@@ -70,10 +70,10 @@ void count_words(const std::string& text, const VocabularyMap& voc, Collection& 
   });
 }
 
-Collection read_collection(const std::string& root, const std::vector<CorpusFile>& files, int limit,
-                           const CorpusOptions& options, VocabularyMap& voc,
-                           const std::map<std::string, unsigned long>& class_numbers) {
-  Collection collection;
+LoadedCollection read_collection(const std::string& root, const std::vector<CorpusFile>& files,
+                                 int limit, const CorpusOptions& options, VocabularyMap& voc,
+                                 const std::map<std::string, unsigned long>& class_numbers) {
+  LoadedCollection collection;
   for (const int number : choose_spread(static_cast<int>(files.size()), limit)) {
     const CorpusFile& file = files[static_cast<size_t>(number)];
     std::string text;

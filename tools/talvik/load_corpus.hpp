@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "collections.hpp"
+#include "problem.hpp"
 
 namespace talvik::tool {
 

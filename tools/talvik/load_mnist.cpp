@@ -9,8 +9,8 @@
 namespace talvik::tool {
 namespace {
 
-Collection read_images(const std::string& image_path, const std::string& label_path, int limit,
-                       Problem& problem) {
+LoadedCollection read_images(const std::string& image_path, const std::string& label_path,
+                             int limit, Problem& problem) {
   const long long images = check_idx_images(image_path);
   const long long labels = check_idx_labels(label_path);
   if (images != labels) {
@@ -29,7 +29,7 @@ Collection read_images(const std::string& image_path, const std::string& label_p
   problem.voc_size = static_cast<int>(voc_size);
   problem.vec_size = static_cast<int>(vec_size);
 
-  Collection collection;
+  LoadedCollection collection;
   const size_t read = limit > 0 ? std::min(docs.size(), static_cast<size_t>(limit)) : docs.size();
   for (size_t i = 0; i < read; ++i) {
     if (docs[i].empty()) {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "collections.hpp"
+#include "problem.hpp"
 
 namespace talvik::tool {
 

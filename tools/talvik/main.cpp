@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "commands.hpp"
+#include "commands/commands.hpp"
 #include "execute.hpp"
 #include "run_error.hpp"
 

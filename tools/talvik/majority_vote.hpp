@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "neighbour_lists.hpp"
+#include "result_lists.hpp"
 #include "talvik.hpp"
 
 namespace talvik::tool {
@@ -23,7 +23,7 @@ inline std::vector<int> vote_sizes(int k) {
 /// voters.  Of tied classes the one with the nearest member wins.
 /// @param sizes       ascending; at most the list length without a skipped entry
 /// @param skip_first  entry 0 of every list does not vote
-inline std::vector<double> vote_errors(const NeighbourLists& lists, const std::vector<int>& sizes,
+inline std::vector<double> vote_errors(const ResultLists& lists, const std::vector<int>& sizes,
                                        bool skip_first, const LabelList& query_classes,
                                        const LabelList& resident_classes) {
   std::vector<double> errors(sizes.size(), 0.0);

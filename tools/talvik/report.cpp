@@ -11,7 +11,7 @@
 namespace talvik::tool {
 namespace {
 
-void print_dropped(const char* which, const Collection& collection) {
+void print_dropped(const char* which, const LoadedCollection& collection) {
   for (const std::string& document : collection.dropped) {
     fmt::print("left out ({}): {}\n", which, document);
   }
@@ -43,8 +43,8 @@ void print_warnings(const Problem& problem, const RunOptions& options) {
 void report_before(const Problem& problem, const RunOptions& options, const RunFacts& facts) {
   if (myid != 0) return;
   const bool self = problem.self_run();
-  const Collection& resident = problem.resident;
-  const Collection& queries = problem.queries;
+  const LoadedCollection& resident = problem.resident;
+  const LoadedCollection& queries = problem.queries;
   fmt::print("{:<20}{:>12}{}\n", "", "resident", self ? "" : "     queries");
   print_row("documents", static_cast<long long>(resident.docs.size()),
             static_cast<long long>(queries.docs.size()), self);
@@ -81,7 +81,7 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
   print_warnings(problem, options);
 }
 
-void report_after(const Problem& problem, const NeighbourLists& lists, bool skip_first,
+void report_after(const Problem& problem, const ResultLists& lists, bool skip_first,
                   double seconds) {
   if (myid == 0) {
     const double pairs = static_cast<double>(problem.queries.docs.size()) *

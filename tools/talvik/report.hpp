@@ -2,9 +2,9 @@
 #ifndef TALVIK_TOOL_REPORT_HPP
 #define TALVIK_TOOL_REPORT_HPP
 
-#include "collections.hpp"
 #include "memory_plan.hpp"
-#include "neighbour_lists.hpp"
+#include "problem.hpp"
+#include "result_lists.hpp"
 #include "run_options.hpp"
 
 namespace talvik::tool {
@@ -22,7 +22,7 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
 
 /// Prints speed, precision and classification error on process 0.  Collective.
 /// @param skip_first  entry 0 of every list is the query itself
-void report_after(const Problem& problem, const NeighbourLists& lists, bool skip_first,
+void report_after(const Problem& problem, const ResultLists& lists, bool skip_first,
                   double seconds);
 
 }  // namespace talvik::tool

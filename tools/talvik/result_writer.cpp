@@ -47,7 +47,7 @@ Format format_of(std::string_view name) {
   return Format::library;
 }
 
-void write_results(const NeighbourLists& lists, bool skip_first, Format format,
+void write_results(const ResultLists& lists, bool skip_first, Format format,
                    const DocumentNames& names,
                    const std::function<void(const std::string&)>& write) {
   fmt::memory_buffer text;

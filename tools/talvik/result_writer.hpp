@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "neighbour_lists.hpp"
+#include "result_lists.hpp"
 #include "talvik.hpp"
 
 namespace talvik::tool {
@@ -23,7 +23,7 @@ struct DocumentNames {
 
 /// Hands the file's text to write, in pieces of whole lines.
 /// @param skip_first  entry 0 of every list is the query itself and is left out
-void write_results(const NeighbourLists& lists, bool skip_first, Format format,
+void write_results(const ResultLists& lists, bool skip_first, Format format,
                    const DocumentNames& names,
                    const std::function<void(const std::string&)>& write);
 

@@ -1,0 +1,45 @@
+// The team of threads and its contiguous split.  Every OpenMP pragma of the library sits here.
+#ifndef TALVIK_INTERNAL_TEAM_HPP
+#define TALVIK_INTERNAL_TEAM_HPP
+
+#include <omp.h>
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+namespace talvik::internal {
+
+// Share t of n items over `threads`; the first n % threads shares hold one more.
+//   n = 10, 4 threads:  [0,3) [3,6) [6,8) [8,10)      n = 2, 4 threads:  [0,1) [1,2) [2,2) [2,2)
+constexpr std::pair<int, int> share_of(int t, int threads, int n) {
+  const int first = t * (n / threads) + std::min(t, n % threads);
+  return {first, first + n / threads + (t < n % threads ? 1 : 0)};
+}
+static_assert(share_of(1, 4, 10) == std::pair(3, 6) && share_of(3, 4, 10) == std::pair(8, 10));
+static_assert(share_of(1, 4, 2) == std::pair(1, 2) && share_of(3, 4, 2) == std::pair(2, 2));
+
+/// Runs body(first, last, thread) on a team, one contiguous share of [0, n) per thread.  The body
+/// writes nothing but what its share owns.  If it throws, one of the exceptions is rethrown once
+/// the whole team has finished.
+template <class Body>
+void for_each_share(int threads, int n, const Body& body) {
+  omp_set_num_threads(std::max(threads, 1));
+  std::exception_ptr failure;  // an exception may not leave the parallel region
+#pragma omp parallel
+  {
+    try {
+      const int thread = omp_get_thread_num();
+      const auto [first, last] = share_of(thread, omp_get_num_threads(), n);
+      body(first, last, thread);
+    } catch (...) {
+#pragma omp critical(talvik_team_failure)
+      failure = std::current_exception();
+    }
+  }
+  if (failure) std::rethrow_exception(failure);
+}
+
+}  // namespace talvik::internal
+
+#endif

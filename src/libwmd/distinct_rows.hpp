@@ -1,0 +1,51 @@
+// Which entries of a query batch share a row, so that distances are computed once per distinct row.
+#ifndef TALVIK_LIBWMD_DISTINCT_ROWS_HPP
+#define TALVIK_LIBWMD_DISTINCT_ROWS_HPP
+
+#include <cstddef>
+#include <vector>
+
+namespace talvik::internal {
+
+/// Consecutive entries whose distinct rows are held, and multiplied, together.
+struct RowPass {
+  int first_row, last_row;      ///< [first, last) of DistinctRows::entry_of_row
+  int first_entry, last_entry;  ///< [first, last) of the batch's entries
+};
+
+/// Consecutive documents that share their passes: one pass for all of them, or, for a document of
+/// more rows than a pass may hold, several passes for that one document.
+struct BatchSection {
+  int first_doc, last_doc;
+  int first_pass, last_pass;
+};
+
+/// Rows stand in the order of their first appearance in their pass, or as order_rows has left them.
+struct DistinctRows {
+  std::vector<int> row_of_entry;  ///< per entry, counted from its pass's first row; padded at the
+                                  ///< end by row_padding zeros, so that prefetching may run ahead
+  std::vector<int> entry_of_row;  ///< per row, the first entry of its pass that has it
+  std::vector<RowPass> passes;
+  std::vector<BatchSection> sections;  ///< in document order, all documents covered
+};
+
+inline constexpr int row_padding = 16;
+
+/// Rows are equal if their bytes are.
+/// @param rows       one row per entry, row_bytes each
+/// @param start      num_docs + 1 entry offsets
+/// @param max_rows   distinct rows that a pass may hold, at least 1
+/// @param threads    team that hashes the rows
+DistinctRows find_distinct_rows(const void* rows, std::size_t row_bytes, const int* start,
+                                int num_docs, int max_rows, int threads);
+
+/// Rows of the largest of the passes [first_pass, last_pass).
+int largest_pass(const DistinctRows& distinct, int first_pass, int last_pass);
+
+/// Renumbers the rows of every pass by ascending key of their first entry.
+/// @param key  per entry, equal for entries of one row
+void order_rows(const int* key, DistinctRows& distinct);
+
+}  // namespace talvik::internal
+
+#endif

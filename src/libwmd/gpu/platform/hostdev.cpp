@@ -1,0 +1,256 @@
+// The stand-in's memory, copies, devices and launch checks; faults on demand.
+#include "libwmd/gpu/platform/hostdev.hpp"
+
+#include <sys/mman.h>  // mmap, mprotect: memory that host code cannot touch
+#include <thrust/system_error.h>
+#include <unistd.h>  // sysconf
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+
+#include "libwmd/gpu/platform/hostdev_checks.hpp"
+#include "libwmd/gpu/platform/hostdev_control.hpp"
+
+namespace talvik::hostdev {
+
+namespace {
+
+constexpr size_t poisoned_bytes = size_t{16} << 20;
+constexpr int poison = 0xff;  // four of them are a NaN
+
+// What a GPU accepts in a launch.
+constexpr unsigned int most_blocks_x = 2147483647, most_blocks_yz = 65535;
+constexpr unsigned int most_threads = 1024, most_threads_z = 64;
+
+struct Allocation {
+  size_t bytes;
+  int device;
+  void* mapping;        // null: from malloc
+  size_t mapped_bytes;  // whole pages, with an inaccessible one behind them
+};
+
+std::map<const char*, Allocation, std::less<>> allocations;  // by first byte
+size_t used_bytes = 0;
+FaultPlan plan;
+int device_count = 1;
+thread_local int device = 0;
+cudaError_t last_error = cudaSuccess;
+
+bool set_in_environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr && *value != '\0' && std::strcmp(value, "0") != 0;
+}
+
+bool guarded() {
+  static const bool value = set_in_environment("TALVIK_HOSTDEV_GUARD");
+  return value;
+}
+
+void open_or_close(int protection) {
+  if (!guarded()) return;
+  for (const auto& [first, allocation] : allocations)
+    if (mprotect(allocation.mapping, allocation.mapped_bytes, protection) != 0)
+      die("guard", "mprotect failed");
+}
+
+cudaError_t result_of(cudaError_t status) {
+  if (status != cudaSuccess) last_error = status;
+  return status;
+}
+
+cudaError_t planned(const char* call) {
+  return result_of(static_cast<cudaError_t>(count_call(call)));
+}
+
+// The live allocation that holds the byte, or the end.
+auto holder_of(const void* byte) {
+  const char* address = static_cast<const char*>(byte);
+  auto after = allocations.upper_bound(address);
+  if (after == allocations.begin()) return allocations.end();
+  const auto candidate = std::prev(after);
+  return address < candidate->first + candidate->second.bytes ? candidate : allocations.end();
+}
+
+void require_host_range(const std::string& call, const void* first, size_t bytes) {
+  const char* begin = static_cast<const char*>(first);
+  const auto next = allocations.lower_bound(begin);
+  if (holder_of(first) != allocations.end() ||
+      (next != allocations.end() && next->first < begin + bytes))
+    die(call, "the host side of the copy lies in device memory");
+}
+
+// Right-aligned against an inaccessible page, so that a kernel's step over the end is seen too.
+char* map_pages(size_t bytes, Allocation* allocation) {
+  constexpr size_t alignment = 16;
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  const size_t open_bytes = (bytes + page - 1) / page * page;
+  allocation->mapped_bytes = open_bytes;
+  void* base = mmap(nullptr, open_bytes + page, PROT_NONE,
+                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (base == MAP_FAILED) return nullptr;
+  if (mprotect(base, open_bytes, PROT_READ | PROT_WRITE) != 0) die("cudaMalloc", "mprotect failed");
+  allocation->mapping = base;
+  return static_cast<char*>(base) + open_bytes - (bytes + alignment - 1) / alignment * alignment;
+}
+
+}  // namespace
+
+void die(const std::string& call, const std::string& fault) {
+  std::fprintf(stderr, "hostdev: %s: %s\n", call.c_str(), fault.c_str());
+  std::abort();
+}
+
+void require_device_range(const std::string& call, const void* first, size_t bytes) {
+  if (bytes == 0) return;
+  const auto holder = holder_of(first);
+  if (holder == allocations.end()) die(call, "no live device allocation holds its memory");
+  const auto& [begin, allocation] = *holder;
+  const size_t room = begin + allocation.bytes - static_cast<const char*>(first);
+  if (bytes > room)
+    die(call, "goes " + std::to_string(bytes - room) +
+                  " bytes beyond the end of an allocation of " + std::to_string(allocation.bytes));
+  if (allocation.device != device)
+    die(call, "memory of device " + std::to_string(allocation.device) + " used while device " +
+                  std::to_string(device) + " is selected");
+}
+
+int count_call(const std::string& call) {
+  if (call != plan.call || plan.skip-- > 0) return 0;
+  plan.call.clear();
+  return plan.status;
+}
+
+void plan_fault(const FaultPlan& new_plan) { plan = new_plan; }
+
+size_t live_allocations() { return allocations.size(); }
+
+void set_device_count(int count) { device_count = count; }
+
+int selected_device() { return device; }
+
+DeviceWork::DeviceWork() { open_or_close(PROT_READ | PROT_WRITE); }
+
+DeviceWork::~DeviceWork() { open_or_close(PROT_NONE); }
+
+bool interleaved() {
+  static const bool value = set_in_environment("TALVIK_HOSTDEV_INTERLEAVE");
+  return value;
+}
+
+void check_launch(dim3 grid, dim3 block) {
+  count_call("launch");
+  const unsigned long long threads = 1ull * block.x * block.y * block.z;
+  const bool grid_fits = grid.x >= 1 && grid.x <= most_blocks_x && grid.y >= 1 &&
+                         grid.y <= most_blocks_yz && grid.z >= 1 && grid.z <= most_blocks_yz;
+  if (grid_fits && threads >= 1 && threads <= most_threads && block.z <= most_threads_z) return;
+  const auto text = [](dim3 shape) {
+    return std::to_string(shape.x) + " x " + std::to_string(shape.y) + " x " +
+           std::to_string(shape.z);
+  };
+  die("launch", "a GPU refuses a grid of " + text(grid) + " blocks of " + text(block));
+}
+
+void check_transform(const float* device_values, size_t count) {
+  require_device_range("transform_in_place", device_values, count * sizeof(float));
+  if (const int status = count_call("transform_in_place"))
+    throw thrust::system_error(status, thrust::system_category(),
+                               "transform: failed to synchronize");
+}
+
+cudaError_t cudaGetDeviceCount(int* count) {
+  if (const cudaError_t status = planned("cudaGetDeviceCount")) return status;
+  *count = device_count;
+  return cudaSuccess;
+}
+
+cudaError_t cudaSetDevice(int new_device) {
+  if (const cudaError_t status = planned("cudaSetDevice")) return status;
+  if (new_device < 0 || new_device >= device_count) return result_of(cudaErrorInvalidDevice);
+  device = new_device;
+  return cudaSuccess;
+}
+
+cudaError_t cudaDeviceSynchronize() { return planned("cudaDeviceSynchronize"); }
+
+cudaError_t cudaGetLastError() {
+  const cudaError_t error = last_error;
+  last_error = cudaSuccess;
+  const cudaError_t status = planned("cudaGetLastError");
+  return status != cudaSuccess ? status : error;
+}
+
+cudaError_t cudaMalloc(void** pointer, size_t bytes) {
+  if (const cudaError_t status = planned("cudaMalloc")) return status;
+  *pointer = nullptr;
+  if (bytes == 0) return cudaSuccess;
+  if (used_bytes > plan.memory_limit || bytes > plan.memory_limit - used_bytes)
+    return result_of(cudaErrorMemoryAllocation);
+  Allocation allocation{bytes, device, nullptr, 0};
+  // Small ones come from malloc, where the address sanitizer sees steps over either end.
+  const bool pages = guarded() || bytes > poisoned_bytes;
+  char* first = pages ? map_pages(bytes, &allocation) : static_cast<char*>(std::malloc(bytes));
+  if (first == nullptr) return result_of(cudaErrorMemoryAllocation);
+  if (bytes <= poisoned_bytes) std::memset(first, poison, bytes);
+  allocations.emplace(first, allocation);
+  used_bytes += bytes;
+  if (guarded()) mprotect(allocation.mapping, allocation.mapped_bytes, PROT_NONE);
+  *pointer = first;
+  return cudaSuccess;
+}
+
+cudaError_t cudaFree(void* pointer) {
+  if (const cudaError_t status = planned("cudaFree")) return status;
+  if (pointer == nullptr) return cudaSuccess;
+  const auto found = allocations.find(static_cast<const char*>(pointer));
+  if (found == allocations.end()) die("cudaFree", "not the start of a live device allocation");
+  const Allocation allocation = found->second;
+  allocations.erase(found);
+  used_bytes -= allocation.bytes;
+  if (allocation.mapping == nullptr) {
+    std::free(pointer);
+  } else if (guarded()) {
+    // The addresses stay taken, so that later use of the freed memory is always seen.
+    mmap(allocation.mapping, allocation.mapped_bytes, PROT_NONE,
+         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+  } else {
+    munmap(allocation.mapping, allocation.mapped_bytes + sysconf(_SC_PAGESIZE));
+  }
+  return cudaSuccess;
+}
+
+cudaError_t cudaMemset(void* pointer, int value, size_t bytes) {
+  if (const cudaError_t status = planned("cudaMemset")) return status;
+  require_device_range("cudaMemset", pointer, bytes);
+  const DeviceWork work;
+  if (bytes > 0) std::memset(pointer, value, bytes);
+  return cudaSuccess;
+}
+
+cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind kind) {
+  if (const cudaError_t status = planned("cudaMemcpy")) return status;
+  if (bytes == 0) return cudaSuccess;
+  if (kind == cudaMemcpyHostToDevice)
+    require_host_range("cudaMemcpy", from, bytes);
+  else
+    require_device_range("cudaMemcpy", from, bytes);
+  if (kind == cudaMemcpyDeviceToHost)
+    require_host_range("cudaMemcpy", to, bytes);
+  else
+    require_device_range("cudaMemcpy", to, bytes);
+  const DeviceWork work;
+  std::memcpy(to, from, bytes);
+  return cudaSuccess;
+}
+
+cudaError_t cudaMemGetInfo(size_t* free_bytes, size_t* total_bytes) {
+  if (const cudaError_t status = planned("cudaMemGetInfo")) return status;
+  *total_bytes = plan.memory_limit;
+  *free_bytes = plan.memory_limit > used_bytes ? plan.memory_limit - used_bytes : 0;
+  return cudaSuccess;
+}
+
+}  // namespace talvik::hostdev

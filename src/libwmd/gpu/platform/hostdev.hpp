@@ -1,0 +1,251 @@
+// The stand-in for CUDA: the names that the device source uses, with CUDA's spelling, parameters
+// and status numbers, on a plain CPU.  It executes kernels as loops and is strict where a GPU is
+// silent: what would be undefined there ends the process here with a line on standard error.
+//
+// One host thread works with it.  Environment:
+//   TALVIK_HOSTDEV_GUARD=1       host code cannot touch device memory (segmentation fault)
+//   TALVIK_HOSTDEV_INTERLEAVE=1  neighbouring device threads run on different CPU threads
+#ifndef TALVIK_LIBWMD_GPU_PLATFORM_HOSTDEV_HPP
+#define TALVIK_LIBWMD_GPU_PLATFORM_HOSTDEV_HPP
+
+#include <omp.h>
+
+#include <cstddef>
+
+#include "internal/team.hpp"
+
+#ifndef __global__
+#define __global__
+#endif
+#ifndef __device__
+#define __device__
+#endif
+#ifndef __host__
+#define __host__
+#endif
+
+namespace talvik {
+
+namespace hostdev {
+
+// Status numbers are the vendor's: messages print them.
+enum cudaError_t {
+  cudaSuccess = 0,
+  cudaErrorInvalidValue = 1,
+  cudaErrorMemoryAllocation = 2,
+  cudaErrorInvalidDevice = 101
+};
+enum cudaMemcpyKind {
+  cudaMemcpyHostToDevice = 1,
+  cudaMemcpyDeviceToHost = 2,
+  cudaMemcpyDeviceToDevice = 3
+};
+enum cublasStatus_t {
+  CUBLAS_STATUS_SUCCESS = 0,
+  CUBLAS_STATUS_NOT_INITIALIZED = 1,
+  CUBLAS_STATUS_ALLOC_FAILED = 3,
+  CUBLAS_STATUS_INVALID_VALUE = 7,
+  CUBLAS_STATUS_EXECUTION_FAILED = 13,
+  CUBLAS_STATUS_INTERNAL_ERROR = 14
+};
+enum cublasOperation_t { CUBLAS_OP_N = 0, CUBLAS_OP_T = 1 };
+enum cusparseStatus_t {
+  CUSPARSE_STATUS_SUCCESS = 0,
+  CUSPARSE_STATUS_NOT_INITIALIZED = 1,
+  CUSPARSE_STATUS_ALLOC_FAILED = 2,
+  CUSPARSE_STATUS_INVALID_VALUE = 3,
+  CUSPARSE_STATUS_EXECUTION_FAILED = 6,
+  CUSPARSE_STATUS_INTERNAL_ERROR = 7,
+  CUSPARSE_STATUS_MATRIX_TYPE_NOT_SUPPORTED = 8
+};
+enum cusparseOperation_t { CUSPARSE_OPERATION_NON_TRANSPOSE = 0, CUSPARSE_OPERATION_TRANSPOSE = 1 };
+enum cusparseMatrixType_t { CUSPARSE_MATRIX_TYPE_GENERAL = 0, CUSPARSE_MATRIX_TYPE_SYMMETRIC = 1 };
+enum cusparseIndexBase_t { CUSPARSE_INDEX_BASE_ZERO = 0, CUSPARSE_INDEX_BASE_ONE = 1 };
+
+struct cublasContext;
+struct cusparseContext;
+struct cusparseMatDescr;
+using cublasHandle_t = cublasContext*;
+using cusparseHandle_t = cusparseContext*;
+using cusparseMatDescr_t = cusparseMatDescr*;
+
+// --- Device, memory, copies
+
+cudaError_t cudaGetDeviceCount(int* count);
+cudaError_t cudaSetDevice(int device);  // for the calling thread
+cudaError_t cudaDeviceSynchronize();
+cudaError_t cudaGetLastError();
+
+/// Poisoned (every float a NaN) up to 16 MiB; beyond that untouched, which costs nothing.
+cudaError_t cudaMalloc(void** pointer, size_t bytes);
+template <class T>
+cudaError_t cudaMalloc(T** pointer, size_t bytes) {
+  void* memory = nullptr;
+  const cudaError_t status = cudaMalloc(&memory, bytes);
+  if (status == cudaSuccess) *pointer = static_cast<T*>(memory);
+  return status;
+}
+cudaError_t cudaFree(void* pointer);
+cudaError_t cudaMemset(void* pointer, int value, size_t bytes);
+cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind kind);
+cudaError_t cudaMemGetInfo(size_t* free_bytes, size_t* total_bytes);
+
+// --- Dense and sparse products; alpha and beta lie on the host
+
+cublasStatus_t cublasCreate_v2(cublasHandle_t* handle);
+cublasStatus_t cublasDestroy_v2(cublasHandle_t handle);
+cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
+                              cublasOperation_t transb, int m, int n, int k, const float* alpha,
+                              const float* A, int lda, const float* B, int ldb, const float* beta,
+                              float* C, int ldc);
+
+cusparseStatus_t cusparseCreate(cusparseHandle_t* handle);
+cusparseStatus_t cusparseDestroy(cusparseHandle_t handle);
+cusparseStatus_t cusparseCreateMatDescr(cusparseMatDescr_t* descr);
+cusparseStatus_t cusparseDestroyMatDescr(cusparseMatDescr_t descr);
+cusparseStatus_t cusparseSetMatType(cusparseMatDescr_t descr, cusparseMatrixType_t type);
+cusparseStatus_t cusparseSetMatIndexBase(cusparseMatDescr_t descr, cusparseIndexBase_t base);
+cusparseStatus_t cusparseScsrmm(cusparseHandle_t handle, cusparseOperation_t transA, int m, int n,
+                                int k, int nnz, const float* alpha, const cusparseMatDescr_t descrA,
+                                const float* values, const int* row_offsets, const int* columns,
+                                const float* B, int ldb, const float* beta, float* C, int ldc);
+cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperation_t transA,
+                                 cusparseOperation_t transB, int m, int n, int k, int nnz,
+                                 const float* alpha, const cusparseMatDescr_t descrA,
+                                 const float* values, const int* row_offsets, const int* columns,
+                                 const float* B, int ldb, const float* beta, float* C, int ldc);
+
+// --- Kernels
+
+struct dim3 {
+  unsigned int x, y, z;
+  constexpr dim3(unsigned int x = 1, unsigned int y = 1, unsigned int z = 1) : x(x), y(y), z(z) {}
+};
+constinit inline thread_local dim3 gridDim, blockDim;
+constinit inline thread_local dim3 blockIdx(0, 0, 0), threadIdx(0, 0, 0);
+
+/// While one lives, guarded device memory is open to host code.
+class DeviceWork {
+ public:
+  DeviceWork();
+  ~DeviceWork();
+  DeviceWork(const DeviceWork&) = delete;
+  DeviceWork& operator=(const DeviceWork&) = delete;
+};
+
+/// Ends the process for a shape that a GPU refuses.
+void check_launch(dim3 grid, dim3 block);
+/// Ends the process unless the floats lie in one allocation; throws where a fault is planned.
+void check_transform(const float* device_values, size_t count);
+bool interleaved();
+
+// The position with number i, counted along x, then y, then z.
+constexpr dim3 position(long long i, dim3 shape) {
+  const long long row = i / shape.x;
+  return {static_cast<unsigned int>(i % shape.x), static_cast<unsigned int>(row % shape.y),
+          static_cast<unsigned int>(row / shape.y)};
+}
+
+/// Calls device_thread() once per thread of the grid, with its indices set.  Blocks go round the
+/// CPU threads; interleaved, device threads do, so that two neighbours that touch one element are a
+/// race on the CPU too.
+template <class DeviceThread>
+void run_grid(dim3 grid, dim3 block, const DeviceThread& device_thread) {
+  const DeviceWork work;
+  check_launch(grid, block);
+  const long long blocks = 1LL * grid.x * grid.y * grid.z;
+  const long long block_threads = 1LL * block.x * block.y * block.z;
+  const bool by_threads = interleaved();
+  const auto run_block = [&](long long b, long long first, long long step) {
+    blockIdx = position(b, grid);
+    for (long long t = first; t < block_threads; t += step) {
+      threadIdx = position(t, block);
+      device_thread();
+    }
+  };
+  const int team = omp_get_max_threads();
+  internal::for_each_share(team, team, [&](int first, int last, int) {
+    gridDim = grid;
+    blockDim = block;
+    for (int member = first; member < last; ++member) {
+      if (by_threads)
+        for (long long b = 0; b < blocks; ++b) run_block(b, (member + b) % team, team);
+      else
+        for (long long b = member; b < blocks; b += team) run_block(b, 0, 1);
+    }
+  });
+}
+
+}  // namespace hostdev
+
+using hostdev::blockDim;
+using hostdev::blockIdx;
+using hostdev::dim3;
+using hostdev::gridDim;
+using hostdev::threadIdx;
+
+using hostdev::cudaDeviceSynchronize;
+using hostdev::cudaError_t;
+using hostdev::cudaErrorInvalidDevice;
+using hostdev::cudaErrorInvalidValue;
+using hostdev::cudaErrorMemoryAllocation;
+using hostdev::cudaFree;
+using hostdev::cudaGetDeviceCount;
+using hostdev::cudaGetLastError;
+using hostdev::cudaMalloc;
+using hostdev::cudaMemcpy;
+using hostdev::cudaMemcpyDeviceToDevice;
+using hostdev::cudaMemcpyDeviceToHost;
+using hostdev::cudaMemcpyHostToDevice;
+using hostdev::cudaMemcpyKind;
+using hostdev::cudaMemGetInfo;
+using hostdev::cudaMemset;
+using hostdev::cudaSetDevice;
+using hostdev::cudaSuccess;
+
+using hostdev::CUBLAS_OP_N;
+using hostdev::CUBLAS_OP_T;
+using hostdev::CUBLAS_STATUS_ALLOC_FAILED;
+using hostdev::CUBLAS_STATUS_EXECUTION_FAILED;
+using hostdev::CUBLAS_STATUS_INTERNAL_ERROR;
+using hostdev::CUBLAS_STATUS_INVALID_VALUE;
+using hostdev::CUBLAS_STATUS_NOT_INITIALIZED;
+using hostdev::CUBLAS_STATUS_SUCCESS;
+using hostdev::cublasCreate_v2;
+using hostdev::cublasDestroy_v2;
+using hostdev::cublasHandle_t;
+using hostdev::cublasOperation_t;
+using hostdev::cublasSgemm_v2;
+using hostdev::cublasStatus_t;
+
+using hostdev::CUSPARSE_INDEX_BASE_ONE;
+using hostdev::CUSPARSE_INDEX_BASE_ZERO;
+using hostdev::CUSPARSE_MATRIX_TYPE_GENERAL;
+using hostdev::CUSPARSE_MATRIX_TYPE_SYMMETRIC;
+using hostdev::CUSPARSE_OPERATION_NON_TRANSPOSE;
+using hostdev::CUSPARSE_OPERATION_TRANSPOSE;
+using hostdev::CUSPARSE_STATUS_ALLOC_FAILED;
+using hostdev::CUSPARSE_STATUS_EXECUTION_FAILED;
+using hostdev::CUSPARSE_STATUS_INTERNAL_ERROR;
+using hostdev::CUSPARSE_STATUS_INVALID_VALUE;
+using hostdev::CUSPARSE_STATUS_MATRIX_TYPE_NOT_SUPPORTED;
+using hostdev::CUSPARSE_STATUS_NOT_INITIALIZED;
+using hostdev::CUSPARSE_STATUS_SUCCESS;
+using hostdev::cusparseCreate;
+using hostdev::cusparseCreateMatDescr;
+using hostdev::cusparseDestroy;
+using hostdev::cusparseDestroyMatDescr;
+using hostdev::cusparseHandle_t;
+using hostdev::cusparseIndexBase_t;
+using hostdev::cusparseMatDescr_t;
+using hostdev::cusparseMatrixType_t;
+using hostdev::cusparseOperation_t;
+using hostdev::cusparseScsrmm;
+using hostdev::cusparseScsrmm2;
+using hostdev::cusparseSetMatIndexBase;
+using hostdev::cusparseSetMatType;
+using hostdev::cusparseStatus_t;
+
+}  // namespace talvik
+
+#endif

@@ -1,0 +1,21 @@
+// The checks that the stand-in's own files share.
+#ifndef TALVIK_LIBWMD_GPU_PLATFORM_HOSTDEV_CHECKS_HPP
+#define TALVIK_LIBWMD_GPU_PLATFORM_HOSTDEV_CHECKS_HPP
+
+#include <cstddef>
+#include <string>
+
+namespace talvik::hostdev {
+
+/// Ends the process with "hostdev: call: fault" on standard error.
+[[noreturn]] void die(const std::string& call, const std::string& fault);
+
+/// Ends the process unless the bytes lie in one live allocation of the selected device.
+void require_device_range(const std::string& call, const void* first, size_t bytes);
+
+/// Counts the call; the status that a fault plan has for it now, or 0.
+int count_call(const std::string& call);
+
+}  // namespace talvik::hostdev
+
+#endif

@@ -1,0 +1,103 @@
+// The CSR-times-dense products under the names and parameters that CUDA toolkits had before 11, for
+// those that have only the generic interface.  In namespace talvik, so that they meet no function
+// of a library that the host program loads.
+#ifndef TALVIK_LIBWMD_GPU_PLATFORM_LEGACY_SPARSE_HPP
+#define TALVIK_LIBWMD_GPU_PLATFORM_LEGACY_SPARSE_HPP
+
+#include <cuda_runtime.h>
+#include <cusparse.h>
+
+#include <algorithm>
+#include <cstddef>
+
+namespace talvik {
+
+// One for all products, because an allocation and a release per product would each wait for the
+// device.  It only grows; release_sparse_workspace() is called explicitly, since a destructor of
+// static storage would run after the CUDA runtime has gone.
+struct SparseWorkspace {
+  void* buffer = nullptr;  // owned, device memory
+  size_t bytes = 0;
+};
+inline SparseWorkspace sparse_workspace;
+
+inline cudaError_t release_sparse_workspace() {
+  const cudaError_t status = cudaFree(sparse_workspace.buffer);
+  sparse_workspace = {};
+  return status;
+}
+
+inline cusparseStatus_t reserve_sparse_workspace(size_t bytes) {
+  if (bytes <= sparse_workspace.bytes) return CUSPARSE_STATUS_SUCCESS;
+  release_sparse_workspace();
+  if (cudaMalloc(&sparse_workspace.buffer, bytes) != cudaSuccess) {
+    sparse_workspace.buffer = nullptr;
+    return CUSPARSE_STATUS_ALLOC_FAILED;
+  }
+  sparse_workspace.bytes = bytes;
+  return CUSPARSE_STATUS_SUCCESS;
+}
+
+// A product over nothing: C = beta C.  Not left to the library, whose releases differ on matrices
+// without entries or columns.
+inline cusparseStatus_t scale_result(float beta, int m, int n, float* C, int ldc) {
+  if (m == 0 || n == 0 || beta == 1) return CUSPARSE_STATUS_SUCCESS;
+  if (beta != 0) return CUSPARSE_STATUS_NOT_SUPPORTED;
+  const size_t row_bytes = sizeof(float) * m, pitch_bytes = sizeof(float) * ldc;
+  return cudaMemset2D(C, pitch_bytes, 0, row_bytes, n) == cudaSuccess
+             ? CUSPARSE_STATUS_SUCCESS
+             : CUSPARSE_STATUS_EXECUTION_FAILED;
+}
+
+/// C = alpha A B + beta C; A is m x k in CSR form with nnz entries, B (k x n) and C (m x n) are
+/// column-major with leading dimensions ldb and ldc.  Only CUSPARSE_OPERATION_NON_TRANSPOSE.
+inline cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperation_t transA,
+                                        cusparseOperation_t transB, int m, int n, int k, int nnz,
+                                        const float* alpha, const cusparseMatDescr_t descrA,
+                                        const float* values, const int* row_offsets,
+                                        const int* columns, const float* B, int ldb,
+                                        const float* beta, float* C, int ldc) {
+  if (transA != CUSPARSE_OPERATION_NON_TRANSPOSE || transB != CUSPARSE_OPERATION_NON_TRANSPOSE)
+    return CUSPARSE_STATUS_INVALID_VALUE;
+  if (m == 0 || n == 0 || k == 0 || nnz == 0) return scale_result(*beta, m, n, C, ldc);
+
+  cusparseSpMatDescr_t a = nullptr;
+  cusparseDnMatDescr_t b = nullptr, c = nullptr;
+  // The descriptors take pointers to non-const; the product only reads A and B.
+  cusparseStatus_t status =
+      cusparseCreateCsr(&a, m, k, nnz, const_cast<int*>(row_offsets), const_cast<int*>(columns),
+                        const_cast<float*>(values), CUSPARSE_INDEX_32I, CUSPARSE_INDEX_32I,
+                        cusparseGetMatIndexBase(descrA), CUDA_R_32F);
+  if (status == CUSPARSE_STATUS_SUCCESS)
+    status =
+        cusparseCreateDnMat(&b, k, n, ldb, const_cast<float*>(B), CUDA_R_32F, CUSPARSE_ORDER_COL);
+  if (status == CUSPARSE_STATUS_SUCCESS)
+    status = cusparseCreateDnMat(&c, m, n, ldc, C, CUDA_R_32F, CUSPARSE_ORDER_COL);
+  size_t bytes = 0;
+  if (status == CUSPARSE_STATUS_SUCCESS)
+    status = cusparseSpMM_bufferSize(handle, transA, transB, alpha, a, b, beta, c, CUDA_R_32F,
+                                     CUSPARSE_SPMM_CSR_ALG1, &bytes);
+  if (status == CUSPARSE_STATUS_SUCCESS)
+    status = reserve_sparse_workspace(std::max<size_t>(bytes, 1));
+  if (status == CUSPARSE_STATUS_SUCCESS)
+    status = cusparseSpMM(handle, transA, transB, alpha, a, b, beta, c, CUDA_R_32F,
+                          CUSPARSE_SPMM_CSR_ALG1, sparse_workspace.buffer);
+  if (c) cusparseDestroyDnMat(c);
+  if (b) cusparseDestroyDnMat(b);
+  if (a) cusparseDestroySpMat(a);
+  return status;
+}
+
+/// The same with B as it stands.
+inline cusparseStatus_t cusparseScsrmm(cusparseHandle_t handle, cusparseOperation_t transA, int m,
+                                       int n, int k, int nnz, const float* alpha,
+                                       const cusparseMatDescr_t descrA, const float* values,
+                                       const int* row_offsets, const int* columns, const float* B,
+                                       int ldb, const float* beta, float* C, int ldc) {
+  return cusparseScsrmm2(handle, transA, CUSPARSE_OPERATION_NON_TRANSPOSE, m, n, k, nnz, alpha,
+                         descrA, values, row_offsets, columns, B, ldb, beta, C, ldc);
+}
+
+}  // namespace talvik
+
+#endif
