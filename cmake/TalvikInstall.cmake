@@ -1,7 +1,7 @@
 # What the outside sees: the library's exported symbols, and the files of `cmake --install`.
 include(CMakePackageConfigHelpers)
 
-# Hidden visibility keeps our own helpers in; the map also keeps in the instances of standard
+# Hidden visibility keeps the internal functions in; the map also keeps in the instances of standard
 # templates, which the standard library declares visible.
 target_link_options(talvikmpi PRIVATE
   "LINKER:--version-script=${CMAKE_CURRENT_SOURCE_DIR}/cmake/talvikmpi.map")
@@ -41,3 +41,8 @@ if(TALVIK_BUILD_TOOLS)
   file(RELATIVE_PATH talvik_bin_to_lib "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
   set_property(TARGET talvik PROPERTY INSTALL_RPATH "$ORIGIN/${talvik_bin_to_lib}")
 endif()
+
+# cmake --build build --target uninstall
+configure_file(cmake/uninstall.cmake.in uninstall.cmake @ONLY)
+add_custom_target(uninstall
+  COMMAND ${CMAKE_COMMAND} -P "${CMAKE_CURRENT_BINARY_DIR}/uninstall.cmake")

@@ -1,6 +1,6 @@
 # Interface targets that carry the build's options: warnings, sanitizers, the choice of a BLAS.
 
-# Everything of ours is compiled with these.  nvcc hands the host compiler's options on.
+# Every target of the project is compiled with these.  nvcc hands the host compiler's options on.
 add_library(talvik_build_options INTERFACE)
 target_compile_options(talvik_build_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra>
@@ -28,3 +28,7 @@ if(TALVIK_USE_BLAS AND openblas_FOUND)
 else()
   message(STATUS "Dense products: no OpenBLAS, Eigen's own kernel (several times slower)")
 endif()
+
+# Symbols are bound when a program starts and cannot be rebound afterwards: the linker's tables are
+# read-only from then on.
+add_link_options(LINKER:-z,relro LINKER:-z,now)

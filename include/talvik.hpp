@@ -20,6 +20,11 @@
 #include <utility>
 #include <vector>
 
+#define TALVIK_VERSION_MAJOR 0
+#define TALVIK_VERSION_MINOR 1
+#define TALVIK_VERSION_PATCH 0
+#define TALVIK_VERSION "0.1.0"
+
 #if defined(__GNUC__)
 #define TALVIK_API __attribute__((visibility("default")))
 #else
