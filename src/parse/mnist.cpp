@@ -1,63 +1,42 @@
 // Reader of handwritten digits in IDX files: an image is a document whose words are its pixels.
 #include <algorithm>
-#include <array>
-#include <bit>
-#include <cstdint>
 #include <iostream>
 #include <memory>
+#include <string_view>
 
+#include "parse/idx_file.hpp"
 #include "talvik.hpp"
 
 namespace talvik {
 namespace {
 
-constexpr size_t word_bytes = sizeof(std::uint32_t);
-constexpr size_t image_header_bytes = 4 * word_bytes;  // magic, images, rows, columns
-constexpr size_t label_header_bytes = 2 * word_bytes;  // magic, labels
-constexpr size_t image_side = 28;                      // the only size that is read
-constexpr size_t image_pixels = image_side * image_side;
-constexpr size_t position_floats = 2;  // a pixel's embedding is its row and column
+using internal::image_pixels;
+using internal::image_side;
+
+constexpr int position_floats = 2;  // a pixel's embedding is its row and column
 
 struct FileBytes {
   std::unique_ptr<char[]> bytes;
-  size_t size;  // 0 if the file could not be read
+  std::string_view view;  // empty if the file could not be read
 };
 
 FileBytes read_file(const char* path) {
   char* buffer = nullptr;
   const long long size = ReadFileIntoBuffer(path, &buffer, true);
-  return {std::unique_ptr<char[]>(buffer), size < 1 ? 0 : static_cast<size_t>(size)};
-}
-
-/// The big-endian 32-bit word number index of a file.
-size_t header_word(const FileBytes& file, size_t index) {
-  std::array<unsigned char, word_bytes> word;
-  std::copy_n(file.bytes.get() + index * word_bytes, word_bytes, word.begin());
-  swap_word(word.data());
-  return std::bit_cast<std::uint32_t>(word);
+  return {std::unique_ptr<char[]>(buffer), std::string_view(buffer, std::max(size, 0LL))};
 }
 
 /// Says that a file is not what the reader takes.
-bool verified(bool fits) {
+bool verified(const internal::IdxFile& idx) {
+  const bool fits = idx.fault == internal::IdxFault::none;
   if (!fits) std::cout << "Verification failed!!!" << std::endl;
   return fits;
 }
 
-/// Whether the file holds a whole header and as many images of the right size as that announces.
-bool is_image_file(const FileBytes& file) {
-  return file.size >= image_header_bytes && header_word(file, 2) == image_side &&
-         header_word(file, 3) == image_side &&
-         header_word(file, 1) <= (file.size - image_header_bytes) / image_pixels;
-}
-
-bool is_label_file(const FileBytes& file) {
-  return file.size >= label_header_bytes && header_word(file, 1) <= file.size - label_header_bytes;
-}
-
 /// The non-zero pixels of one image, weights unscaled.
-Document image_document(const char* pixels) {
+Document image_document(std::string_view pixels) {
   Document doc;
-  for (unsigned p = 0; p < image_pixels; ++p) {
+  for (unsigned p = 0; p < pixels.size(); ++p) {
     const auto intensity = static_cast<unsigned char>(pixels[p]);
     if (intensity != 0) doc.emplace_back(p, static_cast<float>(intensity));
   }
@@ -67,7 +46,7 @@ Document image_document(const char* pixels) {
 /// Word row * image_side + column at (row, column).
 std::unique_ptr<float[]> pixel_positions() {
   std::unique_ptr<float[]> positions(new float[position_floats * image_pixels]);
-  for (size_t p = 0; p < image_pixels; ++p) {
+  for (int p = 0; p < image_pixels; ++p) {
     positions[position_floats * p] = static_cast<float>(p / image_side);
     positions[position_floats * p + 1] = static_cast<float>(p % image_side);
   }
@@ -79,12 +58,12 @@ std::unique_ptr<float[]> pixel_positions() {
 bool parse_mnist_images(const char* path, DocumentSet& docs, float** vectors, long long& vec_size,
                         long long& voc_size) {
   const FileBytes file = read_file(path);
-  if (file.size == 0 || !verified(is_image_file(file))) return false;
-  const size_t num_images = header_word(file, 1);
-  const char* const pixels = file.bytes.get() + image_header_bytes;
-  docs.reserve(docs.size() + num_images);
-  for (size_t i = 0; i < num_images; ++i) {
-    docs.push_back(image_document(pixels + i * image_pixels));
+  if (file.view.empty()) return false;
+  const internal::IdxFile images = internal::read_idx_images(file.view);
+  if (!verified(images)) return false;
+  docs.reserve(docs.size() + images.count);
+  for (internal::Index i = 0; i < images.count; ++i) {
+    docs.push_back(image_document(images.items.substr(i * image_pixels, image_pixels)));
   }
   L1norm(docs, 1.0);
 
@@ -98,10 +77,11 @@ bool parse_mnist_images(const char* path, DocumentSet& docs, float** vectors, lo
 
 bool parse_mnist_labels(const char* path, LabelList& ids, LabelList& labels) {
   const FileBytes file = read_file(path);
-  if (file.size == 0 || !verified(is_label_file(file))) return false;
-  const size_t num_labels = header_word(file, 1);
-  for (size_t i = 0; i < num_labels; ++i) {
-    labels.push_back(static_cast<unsigned char>(file.bytes[label_header_bytes + i]));
+  if (file.view.empty()) return false;
+  const internal::IdxFile read = internal::read_idx_labels(file.view);
+  if (!verified(read)) return false;
+  for (internal::Index i = 0; i < read.count; ++i) {
+    labels.push_back(static_cast<unsigned char>(read.items[i]));
     ids.push_back(i);
   }
   return true;
