@@ -2,6 +2,9 @@
 // of blocks, state on the device, and what a failure leaves behind.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -13,6 +16,18 @@
 #include "support/oracle.hpp"
 #include "support/world.hpp"
 #include "talvik.hpp"
+
+// Large host allocations from now on; the one that counts down to 0 fails.
+static std::atomic<int> large_allocations = 0;
+
+// Inlined, they would pass for an allocation and its release by the wrong function.
+[[gnu::noinline]] void* operator new(std::size_t bytes) {
+  const bool fails = bytes >= 2000 && --large_allocations == 0;
+  if (void* memory = fails ? nullptr : std::malloc(bytes)) return memory;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace talvik {
 
@@ -128,6 +143,40 @@ TEST_F(GpuEngine, ExportedStateTellsWhatIsHeld) {
   EXPECT_EQ(std::tuple(D_ground_dev, voc_size), std::tuple(first, 3));
   EXPECT_EQ(remove_ground_distances(), 1);
   EXPECT_EQ(D_ground_dev, nullptr);
+}
+
+// Calls again and again, failing a later allocation each time, until a call gets through.
+template <class Call>
+int failed_calls(const Call& call) {
+  for (int n = 1;; ++n) {
+    try {
+      large_allocations = n;
+      call();
+      large_allocations = 0;
+      return n - 1;
+    } catch (const std::bad_alloc&) {
+    }
+  }
+}
+
+TEST_F(GpuEngine, HostMemoryThatRunsOutLeavesTheStateAsItWas) {
+  const World world = random_world({.num_queries = 200, .min_words = 12});
+  Csr batch = csr_of(world.queries);
+  const int n2 = static_cast<int>(batch.ind.size()), m = world.shape.vec_size;
+  std::vector<float> X(batch.ind.size() * static_cast<size_t>(m));
+  const auto state = [] { return std::tuple(X2_dev, num_vecs2, num_docs2, start2); };
+  const int loads_failed = failed_calls([&, before = state()] {
+    EXPECT_EQ(state(), before);
+    EXPECT_TRUE(nothing_is_held());
+    copy_vectors2(n2, m, X.data(), batch.weight.data(), 200, batch.start.data());
+  });
+  EXPECT_GE(loads_failed, 2);  // norms, distinct rows
+  remove_vectors2();
+  const auto compute = [](float* Z) {
+    EXPECT_GE(failed_calls([Z] { ed_min_vocab_multi(Z, 1, false); }), 1);
+  };
+  expect_near(oracle_block(world, 1, StepRule::powers_of_two),
+              distance_block(world, gpu_engine, false, compute), world.resident.size());
 }
 
 }  // namespace

@@ -116,19 +116,17 @@ TEST_F(FailingDevice, TellsHowMuchMemoryThereIs) {
               "for RW\nSize of memory requested: 40\nFree mem = 20, Total = 100\n");
 }
 
-TEST_F(FailingDevice, FailedConversionReachesTheCaller) {
-  const auto run = [] {
-    normalize_embeddings = true;
-    try {
-      distance_block(random_world({}), gpu_engine, false, [&](float* Z) {
-        hostdev::plan_fault({.call = "transform_in_place"});
-        ed_min_vocab_multi(Z, 0, false);
-      });
-    } catch (const std::exception& error) {
-      std::_Exit(3);  // what was held stays, and is not to be counted
-    }
-  };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(3), "");
+TEST_F(FailingDevice, FailedConversionReachesTheCallerAndLeavesNothingBehind) {
+  normalize_embeddings = true;
+  distance_block(random_world({}), gpu_engine, false, [](float* Z) {
+    hostdev::plan_fault({.call = "transform_in_place"});
+    EXPECT_THROW(ed_min_vocab_multi(Z, 0, false), std::exception);
+    hostdev::plan_fault({.call = "transform_in_place"});
+    EXPECT_THROW(compute_ground_distances(nullptr), std::exception);
+  });
+  normalize_embeddings = false;
+  EXPECT_EQ(D_ground_dev, nullptr);
+  EXPECT_EQ(hostdev::live_allocations() + hostdev::live_handles(), 0u);
 }
 
 }  // namespace
