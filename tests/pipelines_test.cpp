@@ -25,11 +25,14 @@ std::atomic<int> allocations_left = -1;  // until one fails; negative: none does
 
 }  // namespace
 
-// Every allocation of the library that is not asked to be quiet, and the test's own.
+// Every allocation that tells of a failure by an exception.
 [[gnu::noinline]] void* operator new(size_t bytes) {
   void* memory = allocations_left-- == 0 ? nullptr : std::malloc(std::max<size_t>(bytes, 1));
   if (!memory) throw std::bad_alloc();
   return memory;
+}
+[[gnu::noinline]] void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+  return std::malloc(std::max<size_t>(bytes, 1));
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
