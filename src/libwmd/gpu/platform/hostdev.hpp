@@ -14,12 +14,15 @@
 
 #include "internal/team.hpp"
 
+// The names are CUDA's; Thrust defines some of them, too.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 #ifndef __global__
 #define __global__
 #endif
 #ifndef __device__
 #define __device__
 #endif
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace talvik {
 

@@ -42,7 +42,7 @@ Status destroy(const char* call, Handle* handle, Status unknown) {
   return Status{};
 }
 
-bool live(const void* handle) { return handles.count(handle) > 0; }
+bool live(const void* handle) { return handles.contains(handle); }
 
 void require_values(const char* call, const void* values, Index count) {
   static_assert(sizeof(float) == sizeof(int));
