@@ -161,9 +161,9 @@ int failed_calls(const Call& call) {
 
 TEST_F(GpuEngine, HostMemoryThatRunsOutLeavesTheStateAsItWas) {
   const World world = random_world({.num_queries = 200, .min_words = 12});
-  Csr batch = csr_of(world.queries);
-  const int n2 = static_cast<int>(batch.ind.size()), m = world.shape.vec_size;
-  std::vector<float> X(batch.ind.size() * static_cast<size_t>(m));
+  Csr batch(world.queries);
+  const int n2 = batch.entries, m = world.shape.vec_size;
+  std::vector<float> X(batch.entries * m);
   const auto state = [] { return std::tuple(X2_dev, num_vecs2, num_docs2, start2); };
   const int loads_failed = failed_calls([&, before = state()] {
     EXPECT_EQ(state(), before);

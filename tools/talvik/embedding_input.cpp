@@ -133,6 +133,7 @@ WordVectors read_word_vectors(const std::string& path) {
   read.vec_size = static_cast<int>(file.vec_size());
   read.vectors = std::make_unique_for_overwrite<float[]>(
       internal::elements(file.num_words(), file.vec_size()));
+  read.vocabulary.reserve(file.num_words());
   const EmbeddingFacts facts = file.walk([&](const EmbeddingRecord& record) {
     const Index row = record.number - 1;
     read.vocabulary.emplace(record.word, static_cast<int>(row));

@@ -10,7 +10,6 @@
 
 #include "mapped_file.hpp"
 #include "parse/embedding_file.hpp"
-#include "talvik.hpp"
 #include "word_set.hpp"
 
 namespace talvik::tool {
@@ -41,7 +40,7 @@ class EmbeddingFile {
 
 /// Words numbered in the order of the file, and their vectors scaled to unit length.
 struct WordVectors {
-  VocabularyMap vocabulary;
+  WordNumbers vocabulary;
   std::unique_ptr<float[]> vectors;  ///< voc_size x vec_size
   int voc_size = 0;
   int vec_size = 0;

@@ -9,12 +9,13 @@
 #include <charconv>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string_view>
 #include <tuple>
 
 #include "embedding_input.hpp"
 #include "input_files.hpp"
-#include "parse/tokens.hpp"
+#include "parse/text_document.hpp"
 #include "run_error.hpp"
 
 namespace talvik::tool {
@@ -61,18 +62,24 @@ unsigned long id_of(const std::string& path, const std::string& name) {
   return id;
 }
 
-void count_words(const std::string& text, const VocabularyMap& voc, LoadedCollection& collection) {
-  std::string word;
-  internal::for_each_token(text, [&](std::string_view token) {
-    if (token.empty()) return;
-    word = internal::clean_token(token);
-    ++collection.words_read;
-    if (voc.find(word) == voc.end()) ++collection.words_unknown;
-  });
+// Makes a text's document and counts its words.
+int make_document(std::string_view text, const CorpusOptions& options, const WordNumbers& words,
+                  LoadedCollection& collection, Document& doc) {
+  const auto find = [&](std::string_view word) {
+    const auto known = words.find(word);
+    const bool unknown = known == words.end();
+    collection.words_read += !word.empty();
+    collection.words_unknown += unknown && !word.empty();
+    return unknown ? std::nullopt : std::optional(known->second);
+  };
+  const internal::DocumentRule rule{.max_words = options.max_words,
+                                    .skip_index = options.skip_index,
+                                    .norm_type = weights_sum_to_one};
+  return internal::append_text(text, find, rule, doc);
 }
 
 LoadedCollection read_collection(const std::string& root, const std::vector<CorpusFile>& files,
-                                 int limit, const CorpusOptions& options, VocabularyMap& voc,
+                                 int limit, const CorpusOptions& options, const WordNumbers& words,
                                  const std::map<std::string, unsigned long>& class_numbers) {
   LoadedCollection collection;
   for (const int number : choose_spread(static_cast<int>(files.size()), limit)) {
@@ -85,11 +92,8 @@ LoadedCollection read_collection(const std::string& root, const std::vector<Corp
     if (error || (size > 0 && ReadFileIntoString(file.path.c_str(), text, binary) <= 0)) {
       throw RunError(file.path + ": cannot be read");
     }
-    count_words(text, voc, collection);
     Document doc;
-    const int words = parse_single_doc(std::move(text), voc, doc, options.max_words,
-                                       options.skip_index, weights_sum_to_one);
-    if (words <= 0) {
+    if (make_document(text, options, words, collection, doc) == 0) {
       collection.dropped.push_back(file.path + (size == 0 ? ": empty" : ": no known word"));
       continue;
     }

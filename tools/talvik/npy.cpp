@@ -81,6 +81,7 @@ void merge_npy(AtomicFile& file, const std::vector<Shard>& shards, Join join) {
     return;
   }
   std::vector<std::ifstream> from;
+  from.reserve(shards.size());
   for (const Shard& shard : shards) from.push_back(open_shard(shard));
   for (long long r = 0; r < rows; ++r) {
     for (size_t p = 0; p < shards.size(); ++p) copy_row(from[p], shards[p], row, file);
