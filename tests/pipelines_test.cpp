@@ -124,11 +124,14 @@ class Pipelines : public testing::TestWithParam<bool> {
   }
 
   // Every process's own result file: lists of 4 over the rows of its group.
+  std::string own_path() const {  // of this process's lists
+    return path + ".thread" + std::to_string(local_id) + "-" + std::to_string(myid);
+  }
+
   void expect_own_lists(const Matrix& distances, const LabelList& rows,
                         const LabelList& columns) const {
-    EXPECT_EQ(
-        test::take_file(path + ".thread" + std::to_string(local_id) + "-" + std::to_string(myid)),
-        test::expected_lines(distances, grp_start[myid], grp_length[myid], 4, rows, columns));
+    EXPECT_EQ(test::take_file(own_path()),
+              test::expected_lines(distances, grp_start[myid], grp_length[myid], 4, rows, columns));
   }
 
   // A two-way run by a public function, and what it prints.
@@ -260,7 +263,7 @@ TEST_P(Pipelines, ScaleOutKeepsTheLargerValueAndRanksByIt) {
   std::vector<float> D_max(grp_length[myid] * 14);
   internal::scale_out_run(run(4, 0, false), resident(), queries(), D_max.data());
   EXPECT_EQ(D_max, own_rows(expected(0)));
-  EXPECT_FALSE(std::filesystem::exists(path + ".thread0-0"));
+  EXPECT_FALSE(std::filesystem::exists(own_path()));
 }
 
 TEST_P(Pipelines, TwoWayKeepsTheLargerDirectionInTheMatrixAndTheLists) {
