@@ -187,7 +187,7 @@ class Buffer {
     if (!storage_) internal::fail("Failed to allocate memory for " + message);
     internal::begin_on_large_pages(floats(), needed * sizeof(float));
   }
-  float* floats() const { return internal::line_start(storage_.get()); }
+  [[nodiscard]] float* floats() const { return internal::line_start(storage_.get()); }
 
  private:
   Array<float> storage_;

@@ -33,13 +33,12 @@ namespace {
 #define TALVIK_AMX __attribute__((target("avx512f,avx512bw,avx512bf16,amx-tile,amx-bf16")))
 #define TALVIK_AMX_INLINE TALVIK_AMX inline __attribute__((always_inline))
 
-constexpr int tile_rows = 16;                           // of 64 bytes
-constexpr int tile_depth = 32;                          // bfloat16 numbers in a row of a tile
-constexpr Index tile_numbers = tile_rows * tile_depth;  // 1 KiB
-constexpr int parts = 3;                                // of a float
-constexpr Index slice_numbers = parts * tile_numbers;   // of 16 rows and tile_depth components
-constexpr int square_side = 2 * tile_rows;  // two by two tiles of scores are summed at a
-                                            // time
+constexpr int tile_rows = 16;   // of 64 bytes
+constexpr int tile_depth = 32;  // bfloat16 numbers in a row of a tile
+constexpr Index tile_numbers = elements(tile_rows, tile_depth);  // 1 KiB
+constexpr int parts = 3;                                         // of a float
+constexpr Index slice_numbers = parts * tile_numbers;  // of 16 rows and tile_depth components
+constexpr int square_side = 2 * tile_rows;  // two by two tiles of scores are summed at a time
 constexpr Index line_numbers = line_bytes / sizeof(std::uint16_t);
 
 // Slices per round: the packed words of a panel and the rows of a square stay in the second-level
@@ -61,15 +60,15 @@ constexpr int squares_for(int rows) { return (rows + square_side - 1) / square_s
 // In a tile of rows, row r has its components side by side; in a tile of words, row i has
 // components 2i and 2i+1 of all 16 words, the order of the unit's second operand.
 Index packed_numbers(int rows, int slices) {
-  return elements(2 * squares_for(rows), slices * slice_numbers);
+  return elements(squares_for(rows), 2 * slice_numbers * slices);
 }
 
 TALVIK_AMX_INLINE __m512 widened(__m256i numbers) {
   return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(numbers), 16));
 }
 
-// Splits 32 floats into three bf16 parts, one tile apart.  Of fewer floats the rest counts as
-// zeros.
+// Splits 32 floats into three bf16 parts, one tile apart.  Floats beyond `count` are not read and
+// count as zero.
 TALVIK_AMX_INLINE void split(const float* numbers, int count, std::uint16_t* to) {
   const auto mask = [](int n) { return static_cast<__mmask16>((1u << std::clamp(n, 0, 16)) - 1); };
   __m512 low = _mm512_maskz_loadu_ps(mask(count), numbers);
@@ -92,14 +91,14 @@ TALVIK_AMX void pack_rows(const float* rows, int num_rows, const Round& round,
                           std::uint16_t* packed) {
   const int slices = slices_for(round.depth);
   for (int r = 0; r < square_side; ++r) {
-    std::uint16_t* const row_of_band =
-        packed + r / tile_rows * slices * slice_numbers + elements(r % tile_rows, tile_depth);
+    std::uint16_t* const band = packed + elements(r / tile_rows, slices * slice_numbers);
+    std::uint16_t* const row = band + elements(r % tile_rows, tile_depth);
     for (int c = 0; c < slices; ++c) {
       const int component = c * tile_depth;
       const int count = r < num_rows ? round.depth - component : 0;
       const float* numbers =
           count > 0 ? rows + elements(r, round.m) + round.first + component : rows;
-      split(numbers, count, row_of_band + c * slice_numbers);
+      split(numbers, count, row + c * slice_numbers);
     }
   }
 }
@@ -116,8 +115,8 @@ void transpose_pairs(const std::uint16_t* from, std::uint16_t* to) {
 
 TALVIK_AMX void pack_words(const float* words, int num_words, const Round& round,
                            std::uint16_t* packed) {
-  const Index square_numbers = 2 * slices_for(round.depth) * slice_numbers;
-  alignas(line_bytes) std::uint16_t as_rows[2 * slices_most * slice_numbers];
+  const Index square_numbers = 2 * slice_numbers * slices_for(round.depth);
+  alignas(line_bytes) std::uint16_t as_rows[2 * slice_numbers * slices_most];
   for (int w = 0; w < num_words; w += square_side) {
     pack_rows(words + elements(w, round.m), std::min(square_side, num_words - w), round, as_rows);
     for (Index tile = 0; tile < square_numbers; tile += tile_numbers) {
