@@ -1,4 +1,4 @@
-// The one way in which the library gives up: a line on standard output, then exit status 1.
+// How the library ends a run that cannot go on: a line on standard output, then exit status 1.
 #ifndef TALVIK_INTERNAL_FAILURE_HPP
 #define TALVIK_INTERNAL_FAILURE_HPP
 
