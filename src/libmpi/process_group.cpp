@@ -30,7 +30,8 @@ bool mpi_finalized() {
   return flag != 0;
 }
 
-// An int that the launcher left in the environment, or fallback without it.
+// A number that the launcher left in the environment.
+// @return fallback where it left none
 int launcher_value(const char* name, int fallback) {
   constexpr int decimal = 10;
   const char* text = std::getenv(name);
@@ -42,7 +43,7 @@ int launcher_value(const char* name, int fallback) {
 namespace internal {
 
 void abort_job(const std::string& text) {
-  std::cout << text << std::endl;
+  print_failure(text);
   if (mpi_initialized() && !mpi_finalized()) MPI_Abort(MPI_COMM_WORLD, failure_status);
   std::exit(failure_status);
 }

@@ -1,5 +1,4 @@
 // Readers of embedding files and of vocabulary files.
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -8,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "internal/failure.hpp"
 #include "parse/embedding_file.hpp"
 #include "parse/tokens.hpp"
 #include "talvik.hpp"
@@ -29,12 +29,10 @@ std::unique_ptr<float[]> allocate_vectors(const internal::EmbeddingHeader& heade
     throw std::bad_array_new_length();
   }
   std::unique_ptr<float[]> vectors(new (std::nothrow) float[floats]);
-  if (!vectors) {
-    std::cout << "Failed to load the embedding vectors into a memory buffer (size: " << floats
-              << " floats)" << std::endl;
-    std::exit(no_memory_status);
-  }
-  return vectors;
+  if (vectors) return vectors;
+  internal::fail("Failed to load the embedding vectors into a memory buffer (size: " +
+                     std::to_string(floats) + " floats)",
+                 no_memory_status);
 }
 
 /// Does nothing if the file cannot be created: the vectors are what the caller came for.

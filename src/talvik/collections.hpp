@@ -6,8 +6,8 @@
 
 namespace talvik::internal {
 
-/// Entries of the documents first .. first+count-1.  Offsets are ints, so a range with more entries
-/// than an int can hold ends the process.
+/// The number of entries of the documents first .. first+count-1.  Offsets are ints, so a range
+/// with more entries than an int holds ends the process.
 int count_entries(const DocumentSet& docs, int first, int count);
 
 }  // namespace talvik::internal
