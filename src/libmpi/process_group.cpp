@@ -1,4 +1,4 @@
-// The process's place in the job, and the collectives that the library and host programs use.
+// The process's place in the job, and the collective operations for the library and host programs.
 #include <mpi.h>
 
 #include <cstdlib>
@@ -59,7 +59,7 @@ void init_mpi(int* rank, int* size, int* local_rank, int* local_size) {
   MPI_Get_processor_name(node, &node_length);
   *local_rank = launcher_value("OMPI_COMM_WORLD_LOCAL_RANK", 0);
   *local_size = launcher_value("OMPI_COMM_WORLD_LOCAL_SIZE", 1);
-  // One string, so that the lines of processes that share a terminal do not mix.
+  // Written as one string, so that the lines of several processes do not mix.
   std::cout << "Process " + std::to_string(*rank) + " of " + std::to_string(*size) + " is on " +
                    node + " (local id: " + std::to_string(*local_rank) +
                    ", local procs: " + std::to_string(*local_size) + ")\n"

@@ -44,7 +44,9 @@ bool get_docs_20(std::string dir, std::vector<std::string>& files, std::vector<s
       files.push_back(name);
       dirs.push_back(dir);
     } else if (entry->d_type == DT_DIR && name != "." && name != "..") {
-      get_docs_20(dir + "/" + name + "/", files, dirs);
+      std::string below = dir;
+      below.append("/").append(name).append("/");
+      get_docs_20(below, files, dirs);
     }
   }
   return true;

@@ -45,7 +45,8 @@ Document image_document(std::string_view pixels) {
 
 /// The embedding of every pixel, row after row: its place in the image.
 std::unique_ptr<float[]> pixel_positions() {
-  auto positions = std::make_unique_for_overwrite<float[]>(position_floats * image_pixels);
+  auto positions =
+      std::make_unique_for_overwrite<float[]>(internal::elements(image_pixels, position_floats));
   float* position = positions.get();
   for (int row = 0; row < image_side; ++row) {
     for (int column = 0; column < image_side; ++column) {

@@ -1,4 +1,4 @@
-// Loading, the batch loop and release, as both pipelines use them.
+// Loading, the batch loop and release, for both pipelines.
 #include "talvik/batches.hpp"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// What the pipelines share: a run's parameters, loading and releasing a resident collection, and
-// the one loop over batches of query documents.
+// The common part of the pipelines: a run's parameters, loading and releasing a resident
+// collection, and the one loop over batches of query documents.
 #ifndef TALVIK_TALVIK_BATCHES_HPP
 #define TALVIK_TALVIK_BATCHES_HPP
 
@@ -13,7 +13,7 @@
 
 namespace talvik::internal {
 
-/// A labelled collection, borrowed for the time of a run and only read.
+/// A labelled collection, borrowed for a run and only read.
 struct LabelledDocuments {
   const DocumentSet& docs;
   const LabelList& labels;
@@ -43,7 +43,7 @@ struct BatchPlan {
   int batch;         ///< query documents per batch
 };
 
-/// A finished batch: Z[q*num_resident + i] for the queries first_query+q.
+/// The distances of a batch: Z[q*num_resident + i] from query first_query+q to resident document i.
 struct DistanceBlock {
   int first_query;
   int num_queries;

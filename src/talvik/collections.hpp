@@ -1,4 +1,4 @@
-// What the conversions of document ranges share with the pipelines.
+// The size of a document range, for conversions and pipelines.
 #ifndef TALVIK_TALVIK_COLLECTIONS_HPP
 #define TALVIK_TALVIK_COLLECTIONS_HPP
 

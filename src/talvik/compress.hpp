@@ -1,5 +1,4 @@
-// Shrinks an embedding matrix to the words in use.  One algorithm for words that stand in documents
-// and for words that stand in a flat array.
+// Shrinks an embedding matrix to the words in use, be they words of documents or of a flat array.
 #ifndef TALVIK_TALVIK_COMPRESS_HPP
 #define TALVIK_TALVIK_COMPRESS_HPP
 

@@ -1,4 +1,4 @@
-// The distribution info: the split of a collection over the processes.
+// The distribution info: how a collection is split over the processes.
 #include <memory>
 
 #include "internal/failure.hpp"

@@ -1,5 +1,5 @@
-// The scale-out pipeline: every process holds the whole resident collection and answers a group of
-// the queries on its own.
+// The scale-out pipeline: every process holds the whole resident collection and answers its own
+// group of the queries.
 #include <optional>
 #include <string>
 #include <utility>
