@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "internal/index.hpp"
 #include "parse/text_document.hpp"
 #include "talvik.hpp"
 
@@ -21,7 +22,7 @@ struct CloseDirectory {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 
-/// Numbers the distinct directory strings 0, 1, 2, ... in the order in which they appear.
+/// The distinct directory strings, numbered 0, 1, 2, ... in the order in which they appear.
 std::map<std::string, unsigned long> number_directories(const std::vector<std::string>& dirs) {
   std::map<std::string, unsigned long> classes;
   for (const std::string& dir : dirs) classes.try_emplace(dir, classes.size());
@@ -43,7 +44,9 @@ bool get_docs_20(std::string dir, std::vector<std::string>& files, std::vector<s
       files.push_back(name);
       dirs.push_back(dir);
     } else if (entry->d_type == DT_DIR && name != "." && name != "..") {
-      get_docs_20(dir + "/" + name + "/", files, dirs);
+      std::string below = dir;
+      below.append("/").append(name).append("/");
+      get_docs_20(below, files, dirs);
     }
   }
   return true;
@@ -71,8 +74,8 @@ int parse_docs_20(const char* dir, int max_words, int skip_index, DocumentSet& d
   constexpr int unit_sum = 1;  // weights sum to 1
   internal::WordLookup words{voc};
   const auto find = [&](std::string_view word) { return internal::find_word(words, word); };
-  std::vector<size_t> read;  // the files that became documents
-  for (size_t i = 0; i < files.size(); ++i) {
+  std::vector<internal::Index> read;  // the files that became documents
+  for (internal::Index i = 0; i < std::ssize(files); ++i) {
     std::string text;
     if (ReadFileIntoString((dirs[i] + files[i]).c_str(), text, false) < 1) continue;
     Document doc;
@@ -84,9 +87,9 @@ int parse_docs_20(const char* dir, int max_words, int skip_index, DocumentSet& d
     read.push_back(i);
   }
 
-  // A directory whose files were all left out has its number all the same.
+  // Directories whose files are all left out are numbered, too.
   const std::map<std::string, unsigned long> classes = number_directories(dirs);
-  for (const size_t i : read) {
+  for (const internal::Index i : read) {
     labels.push_back(classes.at(dirs[i]));
     ids.push_back(std::stoull(files[i]));
   }
