@@ -91,7 +91,7 @@ TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
                      << "steps " << steps << ", budget " << limits.budget.panel_floats << ", "
                      << limits.max_rows << " rows");
         const auto compare = [&] {
-          test::expect_near(expected, block_within(limits, world, steps, source), 67);
+          test::expect_near(expected, block_within(limits, world, steps, source));
         };
         &limits == &all_limits[2] ? test::on_every_instruction_set(compare) : compare();
       }
@@ -99,25 +99,17 @@ TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
   }
 }
 
-TEST(DistinctRows, PassesHoldNoMoreRowsThanMayBeAndSeveralPassesOneDocument) {
+TEST(DistinctRows, PassesHoldEveryRowOnceAndNoMoreThanMayBe) {
   const Csr batch(test::crowded_world().queries);
   for (const int max_rows : {1, 7, 40, 100000}) {
     const DistinctRows found = find_distinct_rows(batch.ind.data(), sizeof(int), batch.start.data(),
                                                   batch.num_docs, max_rows, 2);
     EXPECT_EQ(found.passes.size() == 1, max_rows == 100000);
-    for (const BatchSection& section : found.sections) {
-      EXPECT_TRUE(section.last_pass - section.first_pass <= 1 ||
-                  section.last_doc - section.first_doc == 1);
-    }
     for (const RowPass& pass : found.passes) {
       EXPECT_LE(pass.last_row - pass.first_row, max_rows);
       std::set<int> words;
       for (int r = pass.first_row; r < pass.last_row; ++r) {
         EXPECT_TRUE(words.insert(batch.ind[found.entry_of_row[r]]).second);
-      }
-      for (int e = pass.first_entry; e < pass.last_entry; ++e) {
-        ASSERT_EQ(batch.ind[e],
-                  batch.ind[found.entry_of_row[pass.first_row + found.row_of_entry[e]]]);
       }
     }
   }
@@ -134,9 +126,9 @@ void expect_smallest(const std::vector<float>& values, int k) {
   test::on_every_instruction_set([&] {
     std::vector<Candidate> smallest;
     select_smallest(values.data(), static_cast<int>(values.size()), k, smallest);
-    std::vector<int> found;
-    for (const Candidate& candidate : smallest) found.push_back(candidate.second);
-    ASSERT_EQ(found, order) << values.size() << " values, k " << k;
+    ASSERT_TRUE(std::equal(order.begin(), order.end(), smallest.begin(), smallest.end(),
+                           [](int i, const Candidate& found) { return i == found.second; }))
+        << values.size() << " values, k " << k;
   });
 }
 

@@ -1,91 +1,129 @@
 // A run that cannot go on prints its line and ends all processes with status 1; none waits for the
-// others.
+// others.  This program starts itself under the launcher, with the failure's number as its
+// argument.
 #include <gtest/gtest.h>
 #include <sys/wait.h>  // WIFEXITED
 
 #include <array>
 #include <cstdio>
-#include <sstream>
+#include <cstdlib>
+#include <iostream>
 #include <string>
-#include <tuple>
-#include <utility>
+#include <vector>
+
+#include "support/world.hpp"
+#include "talvik.hpp"
 
 namespace talvik {
 namespace {
 
-struct Outcome {
-  int status;
-  std::string output;
+test::World world = test::random_world({});
+std::string self;
+
+void split_resident(const char* output_file) {
+  float* D = nullptr;
+  rwmd2_parallel(50, world.embeddings.data(), 5, 3, 0, false, world.resident, world.resident_labels,
+                 12, test::count_entries(world.resident), world.queries, world.query_labels, 9,
+                 test::count_entries(world.queries), &D, true, output_file, false);
+}
+
+// Process 0 is said to hold 2^30 documents, so that the matrix is larger than any address space.
+void ask_for_a_huge_matrix() {
+  constexpr int num_docs = 1 << 30, num_queries = 1 << 17;
+  load_balancing(world.resident, 12, 1);
+  for (int p = 0; p < num_procs; ++p) {
+    grp_start[p] = p == 0 ? 0 : num_docs;
+    grp_length[p] = p == 0 ? num_docs : 0;
+  }
+  float* D = nullptr;
+  rwmd2_parallel_query(world.embeddings.data(), 5, 3, 0, false, num_docs, {},
+                       DocumentSet(num_queries), {}, num_queries, 0, &D, false, nullptr, false);
+}
+
+void ask_for_too_long_lists() {
+  load_balancing(world.resident, 12, test::count_entries(world.resident));
+  std::vector<float> distances(grp_length[myid], 1), val(13);
+  std::vector<int> ind(13);
+  sort_cpu_parallel(1, grp_length[myid], 13, distances.data(), ind.data(), val.data());
+}
+
+struct Failure {
+  int most_processes;  // 2: one process fails while the other may be waiting for it
+  std::string line;
+  void (*run)();
 };
 
-Outcome launch(int processes, const std::string& failure) {
-  // The launcher tells on standard error that the job was aborted; the time limit is for a hang.
-  const std::string command =
-      std::string("ASAN_OPTIONS=allocator_may_return_null=1:$ASAN_OPTIONS ") + "timeout 60 " +
-      TALVIK_TEST_MPIRUN + " " + std::to_string(processes) + " " + TALVIK_TEST_FAILING_RUN + " '" +
-      failure + "' 2>/dev/null";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return {-1, "popen failed"};
-  Outcome outcome{-1, ""};
-  std::array<char, 4096> part{};
-  while (std::fgets(part.data(), part.size(), pipe)) outcome.output += part.data();
-  const int status = pclose(pipe);
-  if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
-  return outcome;
-}
+const std::vector<Failure> failures{
+    {2, "Failed to open result file: /nonexistent/out.csv",
+     [] { split_resident("/nonexistent/out.csv"); }},
+    {2, "Failed to open result file: /nonexistent/out.csv.thread0-0",
+     [] {
+       std::vector<float> D_max(9 * 12);
+       rwmd2_scaleout_wrapper(
+           50, world.embeddings.data(), 5, 3, 0, false, world.resident, world.resident_labels, 12,
+           test::count_entries(world.resident), world.queries, world.query_labels, 9,
+           test::count_entries(world.queries), D_max.data(), true, "/nonexistent/out.csv", false);
+     }},
+    {2, "Failed to write result file: /dev/full", [] { split_resident("/dev/full"); }},
+    {2, "Failed to allocate memory for D_trans: 562949953421312", ask_for_a_huge_matrix},
+    {2, "sort_cpu_parallel: k is 13, but all processes together hold 12 resident documents",
+     ask_for_too_long_lists},
+    {1, "Failed to open result file: ", [] { split_resident(nullptr); }},
+    {1,
+     "The distribution info splits 9 documents, not the 12 of this run: call "
+     "cleanup_distribution_info first",
+     [] {
+       load_balancing(world.queries, 9, test::count_entries(world.queries));
+       split_resident("/dev/null");
+     }},
+    {1, "A document holds word 50, but the vocabulary has 50 words",
+     [] { world.resident[0][0].first = 50, split_resident("/dev/null"); }},
+    {1, "A document holds word 51, but the vocabulary has 50 words",
+     [] { world.queries.back().back().first = 51, split_resident("/dev/null"); }},
+    {1, "A document holds word 1, but the vocabulary has 1 words",
+     [] {
+       float ground = 0, *D = nullptr;
+       remd2_twoway_ground(1, &ground, 1, 0, {{{1, 1.f}}}, {1}, {{{0, 1.f}}}, {1}, &D, false,
+                           nullptr, false);
+     }},
+    {1, "The resident collection's labels: 12 announced, 11 present",
+     [] { world.resident_labels.pop_back(), split_resident("/dev/null"); }}};
 
-bool has_line(const std::string& text, const std::string& wanted) {
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    if (line == wanted) return true;
+class PipelineFailure : public testing::TestWithParam<size_t> {};
+
+TEST_P(PipelineFailure, PrintsItsLineAndEndsTheJob) {
+  const Failure& failure = failures[GetParam()];
+  for (int processes = 1; processes <= failure.most_processes; ++processes) {
+    // The launcher tells on standard error that the job was aborted; the time limit is for a hang.
+    const std::string command =
+        "ASAN_OPTIONS=allocator_may_return_null=1:$ASAN_OPTIONS timeout 60 " +
+        std::string(TALVIK_TEST_MPIRUN) + " " + std::to_string(processes) + " " + self + " " +
+        std::to_string(GetParam()) + " 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string output = "\n";
+    std::array<char, 4096> part{};
+    while (std::fgets(part.data(), part.size(), pipe)) output += part.data();
+    const int status = pclose(pipe);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status << output;
+    EXPECT_NE(output.find("\n" + failure.line + "\n"), std::string::npos) << output;
   }
-  return false;
 }
 
-using Case = std::tuple<int, std::pair<const char*, const char*>>;
-
-class FailingRun : public testing::TestWithParam<Case> {};
-
-TEST_P(FailingRun, PrintsItsLineAndEndsTheJob) {
-  const auto& [processes, texts] = GetParam();
-  const auto& [failure, line] = texts;
-  const Outcome outcome = launch(processes, failure);
-  EXPECT_EQ(outcome.status, 1) << outcome.output;
-  EXPECT_TRUE(has_line(outcome.output, line)) << outcome.output;
-}
-
-// What one process runs into while another may be waiting for it.
-// 562949953421312 bytes = 2^30 documents x 2^17 queries x 4.
-INSTANTIATE_TEST_SUITE_P(
-    OfOneProcess, FailingRun,
-    testing::Combine(
-        testing::Values(1, 2),
-        testing::Values(
-            std::pair("missing folder", "Failed to open result file: /nonexistent/out.csv"),
-            std::pair("missing folder, scale-out",
-                      "Failed to open result file: /nonexistent/out.csv.thread0-0"),
-            std::pair("full disk", "Failed to write result file: /dev/full"),
-            std::pair("huge matrix", "Failed to allocate memory for D_trans: 562949953421312"),
-            std::pair("too long lists",
-                      "sort_cpu_parallel: k is 13, but all processes together hold 12 resident "
-                      "documents"))));
-
-INSTANTIATE_TEST_SUITE_P(
-    OfAllProcesses, FailingRun,
-    testing::Combine(
-        testing::Values(1),
-        testing::Values(
-            std::pair("no path", "Failed to open result file: "),
-            std::pair("foreign split",
-                      "The distribution info splits 9 documents, not the 12 of this run: call "
-                      "cleanup_distribution_info first"),
-            std::pair("unknown word", "A document holds word 50, but the vocabulary has 50 words"),
-            std::pair("unknown query word",
-                      "A document holds word 51, but the vocabulary has 50 words"),
-            std::pair("unknown word, ground distances",
-                      "A document holds word 1, but the vocabulary has 1 words"),
-            std::pair("missing labels",
-                      "The resident collection's labels: 12 announced, 11 present"))));
+INSTANTIATE_TEST_SUITE_P(Calls, PipelineFailure, testing::Range(size_t{0}, failures.size()));
 
 }  // namespace
 }  // namespace talvik
+
+int main(int argc, char** argv) {
+  using namespace talvik;
+  testing::InitGoogleTest(&argc, argv);
+  self = argv[0];
+  if (argc < 2) return RUN_ALL_TESTS();
+  init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
+  failures.at(std::stoul(argv[1])).run();
+  std::cout << "The run went on" << std::endl;
+  barrier_mpi();
+  finalize_mpi();
+  return 0;
+}

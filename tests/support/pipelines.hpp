@@ -9,9 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -68,21 +66,6 @@ inline World exact_world(unsigned seed) {
 /// Row q, column i: distance from resident document i to query document q.
 using Matrix = std::vector<std::vector<float>>;
 
-inline Matrix transposed(const Matrix& rows) {
-  Matrix columns(rows.empty() ? 0 : rows[0].size());
-  for (const auto& row : rows) {
-    for (size_t i = 0; i < row.size(); ++i) columns[i].push_back(row[i]);
-  }
-  return columns;
-}
-
-inline Matrix larger_of(Matrix a, const Matrix& b) {
-  for (size_t r = 0; r < a.size(); ++r) {
-    for (size_t c = 0; c < a[r].size(); ++c) a[r][c] = std::max(a[r][c], b[r][c]);
-  }
-  return a;
-}
-
 inline Matrix expected_distances(const World& world, const DocumentSet& resident,
                                  const DocumentSet& queries, int steps, bool use_gpu) {
   const StepRule rule = use_gpu     ? StepRule::powers_of_two
@@ -130,44 +113,6 @@ inline std::string expected_lines(const Matrix& distances, int first, int count,
   }
   return text;
 }
-
-struct Free {
-  void operator()(float* matrix) const { std::free(matrix); }
-};
-
-/// A matrix that the library hands over.
-using OwnedMatrix = std::unique_ptr<float[], Free>;
-
-/// Collects the batches that batch_finished reports as long as it lives.
-class BatchWatch {
- public:
-  BatchWatch() {
-    batch_finished_context = this;
-    batch_finished = [](const BatchResult& batch, void* context) {
-      static_cast<BatchWatch*>(context)->batches.push_back(batch);
-      ASSERT_EQ(batch.neighbours != nullptr, batch.k > 0);
-      for (int q = 0; q < batch.num_queries && batch.k > 0; ++q) {
-        const float* row = batch.distances + q * batch.k;
-        EXPECT_TRUE(std::is_sorted(row, row + batch.k));
-      }
-    };
-  }
-  ~BatchWatch() { batch_finished = nullptr, batch_finished_context = nullptr; }
-
-  /// What was reported must be queries first .. first + count - 1 in their order, with lists of k.
-  void expect_batches(int first, int count, int k) const {
-    int next = first;
-    for (const BatchResult& batch : batches) {
-      EXPECT_EQ(batch.first_query, next);
-      EXPECT_EQ(batch.end_query, first + count);
-      EXPECT_EQ(batch.k, k);
-      next += batch.num_queries;
-    }
-    EXPECT_EQ(next, first + count);
-  }
-
-  std::vector<BatchResult> batches;  // their lists are gone
-};
 
 }  // namespace talvik::test
 
