@@ -735,9 +735,9 @@ TALVIK_API int parse_docs_mnist(const char* image_path, const char* label_path, 
 /// and all scored neighbours, averaged over all queries of all processes.  Collective.
 /// @param num_queries     queries of all processes together
 /// @param k               length of a row of neighbours
-/// @param neighbours      rows x k resident document numbers: num_queries rows, or with
-///                        distribution info, the grp_length[myid] rows from query grp_start[myid]
-///                        on
+/// @param neighbours      rows x k resident document numbers: num_queries rows or, where
+///                        there is distribution info, this process's grp_length[myid] rows, which
+///                        begin with query grp_start[myid]
 /// @param query_labels    label of every query
 /// @param resident_labels label of every resident document
 /// @param skip_first      whether entry 0 of every row is left out
