@@ -3,7 +3,7 @@
 
 #include <memory>
 #include <numeric>
-#include <random>
+#include <vector>
 
 #include "talvik.hpp"
 
@@ -13,16 +13,16 @@ namespace {
 const DocumentSet some_docs = {
     {{9, 0.1f}}, {{7, 0.5f}, {2, 0.25f}}, {}, {{9, 1.f}, {7, 2.f}}, {{1, 3.f}}};
 
-std::vector<float> counting_embeddings(int rows, int vec_size) {
-  std::vector<float> embeddings(static_cast<size_t>(rows * vec_size));
+// Word w has the vector (2w, 2w + 1).
+std::vector<float> counting_embeddings() {
+  std::vector<float> embeddings(20);
   std::iota(embeddings.begin(), embeddings.end(), 0.f);
   return embeddings;
 }
 
 TEST(Conversion, ARangeKeepsItsOrderAndCountsFromItsOwnStart) {
   std::vector<int> ind(4), start(4, -1);
-  std::vector<float> weight(4), X(8);
-  auto embeddings = counting_embeddings(10, 2);
+  std::vector<float> weight(4), X(8), embeddings = counting_embeddings();
   EXPECT_EQ(setup_raw_data(some_docs, 1, 3, ind.data(), start.data(), weight.data()), 0);
   EXPECT_EQ(start, (std::vector<int>{0, 2, 2, 4}));
   EXPECT_EQ(ind, (std::vector<int>{7, 2, 9, 7}));
@@ -35,81 +35,67 @@ TEST(Conversion, ARangeKeepsItsOrderAndCountsFromItsOwnStart) {
   EXPECT_EQ(start, (std::vector<int>{0, -1}));
 }
 
-TEST(Compression, KeepsTheOrderOfTheWordsAndTheDocumentsOutsideTheRange) {
-  DocumentSet docs = some_docs;
-  auto embeddings = counting_embeddings(10, 2);
+TEST(Compression, KeepsTheOrderOfTheWordsAndTheDocumentsOutsideTheRanges) {
+  DocumentSet docs = some_docs, others = some_docs;
+  std::vector<float> embeddings = counting_embeddings();
   int size = -1;
   float* rows = nullptr;
   EXPECT_EQ(compress_vocabulary(10, embeddings.data(), &size, &rows, 2, docs, 1, 3), 1);
-  const std::unique_ptr<float[]> owner(rows);
+  std::unique_ptr<float[]> owner(rows);
   ASSERT_EQ(size, 3);
   EXPECT_EQ(std::vector<float>(rows, rows + 6), (std::vector<float>{4, 5, 14, 15, 18, 19}));
   EXPECT_EQ(docs, (DocumentSet{
                       {{9, 0.1f}}, {{1, 0.5f}, {0, 0.25f}}, {}, {{2, 1.f}, {1, 2.f}}, {{1, 3.f}}}));
+
+  // Two ranges share one numbering: 2 and 7 of the one, 1 and 7 of the other.
+  docs = some_docs;
+  EXPECT_EQ(
+      compress_vocabulary_cosine(10, embeddings.data(), &size, &rows, 2, docs, 1, 2, others, 3, 2),
+      1);
+  owner.reset(rows);
+  ASSERT_EQ(size, 4);
+  EXPECT_EQ(std::vector<float>(rows, rows + 8), (std::vector<float>{2, 3, 4, 5, 14, 15, 18, 19}));
+  EXPECT_EQ(docs, (DocumentSet{
+                      {{9, 0.1f}}, {{2, 0.5f}, {1, 0.25f}}, {}, {{9, 1.f}, {7, 2.f}}, {{1, 3.f}}}));
+  EXPECT_EQ(
+      others,
+      (DocumentSet{{{9, 0.1f}}, {{7, 0.5f}, {2, 0.25f}}, {}, {{3, 1.f}, {2, 2.f}}, {{0, 3.f}}}));
+  EXPECT_FALSE(use_cosine) << "the metric is the host program's choice";
 }
 
-class Split : public testing::Test {
- protected:
-  ~Split() override {
-    cleanup_distribution_info();
-    num_procs = 0;
-  }
-
-  static void make(int procs, const std::vector<int>& sizes) {
-    cleanup_distribution_info();
-    num_procs = procs;
-    DocumentSet docs;
-    for (const int size : sizes) docs.emplace_back(static_cast<size_t>(size));
-    const int entries = std::accumulate(sizes.begin(), sizes.end(), 0);
-    EXPECT_EQ(load_balancing(docs, static_cast<int>(sizes.size()), entries), 0);
-  }
-
-  static std::vector<int> list(const int* values) { return {values, values + num_procs}; }
+struct SplitCase {
+  std::vector<int> sizes;    // entries of the documents
+  std::vector<int> lengths;  // of the groups, one per process
 };
 
-TEST_F(Split, AnOverfullGroupGivesBackItsLastDocumentUnlessItIsTheOnlyOne) {
-  make(3, {4, 10, 2, 4, 1});
-  EXPECT_EQ(list(grp_start), (std::vector<int>{0, 1, 2}));
-  EXPECT_EQ(list(grp_length), (std::vector<int>{1, 1, 3}));
-  EXPECT_EQ(list(grp_data_length), (std::vector<int>{4, 10, 7}));
-  EXPECT_EQ(list(grp_data_start), (std::vector<int>{0, 4, 14}));
-
-  make(2, {3, 2, 2, 1});  // 3 + 2 is exactly a quarter above the target of 4
-  EXPECT_EQ(list(grp_length), (std::vector<int>{1, 3}));
-
-  make(2, {7, 1, 9, 1});  // 7 + 1 < 9, the target; 17 is given back; 9 + 1 are the last group
-  EXPECT_EQ(list(grp_length), (std::vector<int>{2, 2}));
-}
-
-TEST_F(Split, WhatIsLeftOverGoesToTheLastGroupAndTheLastGroupsMayBeEmpty) {
-  make(2, {1, 10, 1});
-  EXPECT_EQ(list(grp_length), (std::vector<int>{1, 2}));
-  make(4, {1, 0, 1});  // less than an entry per process: no group takes any
-  EXPECT_EQ(list(grp_length), (std::vector<int>{0, 0, 0, 3}));
-  make(4, {9, 9});
-  EXPECT_EQ(list(grp_length), (std::vector<int>{1, 1, 0, 0}));
-  EXPECT_EQ(list(grp_start), (std::vector<int>{0, 1, 2, 2}));
-}
-
-TEST_F(Split, EveryDocumentBelongsToExactlyOneGroup) {
-  std::mt19937 random(5);
-  for (int round = 0; round < 200; ++round) {
-    const int procs = std::uniform_int_distribution<int>(1, 9)(random);
-    std::vector<int> sizes(std::uniform_int_distribution<size_t>(0, 30)(random));
-    for (int& size : sizes) size = std::uniform_int_distribution<int>(0, 20)(random);
-    make(procs, sizes);
-    size_t doc = 0;
-    int entries = 0;
-    for (int p = 0; p < procs; ++p) {
-      ASSERT_EQ(grp_start[p], static_cast<int>(doc));
-      ASSERT_EQ(grp_data_start[p], entries);
-      int own = 0;
-      for (int i = 0; i < grp_length[p]; ++i) own += sizes.at(doc++);
-      ASSERT_EQ(grp_data_length[p], own);
-      entries += own;
+TEST(Split, GroupsReachTheirTargetAndGiveBackWhatMakesThemOverfull) {
+  const SplitCase cases[] = {
+      {{4, 10, 2, 4, 1}, {1, 1, 3}},
+      {{3, 2, 2, 1}, {1, 3}},     // 3 + 2 is exactly a quarter above the target of 4
+      {{7, 1, 9, 1}, {2, 2}},     // 7 + 1 < 9, the target; 17 is given back
+      {{1, 10, 1}, {1, 2}},       // what is left over goes to the last group
+      {{1, 0, 1}, {0, 0, 0, 3}},  // less than an entry per process: no other group takes any
+      {{9, 9}, {1, 1, 0, 0}},
+      {{}, {0, 0}}};
+  for (const auto& [sizes, lengths] : cases) {
+    DocumentSet docs;
+    for (const int size : sizes) docs.emplace_back(size);
+    num_procs = static_cast<int>(lengths.size());
+    EXPECT_EQ(load_balancing(docs, static_cast<int>(docs.size()),
+                             std::accumulate(sizes.begin(), sizes.end(), 0)),
+              0);
+    EXPECT_EQ(std::vector<int>(grp_length, grp_length + num_procs), lengths);
+    int doc = 0, entries = 0;
+    for (int p = 0; p < num_procs; ++p) {
+      EXPECT_EQ(grp_start[p], doc);
+      EXPECT_EQ(grp_data_start[p], entries);
+      for (; doc < grp_start[p] + lengths[p]; ++doc) entries += sizes[doc];
+      EXPECT_EQ(grp_data_length[p], entries - grp_data_start[p]);
     }
-    ASSERT_EQ(doc, sizes.size());
+    cleanup_distribution_info();
+    EXPECT_EQ(grp_data_length, nullptr);
   }
+  num_procs = 0;
 }
 
 }  // namespace

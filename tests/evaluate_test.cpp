@@ -1,9 +1,10 @@
 // The precision of neighbour lists.  On several processes the queries are split between them.
 #include <gtest/gtest.h>
 
-#include <random>
+#include <string>
 #include <vector>
 
+#include "support/output.hpp"
 #include "support/pipelines.hpp"
 #include "talvik.hpp"
 
@@ -12,106 +13,63 @@ namespace {
 
 const auto* const environment = testing::AddGlobalTestEnvironment(new ProcessGroup);
 
-constexpr bool skip_first = true, score_all = false, print = true, silent = false;
+constexpr int queries = 4;
+unsigned long labels[] = {1, 1ul << 32 | 1, 2, 3, 1ul << 33 | 1};  // of the queries, and of none
 
-/// Distribution info for groups of these lengths, for the scope's duration.
-class Split {
- public:
-  explicit Split(std::vector<int> lengths) : length_(lengths), start_(length_.size()) {
-    for (size_t p = 1; p < length_.size(); ++p) start_[p] = start_[p - 1] + length_[p - 1];
-    grp_length = length_.data();
-    grp_start = start_.data();
+// Lists of k, in which 1 is a resident document with the query's label.
+std::vector<int> lists(int k) {
+  constexpr const char* hits[queries] = {"110010", "011001", "100000", "010111"};
+  std::vector<int> rows;
+  for (int q = 0; q < queries; ++q) {
+    for (int j = 0; j < k; ++j) rows.push_back(hits[q][j] == '1' ? q : queries);
   }
-  ~Split() { grp_length = grp_start = nullptr; }
-  Split(const Split&) = delete;
-  Split& operator=(const Split&) = delete;
-
- private:
-  std::vector<int> length_, start_;
-};
-
-/// So many queries on every process but the last, which has what remains.
-std::vector<int> lengths(int each, int queries) {
-  std::vector<int> lengths(static_cast<size_t>(num_procs), each);
-  lengths.back() = queries - each * (num_procs - 1);
-  return lengths;
+  return rows;
 }
 
+struct Case {
+  int k;
+  bool skip_first;
+  std::vector<double> hits;  // among the first 1, 2, 4, ... and all scored neighbours
+  std::string report;
+};
+
 TEST(Precision, EveryLevelCountsTheHitsOfItsFirstNeighbours) {
-  constexpr int queries = 23, residents = 40, most = 9;
-  std::mt19937 random(5);
-  const unsigned long some_labels[] = {1, 1ul << 32 | 1, 2};  // all bits are compared
-  std::vector<unsigned long> query_labels(queries), resident_labels(residents);
-  for (auto& label : query_labels) label = some_labels[random() % 3];
-  for (auto& label : resident_labels) label = some_labels[random() % 3];
-  const std::vector<std::vector<int>> expected_cut_offs{
-      {1},          {1, 2},       {1, 2, 3},    {1, 2, 4},      {1, 2, 4, 5},
-      {1, 2, 4, 6}, {1, 2, 4, 7}, {1, 2, 4, 8}, {1, 2, 4, 8, 9}};
-  for (int scored = 1; scored <= most; ++scored) {
-    for (const int skipped : {0, 1}) {
-      const int k = scored + skipped;
-      std::vector<int> rows(static_cast<size_t>(queries * k));
-      for (int& r : rows) r = static_cast<int>(random() % residents);
-      std::vector<float> expected, times_processes;
-      for (const int cut_off : expected_cut_offs[static_cast<size_t>(scored) - 1]) {
-        int hits = 0;
-        for (int q = 0; q < queries; ++q) {
-          for (int j = 0; j < cut_off; ++j)
-            hits += resident_labels[rows[q * k + skipped + j]] == query_labels[q];
-        }
-        expected.push_back(static_cast<float>(hits / static_cast<double>(queries * cut_off)));
-        times_processes.push_back(
-            static_cast<float>(hits * num_procs / static_cast<double>(queries * cut_off)));
-      }
-      // A skipped neighbour is not looked at.
-      for (int q = 0; q < queries && skipped == 1; ++q) rows[q * k] = -1;
-      const auto evaluate = [&](int first) {
-        return evaluate_topk_precision(queries, k, &rows[first * k], query_labels.data(),
-                                       resident_labels.data(), skipped == 1, silent);
-      };
-      EXPECT_EQ(evaluate(0), times_processes) << "without a split every process scores all";
-      for (const int each : {0, 7}) {
-        const Split split(lengths(each, queries));
-        EXPECT_EQ(evaluate(grp_length[myid] > 0 ? grp_start[myid] : 0), expected)
-            << scored << " scored, " << skipped << " skipped, " << each << " on each process";
-      }
+  const std::string title = "Averaged accuracy results\n";
+  const Case cases[] = {
+      {6, false, {2, 5, 7, 11}, title + "1 0.500000\n2 0.625000\n4 0.437500\n6 0.458333\n\n"},
+      {6, true, {3, 4, 7, 9}, title + "1 0.750000\n2 0.500000\n4 0.437500\n5 0.450000\n\n"},
+      {4, false, {2, 5, 7}, title + "1 0.500000\n2 0.625000\n4 0.437500\n\n"},
+      {1, false, {2}, title + "1 0.500000\n\n"}};
+  for (const Case& expected : cases) {
+    SCOPED_TRACE(expected.k);
+    std::vector<int> rows = lists(expected.k);
+    const auto evaluate = [&](int first_query, bool print) {
+      return evaluate_topk_precision(queries, expected.k, rows.data() + first_query * expected.k,
+                                     labels, labels, expected.skip_first, print);
+    };
+    std::vector<float> precisions;
+    split_evenly(queries);
+    const std::string report = printed_by([&] { precisions = evaluate(grp_start[myid], true); });
+    EXPECT_EQ(report, myid == 0 ? expected.report : "");
+    EXPECT_EQ(printed_by([&] { evaluate(grp_start[myid], false); }), "");
+    cleanup_distribution_info();
+    const std::vector<float> times_processes = evaluate(0, false);  // all score all
+    ASSERT_EQ(precisions.size(), expected.hits.size());
+    for (size_t level = 0; level < precisions.size(); ++level) {
+      const int scored = expected.k - (expected.skip_first ? 1 : 0);
+      const double compared = queries * std::min(1 << level, scored);
+      EXPECT_FLOAT_EQ(precisions[level], expected.hits[level] / compared);
+      EXPECT_FLOAT_EQ(times_processes[level], num_procs * precisions[level]);
     }
   }
 }
 
-TEST(Precision, ProcessZeroAlonePrintsTheReport) {
-  // Labels 7 and 9; resident documents 10 and 12 share the first, 21 the second.
-  std::vector<unsigned long> queries{7, 9}, resident(24, 1);
-  resident[10] = resident[12] = 7;
-  resident[21] = 9;
-  std::vector<int> rows{10, 11, 12, 13, 20, 21, 22, 23};
-  const Split split(lengths(0, 2));
-  const auto printed = [&](bool print_results) {
-    testing::internal::CaptureStdout();
-    evaluate_topk_precision(2, 4, rows.data(), queries.data(), resident.data(), score_all,
-                            print_results);
-    return testing::internal::GetCapturedStdout();
-  };
-  EXPECT_EQ(printed(print), myid == 0 ? "Averaged accuracy results\n"
-                                        "1 0.500000\n2 0.500000\n4 0.375000\n\n"
-                                      : "");
-  EXPECT_EQ(printed(silent), "");
-}
-
 TEST(Precision, NothingToScoreNeedsNoOtherProcess) {
-  {
-    const Split split(lengths(0, 0));
-    EXPECT_EQ(evaluate_topk_precision(0, 2, nullptr, nullptr, nullptr, score_all, silent),
-              (std::vector<float>{0.0f, 0.0f}));
-  }
-  // Only one process calls: with a collective inside this would hang.
-  if (myid != 0) return;
-  std::vector<unsigned long> label{1};
-  std::vector<int> row{0};
+  EXPECT_EQ(evaluate_topk_precision(0, 2, nullptr, nullptr, nullptr, false, false),
+            (std::vector<float>{0, 0}));
+  if (myid != 0) return;  // with a collective inside, the calls below would hang
   for (const int k : {1, 0, -4}) {
-    EXPECT_TRUE(
-        evaluate_topk_precision(1, k, row.data(), label.data(), label.data(), skip_first, silent)
-            .empty());
+    EXPECT_TRUE(evaluate_topk_precision(1, k, nullptr, labels, labels, true, false).empty());
   }
 }
 

@@ -4,8 +4,11 @@
 
 #include <array>
 #include <cstdlib>
+#include <numeric>
+#include <string>
 #include <vector>
 
+#include "support/output.hpp"
 #include "support/pipelines.hpp"
 
 namespace talvik {
@@ -14,12 +17,11 @@ namespace {
 const auto* const environment = testing::AddGlobalTestEnvironment(new test::ProcessGroup);
 
 TEST(Identity, ComesFromTheLauncherAndIsPrinted) {
-  int rank = -1, mpi_rank = -1, size = -1, local_rank = -1, local_size = -1;
-  testing::internal::CaptureStdout();
-  init_mpi(&rank, &size, &local_rank, &local_size);  // a second time
-  const std::string line = testing::internal::GetCapturedStdout();
+  int rank = -1, size = -1, local_rank = -1, local_size = -1;
+  const auto init = [&] { init_mpi(&rank, &size, &local_rank, &local_size); };
+  const std::string line = test::printed_by(init);  // a second time
   char node[MPI_MAX_PROCESSOR_NAME] = "";
-  int length = 0;
+  int length = 0, mpi_rank = -1;
   MPI_Get_processor_name(node, &length);
   MPI_Comm_rank(MPI_COMM_WORLD, &mpi_rank);
   EXPECT_EQ(line, "Process " + std::to_string(mpi_rank) + " of " + std::to_string(size) +
@@ -30,54 +32,41 @@ TEST(Identity, ComesFromTheLauncherAndIsPrinted) {
 
   setenv("OMPI_COMM_WORLD_LOCAL_RANK", " +5th", 1);
   setenv("OMPI_COMM_WORLD_LOCAL_SIZE", "12", 1);
-  init_mpi(&rank, &size, &local_rank, &local_size);
+  init();
   EXPECT_EQ((std::vector{local_rank, local_size}), (std::vector{5, 12}));
   unsetenv("OMPI_COMM_WORLD_LOCAL_RANK");
   unsetenv("OMPI_COMM_WORLD_LOCAL_SIZE");
-  init_mpi(&rank, &size, &local_rank, &local_size);
+  init();
   EXPECT_EQ((std::vector{local_rank, local_size}), (std::vector{0, 1}));
 }
 
-TEST(Collectives, ReductionsReachEveryProcess) {
+TEST(Collectives, ReachEveryProcess) {
   std::array<int, 2> counts{myid, 10}, sums{};
   reduce_mpi_sum_int(counts.data(), sums.data(), 2);
-  EXPECT_EQ(sums[0], num_procs * (num_procs - 1) / 2);
-  EXPECT_EQ(sums[1], 10 * num_procs);
+  EXPECT_EQ(sums, (std::array{num_procs * (num_procs - 1) / 2, 10 * num_procs}));
 
-  const auto rank = static_cast<float>(myid);
+  const auto rank = static_cast<float>(myid), last = static_cast<float>(num_procs - 1);
   std::array<float, 2> values{rank + 0.5f, -rank}, minima{};
   reduce_mpi_min_float(values.data(), minima.data(), 2);
-  EXPECT_EQ(minima[0], 0.5f);
-  EXPECT_EQ(minima[1], static_cast<float>(1 - num_procs));
-}
+  EXPECT_EQ(minima, (std::array{0.5f, -last}));
 
-TEST(Collectives, BroadcastCountsBytes) {
-  const int root = num_procs - 1;
-  const bool sender = myid == root;
-  std::array<float, 4> values{};
-  if (sender) values = {1, 2, 3, 4};
-  broadcast_mpi(values.data(), 12, root);
-  EXPECT_EQ(values, (std::array<float, 4>{1, 2, 3, sender ? 4.f : 0.f}));
-}
+  // The last process sends; the count is of bytes.
+  const bool sender = myid == num_procs - 1;
+  std::array<float, 4> sent{};
+  if (sender) sent = {1, 2, 3, 4};
+  broadcast_mpi(sent.data(), 12, num_procs - 1);
+  EXPECT_EQ(sent, (std::array{1.f, 2.f, 3.f, sender ? 4.f : 0.f}));
 
-TEST(Collectives, BlocksOfEveryLengthArriveAtTheirPlaces) {
-  const std::vector<int> lengths = {3, 0, 2, 1};
-  grp_start = new int[static_cast<size_t>(num_procs)];
-  grp_length = new int[static_cast<size_t>(num_procs)];
-  int total = 0;
-  for (int p = 0; p < num_procs; ++p) {
-    grp_start[p] = total;
-    grp_length[p] = lengths[static_cast<size_t>(p)];
-    total += grp_length[p];
+  for (const int num_items : {2, 7}) {  // of 2 some processes have none
+    test::split_evenly(num_items);
+    std::vector<int> items(num_items, -1), expected(num_items);
+    std::iota(expected.begin(), expected.end(), 100);
+    int* own = items.data() + grp_start[myid];
+    std::iota(own, own + grp_length[myid], 100 + grp_start[myid]);
+    all_gather_mpi(items.data());
+    EXPECT_EQ(items, expected);
+    cleanup_distribution_info();
   }
-  std::vector<int> items(static_cast<size_t>(total), -1), expected;
-  for (int i = 0; i < total; ++i) expected.push_back(100 + i);
-  for (int i = grp_start[myid]; i < grp_start[myid] + grp_length[myid]; ++i) {
-    items[static_cast<size_t>(i)] = 100 + i;
-  }
-  all_gather_mpi(items.data());
-  EXPECT_EQ(items, expected);
-  cleanup_distribution_info();
 }
 
 // Last, because nothing can follow it.

@@ -177,7 +177,10 @@ struct Buffer {
 
 }  // namespace
 
+// Every copy drops what is still there: a run that ran out of memory has released nothing.
+
 int copy_raw_data_cpu(int n, int* ind, float* weight, int num_docs_, int* start) {
+  remove_raw_data_cpu();
   host::num_words = n;
   host::num_docs = num_docs_;
   host::ind = copy_of(ind, static_cast<std::size_t>(n));
@@ -197,6 +200,7 @@ int remove_raw_data_cpu() {
 }
 
 int copy_vocabulary_cpu(int v_size, int m, float* W) {
+  remove_vocabulary_cpu();
   host::voc_size = v_size;
   host::vec_size = m;
   host::W = copy_of_rows(W, v_size, m);
@@ -212,6 +216,7 @@ int remove_vocabulary_cpu() {
 }
 
 int copy_raw_data2_cpu(int n2, int* ind2, float* weight2, int num_docs2_, int* start2_) {
+  remove_raw_data2_cpu();
   copy_query_documents(n2, weight2, num_docs2_, start2_);
   host::ind2 = copy_of(ind2, static_cast<std::size_t>(n2));
   host::distinct2 = distinct_rows_of(host::ind2, sizeof(int));
@@ -225,6 +230,7 @@ int remove_raw_data2_cpu() {
 }
 
 int copy_vectors2_cpu(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
+  remove_vectors2_cpu();
   copy_query_documents(n2, weight2, num_docs2_, start2_);
   host::distinct2 = distinct_rows_of(X2, elements(m, sizeof(float)));
   const std::vector<int>& entry_of_row = host::distinct2.entry_of_row;

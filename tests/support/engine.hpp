@@ -9,120 +9,16 @@
 
 #include "support/oracle.hpp"
 #include "support/world.hpp"
-#include "talvik.hpp"
+#include "talvik/engine.hpp"
 
 namespace talvik::test {
 
-/// The functions that fill an engine's roles.
-struct Engine {
-  int (*copy_vocabulary)(int v_size, int m, float* W);
-  int (*remove_vocabulary)();
-  int (*copy_raw_data)(int n, int* ind, float* weight, int num_docs, int* start);
-  int (*remove_raw_data)();
-  int (*copy_raw_data2)(int n2, int* ind2, float* weight2, int num_docs2, int* start2);
-  int (*remove_raw_data2)();
-  int (*copy_vectors2)(int n2, int m, float* X2, float* weight2, int num_docs2, int* start2);
-  int (*remove_vectors2)();
-  int (*compute_ground_distances)(float* D_ground);
-  int (*copy_ground_distances)(int voc_size, float* D_ground);
-  int (*remove_ground_distances)();
-};
-
-inline constexpr Engine cpu_engine{
-    copy_vocabulary_cpu,       remove_vocabulary_cpu,      copy_raw_data_cpu,
-    remove_raw_data_cpu,       copy_raw_data2_cpu,         remove_raw_data2_cpu,
-    copy_vectors2_cpu,         remove_vectors2_cpu,        compute_ground_distances_cpu,
-    copy_ground_distances_cpu, remove_ground_distances_cpu};
-
-inline int copy_vocabulary_to_first_device(int v_size, int m, float* W) {
-  constexpr int first_device = 0;
-  return copy_vocabulary(first_device, v_size, m, W);
-}
-
-inline constexpr Engine gpu_engine{copy_vocabulary_to_first_device,
-                                   remove_vocabulary,
-                                   copy_raw_data,
-                                   remove_raw_data,
-                                   copy_raw_data2,
-                                   remove_raw_data2,
-                                   copy_vectors2,
-                                   remove_vectors2,
-                                   compute_ground_distances,
-                                   copy_ground_distances,
-                                   remove_ground_distances};
+/// What the roles of an engine take for use_gpu.
+inline constexpr bool cpu_engine = false, gpu_engine = true;
 
 /// The engine whose rule it is.
-inline const Engine& engine_of(StepRule rule) {
+constexpr bool engine_of(StepRule rule) {
   return rule == StepRule::powers_of_two ? gpu_engine : cpu_engine;
-}
-
-/// Whether there is a device, real or emulated, for the engine with this rule.
-inline bool can_run(StepRule rule) {
-  return rule != StepRule::powers_of_two || count_gpu_devices() > 0;
-}
-
-/// All word distances of the world, voc_size x voc_size.
-inline std::vector<float> ground_matrix(const World& world, const Engine& engine = cpu_engine) {
-  const size_t n = static_cast<size_t>(world.shape.voc_size);
-  std::vector<float> D(n * n), embeddings = world.embeddings;
-  engine.copy_vocabulary(world.shape.voc_size, world.shape.vec_size, embeddings.data());
-  engine.compute_ground_distances(D.data());
-  engine.remove_vocabulary();
-  return D;
-}
-
-/// A collection as compressed sparse rows.
-struct Csr {
-  std::vector<int> ind, start;
-  std::vector<float> weight;
-};
-
-inline Csr csr_of(const DocumentSet& docs) {
-  const size_t entries = static_cast<size_t>(count_entries(docs));
-  Csr csr{std::vector<int>(entries), std::vector<int>(docs.size() + 1),
-          std::vector<float>(entries)};
-  setup_raw_data(docs, 0, static_cast<int>(docs.size()), csr.ind.data(), csr.start.data(),
-                 csr.weight.data());
-  return csr;
-}
-
-/// Z of the whole world as one batch: Z[d * resident documents + i].
-/// @param compute  void(float* Z), run while the world is loaded
-template <class Compute>
-std::vector<float> distance_block(const World& world, const Engine& engine, bool ground,
-                                  const Compute& compute) {
-  World copy = world;
-  const int num_resident = static_cast<int>(world.resident.size());
-  const int num_queries = static_cast<int>(world.queries.size());
-  Csr resident = csr_of(world.resident), batch = csr_of(world.queries);
-  const int n = static_cast<int>(resident.ind.size()), n2 = static_cast<int>(batch.ind.size());
-  engine.copy_raw_data(n, resident.ind.data(), resident.weight.data(), num_resident,
-                       resident.start.data());
-  std::vector<float> D, X;
-  if (ground) {
-    D = ground_matrix(copy, engine);
-    engine.copy_ground_distances(world.shape.voc_size, D.data());
-    engine.copy_raw_data2(n2, batch.ind.data(), batch.weight.data(), num_queries,
-                          batch.start.data());
-  } else {
-    X.resize(static_cast<size_t>(n2) * static_cast<size_t>(world.shape.vec_size));
-    setup_vectors(copy.embeddings.data(), world.shape.vec_size, world.queries, 0, num_queries,
-                  X.data(), batch.start.data(), batch.weight.data());
-    engine.copy_vocabulary(world.shape.voc_size, world.shape.vec_size, copy.embeddings.data());
-    engine.copy_vectors2(n2, world.shape.vec_size, X.data(), batch.weight.data(), num_queries,
-                         batch.start.data());
-  }
-  std::vector<float> Z(static_cast<size_t>(num_resident) * static_cast<size_t>(num_queries), -1.0f);
-  compute(Z.data());
-  if (ground) {
-    engine.remove_raw_data2();
-    engine.remove_ground_distances();
-  } else {
-    engine.remove_vectors2();
-    engine.remove_vocabulary();
-  }
-  engine.remove_raw_data();
-  return Z;
 }
 
 /// The function that computes by a rule.
@@ -130,6 +26,71 @@ inline auto function_of(StepRule rule) {
   return rule == StepRule::single    ? ed_min_vocab_cpu
          : rule == StepRule::halving ? ed_min_vocab_cpu_multi
                                      : ed_min_vocab_multi;
+}
+
+/// The rules that have an engine here: without a device, real or emulated, there is no GPU engine.
+inline std::vector<StepRule> rules_to_run() {
+  std::vector<StepRule> rules{StepRule::single, StepRule::halving};
+  if (count_gpu_devices() > 0) rules.push_back(StepRule::powers_of_two);
+  return rules;
+}
+
+/// All word distances of the world, voc_size x voc_size.
+inline std::vector<float> ground_matrix(const World& world, bool use_gpu = cpu_engine) {
+  std::vector<float> D(world.shape.voc_size * world.shape.voc_size), embeddings = world.embeddings;
+  internal::load_vocabulary(use_gpu, world.shape.voc_size, world.shape.vec_size, embeddings.data());
+  internal::compute_ground(use_gpu, D.data());
+  internal::release_vocabulary(use_gpu);
+  return D;
+}
+
+/// A collection as compressed sparse rows.
+struct Csr {
+  explicit Csr(const DocumentSet& docs)
+      : num_docs(static_cast<int>(docs.size())),
+        entries(count_entries(docs)),
+        ind(entries),
+        start(num_docs + 1),
+        weight(entries) {
+    setup_raw_data(docs, 0, num_docs, ind.data(), start.data(), weight.data());
+  }
+  int num_docs, entries;
+  std::vector<int> ind, start;
+  std::vector<float> weight;
+};
+
+/// Z of the whole world as one batch: Z[d * resident documents + i].
+/// @param compute  void(float* Z), run while the world is loaded
+template <class Compute>
+std::vector<float> distance_block(const World& world, bool use_gpu, bool ground,
+                                  const Compute& compute) {
+  const int voc_size = world.shape.voc_size, vec_size = world.shape.vec_size;
+  Csr resident(world.resident), batch(world.queries);
+  std::vector<float> embeddings = world.embeddings, D, X(batch.entries * vec_size);
+  internal::load_resident(use_gpu, resident.entries, resident.ind.data(), resident.weight.data(),
+                          resident.num_docs, resident.start.data());
+  if (ground) {
+    D = ground_matrix(world, use_gpu);
+    internal::attach_ground(use_gpu, voc_size, D.data());
+    internal::load_batch_indices(use_gpu, batch.entries, batch.ind.data(), batch.weight.data(),
+                                 batch.num_docs, batch.start.data());
+  } else {
+    setup_vectors(embeddings.data(), vec_size, world.queries, 0, batch.num_docs, X.data(),
+                  batch.start.data(), batch.weight.data());
+    internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings.data());
+    internal::load_batch_vectors(use_gpu, batch.entries, vec_size, X.data(), batch.weight.data(),
+                                 batch.num_docs, batch.start.data());
+  }
+  std::vector<float> Z(resident.num_docs * batch.num_docs, -1.0f);
+  compute(Z.data());
+  internal::release_batch(use_gpu, ground);
+  if (ground) {
+    internal::detach_ground(use_gpu);
+  } else {
+    internal::release_vocabulary(use_gpu);
+  }
+  internal::release_resident(use_gpu);
+  return Z;
 }
 
 /// The same by the function of a rule.
@@ -145,7 +106,7 @@ inline void expect_near(const std::vector<double>& expected, const std::vector<f
                         size_t num_resident) {
   ASSERT_EQ(expected.size(), Z.size());
   for (size_t at = 0; at < Z.size(); ++at) {
-    ASSERT_NEAR(expected[at], Z[at], 2e-3 + 1e-5 * std::fabs(expected[at]))
+    ASSERT_NEAR(expected[at], Z[at], 4e-3 + 1e-5 * std::fabs(expected[at]))
         << "resident " << at % num_resident << ", query " << at / num_resident;
   }
 }

@@ -1,5 +1,5 @@
-// What the tests of the pipelines share: worlds whose results are exact, the results that they must
-// give, and the process group around a test program.
+// What the tests of several processes share: the process group around a test program, splits, and
+// worlds whose results are exact, with the results that they must give.
 #ifndef TALVIK_TESTS_PIPELINES_HPP
 #define TALVIK_TESTS_PIPELINES_HPP
 
@@ -7,16 +7,16 @@
 #include <unistd.h>  // getpid
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <numeric>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/files.hpp"
 #include "support/oracle.hpp"
 #include "support/world.hpp"
 #include "talvik.hpp"
@@ -32,6 +32,12 @@ class ProcessGroup : public testing::Environment {
   void TearDown() override { finalize_mpi(); }
 };
 
+/// Distribution info for a collection of num_docs documents of one entry.
+inline void split_evenly(int num_docs) {
+  cleanup_distribution_info();
+  load_balancing(DocumentSet(num_docs, Document(1)), num_docs, num_docs);
+}
+
 /// A path that all processes of the job share and no other job has.
 inline std::string scratch_path(const std::string& name) {
   int job = static_cast<int>(getpid());
@@ -41,12 +47,10 @@ inline std::string scratch_path(const std::string& name) {
 
 /// The text of a file, which is then removed; "(no file)" without one.
 inline std::string take_file(const std::string& path) {
-  std::ifstream file(path);
-  if (!file) return "(no file)";
-  std::ostringstream text;
-  text << file.rdbuf();
+  if (!std::filesystem::exists(path)) return "(no file)";
+  std::string text = read_file(path);
   std::filesystem::remove(path);
-  return text.str();
+  return text;
 }
 
 /// Words on a line at whole numbers with weights in eighths: word distances, and so all results,
@@ -61,62 +65,67 @@ inline World exact_world(unsigned seed) {
                        .whole_numbers = true});
 }
 
-/// The same with two empty documents among the resident ones.
-inline World with_empty_documents(World world) {
-  world.resident.at(3).clear();
-  world.resident.at(13).clear();
-  return world;
-}
-
 /// Row q, column i: distance from resident document i to query document q.
 using Matrix = std::vector<std::vector<float>>;
 
+inline Matrix transposed(const Matrix& rows) {
+  Matrix columns(rows.empty() ? 0 : rows[0].size());
+  for (const auto& row : rows) {
+    for (size_t i = 0; i < row.size(); ++i) columns[i].push_back(row[i]);
+  }
+  return columns;
+}
+
+inline Matrix larger_of(Matrix a, const Matrix& b) {
+  for (size_t r = 0; r < a.size(); ++r) {
+    for (size_t c = 0; c < a[r].size(); ++c) a[r][c] = std::max(a[r][c], b[r][c]);
+  }
+  return a;
+}
+
 inline Matrix expected_distances(const World& world, const DocumentSet& resident,
-                                 const DocumentSet& queries, int delta_iterations,
-                                 bool use_gpu = false) {
-  const StepRule rule = use_gpu                ? StepRule::powers_of_two
-                        : delta_iterations > 1 ? StepRule::halving
-                                               : StepRule::single;
-  Matrix distances;
-  for (const Document& query : queries) {
-    auto& row = distances.emplace_back();
+                                 const DocumentSet& queries, int steps, bool use_gpu) {
+  const StepRule rule = use_gpu     ? StepRule::powers_of_two
+                        : steps > 1 ? StepRule::halving
+                                    : StepRule::single;
+  Matrix distances(queries.size());
+  for (size_t q = 0; q < queries.size(); ++q) {
     for (const Document& doc : resident) {
-      row.push_back(static_cast<float>(oracle_distance(world.embeddings, world.shape.vec_size, doc,
-                                                       query, delta_iterations, rule)));
+      distances[q].push_back(static_cast<float>(
+          oracle_distance(world.embeddings, world.shape.vec_size, doc, queries[q], steps, rule)));
     }
   }
   return distances;
 }
 
-/// Row i, column q: the larger distance of both directions between docs1 i and docs2 q.
-inline Matrix expected_two_way(const World& world, int delta_iterations, bool use_gpu = false) {
-  const Matrix there =
-      expected_distances(world, world.resident, world.queries, delta_iterations, use_gpu);
-  Matrix larger =
-      expected_distances(world, world.queries, world.resident, delta_iterations, use_gpu);
-  for (size_t i = 0; i < larger.size(); ++i) {
-    for (size_t q = 0; q < larger[i].size(); ++q)
-      larger[i][q] = std::max(larger[i][q], there[q][i]);
-  }
-  return larger;
+/// The columns first .. first + count - 1 of a row, nearest first: NaN last, of equal distances the
+/// lower column first.
+inline std::vector<int> nearest_first(const std::vector<float>& row, int first, int count) {
+  std::vector<int> order(count);
+  std::iota(order.begin(), order.end(), first);
+  std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
+    return row[a] < row[b] || (std::isnan(row[b]) && !std::isnan(row[a]));
+  });
+  return order;
 }
 
-/// The result lines of rows first .. first+count-1: each row's min(k, columns) smallest values.
+/// The result line of a pair, as the C library writes it.
+inline std::string result_line(unsigned long query, unsigned long neighbour, float distance) {
+  char line[128];
+  std::snprintf(line, sizeof line, "\"%lu\", \"%lu\", \"%f\"\n", query, neighbour, distance);
+  return line;
+}
+
+/// The result lines of rows first .. first+count-1: each row's min(k, columns) nearest.
 inline std::string expected_lines(const Matrix& distances, int first, int count, int k,
                                   const LabelList& row_labels, const LabelList& column_labels) {
   std::string text;
   for (int q = first; q < first + count; ++q) {
-    const auto& row = distances[static_cast<size_t>(q)];
-    std::vector<size_t> order(row.size());
-    std::iota(order.begin(), order.end(), size_t{0});
-    std::stable_sort(order.begin(), order.end(),
-                     [&](size_t a, size_t b) { return row[a] < row[b]; });
-    for (size_t j = 0; j < order.size() && static_cast<int>(j) < k; ++j) {
-      char line[128];
-      std::snprintf(line, sizeof line, "\"%lu\", \"%lu\", \"%f\"\n",
-                    row_labels[static_cast<size_t>(q)], column_labels[order[j]],
-                    static_cast<double>(row[order[j]]));
-      text += line;
+    const int columns = static_cast<int>(distances[q].size());
+    std::vector<int> order = nearest_first(distances[q], 0, columns);
+    order.resize(std::clamp(k, 0, columns));
+    for (const int i : order) {
+      text += result_line(row_labels[q], column_labels[i], distances[q][i]);
     }
   }
   return text;
@@ -135,11 +144,12 @@ class BatchWatch {
   BatchWatch() {
     batch_finished_context = this;
     batch_finished = [](const BatchResult& batch, void* context) {
-      auto& to = *static_cast<BatchWatch*>(context);
-      to.batches.push_back(batch);
-      if (!batch.neighbours) return;
-      const int entries = batch.num_queries * batch.k;
-      to.neighbours.insert(to.neighbours.end(), batch.neighbours, batch.neighbours + entries);
+      static_cast<BatchWatch*>(context)->batches.push_back(batch);
+      ASSERT_EQ(batch.neighbours != nullptr, batch.k > 0);
+      for (int q = 0; q < batch.num_queries && batch.k > 0; ++q) {
+        const float* row = batch.distances + q * batch.k;
+        EXPECT_TRUE(std::is_sorted(row, row + batch.k));
+      }
     };
   }
   ~BatchWatch() { batch_finished = nullptr, batch_finished_context = nullptr; }
@@ -154,11 +164,9 @@ class BatchWatch {
       next += batch.num_queries;
     }
     EXPECT_EQ(next, first + count);
-    EXPECT_EQ(neighbours.size(), static_cast<size_t>(count) * static_cast<size_t>(k));
   }
 
   std::vector<BatchResult> batches;  // their lists are gone
-  std::vector<int> neighbours;
 };
 
 }  // namespace talvik::test

@@ -3,6 +3,7 @@
 #define TALVIK_TESTS_WORLD_HPP
 
 #include <algorithm>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -38,43 +39,56 @@ inline int count_entries(const DocumentSet& docs) {
 }
 
 inline DocumentSet random_documents(const WorldShape& shape, int count, std::mt19937& random) {
-  std::uniform_int_distribution<int> length(shape.min_words, shape.max_words);
-  std::uniform_int_distribution<unsigned> word(0, static_cast<unsigned>(shape.voc_size) - 1);
+  std::uniform_int_distribution<size_t> length(shape.min_words, shape.max_words);
+  std::uniform_int_distribution<unsigned> any_word(0, shape.voc_size - 1);
   std::uniform_real_distribution<float> weight(0.05f, 1.0f);
   std::uniform_int_distribution<int> eighths(1, 8);
-  DocumentSet docs(static_cast<size_t>(count));
+  DocumentSet docs(count);
   for (Document& doc : docs) {
-    const int words = length(random);
-    for (int attempt = 0; static_cast<int>(doc.size()) < words && attempt < 20 * words; ++attempt) {
-      const unsigned w = word(random);
-      const bool known = std::any_of(doc.begin(), doc.end(), [w](auto& e) { return e.first == w; });
+    float sum = 0;
+    for (const size_t words = length(random); doc.size() < words;) {
+      const unsigned word = any_word(random);
+      const bool known =
+          std::any_of(doc.begin(), doc.end(), [&](auto& e) { return e.first == word; });
       if (known && !shape.repeated_words) continue;
-      doc.emplace_back(
-          w, shape.whole_numbers ? static_cast<float>(eighths(random)) / 8 : weight(random));
+      doc.emplace_back(word, shape.whole_numbers ? eighths(random) / 8.f : weight(random));
+      sum += doc.back().second;
     }
-    if (!shape.whole_numbers) {
-      float sum = 0;
-      for (const auto& entry : doc) sum += entry.second;
-      for (auto& entry : doc) entry.second /= sum;
-    }
+    for (auto& entry : doc) entry.second /= shape.whole_numbers ? 1 : sum;
   }
   return docs;
 }
 
 inline World random_world(const WorldShape& shape) {
   std::mt19937 random(shape.seed);
-  World world{shape, {}, {}, {}, {}, {}};
-  world.embeddings.resize(static_cast<size_t>(shape.voc_size) *
-                          static_cast<size_t>(shape.vec_size));
+  World world{shape, std::vector<float>(shape.voc_size * shape.vec_size), {}, {}, {}, {}};
   std::normal_distribution<float> component;
   std::uniform_int_distribution<int> whole(-3, 3);
-  for (float& x : world.embeddings) {
-    x = shape.whole_numbers ? static_cast<float>(whole(random)) : component(random);
-  }
+  for (float& x : world.embeddings) x = shape.whole_numbers ? whole(random) : component(random);
   world.resident = random_documents(shape, shape.num_resident, random);
   world.queries = random_documents(shape, shape.num_queries, random);
-  for (int i = 0; i < shape.num_resident; ++i) world.resident_labels.push_back(100ul + i);
-  for (int i = 0; i < shape.num_queries; ++i) world.query_labels.push_back(7000ul + i);
+  world.resident_labels.resize(shape.num_resident);
+  world.query_labels.resize(shape.num_queries);
+  std::iota(world.resident_labels.begin(), world.resident_labels.end(), 100ul);
+  std::iota(world.query_labels.begin(), world.query_labels.end(), 7000ul);
+  return world;
+}
+
+/// A world that runs every loop of a block: more resident documents than a tile of sums, more
+/// queries than a chunk of a table, empty documents, one that is longer than a list in registers,
+/// and rows long enough for a matrix unit, one of them zero.
+inline World crowded_world() {
+  const WorldShape shape{.voc_size = 71,
+                         .vec_size = 33,
+                         .num_resident = 67,
+                         .num_queries = 70,
+                         .min_words = 0,
+                         .repeated_words = true};
+  World world = random_world(shape);
+  std::fill_n(world.embeddings.begin(), shape.vec_size, 0.0f);
+  std::mt19937 random(2);
+  world.queries[8] = world.resident[65] =
+      random_documents({.voc_size = 71, .min_words = 40, .max_words = 40}, 1, random)[0];
   return world;
 }
 
