@@ -105,15 +105,20 @@ TEST_F(GpuEngine, ExportedStateTellsWhatIsHeld) {
     EXPECT_EQ(std::tuple(dev_id, voc_size, vec_size), std::tuple(0, 2, 2));
     EXPECT_EQ(std::tuple(num_vecs2, num_docs2, start2), std::tuple(2, 2, start.data()));
     EXPECT_EQ(std::tuple(RW_dev == nullptr, Rn2_dev == nullptr), std::tuple(normalise, normalise));
-    remove_vectors2();
-    remove_vocabulary();
-  }
+    copy_ground_distances(2, D.data());
+    compute_ground_distances(nullptr);
+    EXPECT_EQ(D_ground_dev, nullptr);
+  }  // nothing is removed: what comes next drops what is still held
+  remove_vectors2();
+  remove_vocabulary();
   EXPECT_EQ(W, (std::vector<float>{0.6f, 0.8f, 0, 0}));  // in place; a zero row stays zero
   EXPECT_EQ(X, (std::vector<float>{0, 1, 0.6f, 0.8f}));
 
-  copy_raw_data(2, ind.data(), weight.data(), 2, start.data());
-  copy_raw_data2(1, ind.data(), weight.data(), 1, start.data());
-  EXPECT_EQ(std::tuple(num_vecs, num_docs, num_vecs2, num_docs2), std::tuple(2, 2, 1, 1));
+  for (const int n : {2, 1}) {
+    copy_raw_data(n, ind.data(), weight.data(), n, start.data());
+    copy_raw_data2(1, ind.data(), weight.data(), 1, start.data());
+    EXPECT_EQ(std::tuple(num_vecs, num_docs, num_vecs2, num_docs2), std::tuple(n, n, 1, 1));
+  }
   remove_raw_data();
   remove_raw_data2();
 
