@@ -174,7 +174,7 @@ __global__ void final_sqrt2(int rows, int cols, int col_offset, float* D, float*
 }
 
 /// For r < N: D_k[r][c] = the (r+1)-th smallest of column c of D, w_k[r][c] = the weight of its
-/// row. rows may be 0.  Column launch.
+/// row.  rows may be 0.  Column launch.
 __global__ void top1_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
   internal::top_of_column<1>(rows, cols, D, D_k, w, w_k);
 }
