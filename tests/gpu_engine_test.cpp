@@ -26,6 +26,9 @@ static std::atomic<int> large_allocations = 0;
   if (void* memory = fails ? nullptr : std::malloc(bytes)) return memory;
   throw std::bad_alloc();
 }
+[[gnu::noinline]] void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  return std::malloc(bytes);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
