@@ -20,17 +20,17 @@
 // Large host allocations from now on; the one that counts down to 0 fails.
 static std::atomic<int> large_allocations = 0;
 
-// Inlined, they would pass for an allocation and its release by the wrong function.
-[[gnu::noinline]] void* operator new(std::size_t bytes) {
+// Weak: the thread sanitizer has its own, which stay.
+[[gnu::weak]] void* operator new(std::size_t bytes) {
   const bool fails = bytes >= 2000 && --large_allocations == 0;
   if (void* memory = fails ? nullptr : std::malloc(bytes)) return memory;
   throw std::bad_alloc();
 }
-[[gnu::noinline]] void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+[[gnu::weak]] void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
   return std::malloc(bytes);
 }
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace talvik::test {
 namespace {
@@ -147,8 +147,9 @@ int failed_calls(const std::function<void()>& call) {
 }
 
 TEST_F(GpuEngine, HostMemoryThatRunsOutLeavesTheStateAsItWas) {
-  std::vector<float> X(1000), weight(1000);
+  std::vector<float> X, weight(1000);
   std::vector<int> start{0, 1000};
+  if (failed_calls([&] { X.resize(1000); }) == 0) GTEST_SKIP() << "not with this operator new";
   const auto state = [] { return std::tuple(X2_dev, num_vecs2, num_docs2, start2); };
   const int failed_loads = failed_calls([&, before = state()] {
     EXPECT_EQ(state(), before);
