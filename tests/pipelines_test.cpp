@@ -12,6 +12,7 @@
 #include <new>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -77,33 +78,27 @@ Matrix transposed(const Matrix& rows, size_t num_columns) {
   return columns;
 }
 
-// Collects the batches that batch_finished reports as long as it lives.
-struct BatchWatch {
+// Runs the code, whose batches must be queries first .. first + count - 1 in their order, with
+// lists of k.  Returns the number of batches.
+template <class Code>
+int expect_batches(int first, int count, int k, const Code& code) {
   std::vector<BatchResult> batches;  // their lists are gone
-  BatchWatch() {
-    batch_finished_context = this;
-    batch_finished = [](const BatchResult& batch, void* context) {
-      static_cast<BatchWatch*>(context)->batches.push_back(batch);
-      ASSERT_EQ(batch.neighbours != nullptr, batch.k > 0);
-      for (int q = 0; q < batch.num_queries && batch.k > 0; ++q) {
-        const float* row = batch.distances + q * batch.k;
-        EXPECT_TRUE(std::is_sorted(row, row + batch.k));
-      }
-    };
+  batch_finished_context = &batches;
+  batch_finished = [](const BatchResult& batch, void* context) {
+    static_cast<std::vector<BatchResult>*>(context)->push_back(batch);
+    EXPECT_TRUE(std::is_sorted(batch.distances, batch.distances + batch.k));  // none with k = 0
+  };
+  code();
+  batch_finished = nullptr;
+  int next = first;
+  for (const BatchResult& batch : batches) {
+    EXPECT_EQ(std::tuple(batch.first_query, batch.end_query, batch.k, batch.neighbours != nullptr),
+              std::tuple(next, first + count, k, k > 0));
+    next += batch.num_queries;
   }
-  ~BatchWatch() { batch_finished = nullptr, batch_finished_context = nullptr; }
-
-  // What was reported must be queries first .. first + count - 1 in their order, with lists of k.
-  void expect_batches(int first, int count, int k) const {
-    int next = first;
-    for (const BatchResult& batch : batches) {
-      EXPECT_EQ(batch.first_query, std::exchange(next, next + batch.num_queries));
-      EXPECT_EQ(batch.end_query, first + count);
-      EXPECT_EQ(batch.k, k);
-    }
-    EXPECT_EQ(next, first + count);
-  }
-};
+  EXPECT_EQ(next, first + count);
+  return static_cast<int>(batches.size());
+}
 
 enum class TwoWay { plain, compressed, ground };
 constexpr TwoWay every_form[] = {TwoWay::plain, TwoWay::compressed, TwoWay::ground};
@@ -233,12 +228,11 @@ TEST_P(Pipelines, SplitResidentBatchesOfEveryProcessCoverTheSameQueries) {
   const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
   for (const long long budget : {0LL, 4LL * std::max(largest_group, 8)}) {  // 1 and some queries
     expect_split(run(2, 0, true, budget));
-    const BatchWatch watch;
-    float* D = nullptr;
-    internal::split_resident_run(run(2, 0, true, budget), resident(), queries(), &D);
-    watch.expect_batches(0, 11, myid == 0 ? 2 : 0);
-    int batches = static_cast<int>(watch.batches.size()), common = batches;
+    const int batches = expect_batches(0, 11, myid == 0 ? 2 : 0, [&] {
+      internal::split_resident_run(run(2, 0, true, budget), resident(), queries(), nullptr);
+    });
     EXPECT_GT(batches, 1);
+    int common = batches;
     broadcast_mpi(&common, sizeof common, 0);
     EXPECT_EQ(batches, common);
   }
@@ -274,12 +268,12 @@ TEST_P(Pipelines, ScaleOutKeepsTheLargerValueAndRanksByIt) {
   for (const float before : {0.f, 2.f}) {
     const Matrix larger = larger_of(Matrix(11, std::vector<float>(14, before)), expected(1));
     for (const long long budget : {0LL, 60LL, internal::batch_budget_floats}) {
-      const BatchWatch watch;
       std::vector<float> D_max(grp_length[myid] * 14, before);
-      internal::scale_out_run(run(4, 1, true, budget), resident(), queries(), D_max.data());
+      expect_batches(grp_start[myid], grp_length[myid], 4, [&] {
+        internal::scale_out_run(run(4, 1, true, budget), resident(), queries(), D_max.data());
+      });
       EXPECT_EQ(D_max, own_rows(larger));
       expect_own_lists(larger, world.query_labels, world.resident_labels);
-      watch.expect_batches(grp_start[myid], grp_length[myid], 4);
     }
   }
   std::vector<float> D_max(grp_length[myid] * 14);
