@@ -47,20 +47,11 @@ using test::Matrix;
 
 const auto* const environment = testing::AddGlobalTestEnvironment(new test::ProcessGroup);
 
-// The rows of this process's group.
-std::vector<float> own_rows(const Matrix& distances) {
-  std::vector<float> rows;
+// D holds the rows of this process's group.
+void expect_own_rows(const float* D, const Matrix& distances) {
   for (int r = grp_start[myid]; r < grp_start[myid] + grp_length[myid]; ++r) {
-    rows.insert(rows.end(), distances[r].begin(), distances[r].end());
+    for (const float distance : distances[r]) ASSERT_EQ(*D++, distance) << "row " << r;
   }
-  return rows;
-}
-
-// The same of a matrix that the library hands over.
-std::vector<float> take_rows(float* D, size_t columns) {
-  std::vector<float> rows(D, D + grp_length[myid] * columns);
-  std::free(D);
-  return rows;
 }
 
 Matrix larger_of(Matrix a, const Matrix& b) {
@@ -68,14 +59,6 @@ Matrix larger_of(Matrix a, const Matrix& b) {
     for (size_t c = 0; c < a[r].size(); ++c) a[r][c] = std::max(a[r][c], b[r][c]);
   }
   return a;
-}
-
-Matrix transposed(const Matrix& rows, size_t num_columns) {
-  Matrix columns(num_columns);
-  for (const auto& row : rows) {
-    for (size_t i = 0; i < row.size(); ++i) columns[i].push_back(row[i]);
-  }
-  return columns;
 }
 
 // Runs the code, whose batches must be queries first .. first + count - 1 in their order, with
@@ -139,9 +122,9 @@ class Pipelines : public testing::TestWithParam<bool> {
   LabelledDocuments resident() const { return collection(world.resident, world.resident_labels); }
   LabelledDocuments queries() const { return collection(world.queries, world.query_labels); }
 
-  // Row q, column i: distance from resident document i to query document q.
-  Matrix expected(int steps) const {
-    return test::expected_distances(world, world.resident, world.queries, steps, use_gpu);
+  Matrix expected(int steps, bool by_resident = false) const {
+    return test::expected_distances(world, world.resident, world.queries, steps, use_gpu,
+                                    by_resident);
   }
 
   // Process 0's lists and every process's rows.
@@ -157,8 +140,8 @@ class Pipelines : public testing::TestWithParam<bool> {
                         : "");
     parameters.compute_topk = false;
     EXPECT_EQ(internal::split_resident_run(parameters, resident(), queries(), &D), 0);
-    EXPECT_EQ(take_rows(D, world.queries.size()),
-              own_rows(transposed(distances, world.resident.size())));
+    expect_own_rows(D, expected(parameters.delta_iterations, true));
+    std::free(D);
     EXPECT_FALSE(myid == 0 && std::filesystem::exists(path));
   }
 
@@ -204,8 +187,9 @@ class Pipelines : public testing::TestWithParam<bool> {
     EXPECT_EQ(two_way(form, &D), form == TwoWay::compressed ? line : "");
     const Matrix larger =
         larger_of(test::expected_distances(world, world.queries, world.resident, 1, use_gpu),
-                  transposed(expected(1), world.resident.size()));
-    EXPECT_EQ(take_rows(D, world.queries.size()), own_rows(larger));
+                  expected(1, true));
+    expect_own_rows(D, larger);
+    std::free(D);
     expect_own_lists(larger, world.resident_labels, world.query_labels);
   }
 
@@ -253,7 +237,8 @@ TEST_P(Pipelines, ALoadedCollectionAnswersSeveralQueryCollections) {
                                    {}, 11 - first, test::count_entries(world.queries), &D, false,
                                    nullptr, use_gpu),
               grp_length[myid] * (11 - first) * 4);
-    EXPECT_EQ(take_rows(D, 11 - first), own_rows(transposed(expected(1), world.resident.size())));
+    expect_own_rows(D, expected(1, true));
+    std::free(D);
   }
   EXPECT_EQ(rwmd2_parallel_cleanup(use_gpu, false), released);
   // With ground distances no vocabulary is loaded or released.
@@ -272,13 +257,13 @@ TEST_P(Pipelines, ScaleOutKeepsTheLargerValueAndRanksByIt) {
       expect_batches(grp_start[myid], grp_length[myid], 4, [&] {
         internal::scale_out_run(run(4, 1, true, budget), resident(), queries(), D_max.data());
       });
-      EXPECT_EQ(D_max, own_rows(larger));
+      expect_own_rows(D_max.data(), larger);
       expect_own_lists(larger, world.query_labels, world.resident_labels);
     }
   }
   std::vector<float> D_max(grp_length[myid] * 14);
   internal::scale_out_run(run(4, 0, false), resident(), queries(), D_max.data());
-  EXPECT_EQ(D_max, own_rows(expected(0)));
+  expect_own_rows(D_max.data(), expected(0));
   EXPECT_FALSE(std::filesystem::exists(own_path()));
 }
 
