@@ -2,6 +2,7 @@
 // capacity steps and ground distances against itself without.
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 
@@ -21,7 +22,9 @@ std::unique_ptr<float[]> new_floats(long long count) {
   return std::make_unique<float[]>(static_cast<size_t>(count));
 }
 
-std::string delta(int steps) { return "delta " + std::to_string(steps); }
+constexpr int step_counts[] = {0, 1, 3, 7};
+
+std::string with_steps(int steps) { return std::to_string(steps) + " steps"; }
 
 // A comparison of times means something only where both sides compute the same.  Distances differ
 // by rounding: of a word that occurs on both sides, the plain distance is the root of a rounding
@@ -37,7 +40,7 @@ void require_same_distances(const std::vector<float>& a, const std::vector<float
 }
 
 Contender engine_contender(const World& world, int steps, int repetitions, std::vector<float>& Z) {
-  return {world.name + ", engine, " + delta(steps), repetitions,
+  return {world.name + ", engine, " + with_steps(steps), repetitions,
           [&world, &Z, steps] { run_engine(world, steps, Z.data()); }};
 }
 
@@ -55,38 +58,35 @@ void text_figures(const Options& options, Table& table) {
   const World world = make_world("text");
   table.remarks.push_back(description_of(world));
   std::vector<float> Z(block_floats_of(world));
-  std::map<std::string, Samples> times;
+  std::vector<Samples> times;  // the dense product, then the engine with each number of steps
   {
     const LoadedResident resident(world);
     const auto Y = new_floats(dense_block_floats);
     run_engine(world, 0, Z.data());  // the first use of everything
     std::vector<Contender> contenders{{"text, dense product", repetitions(options, 3),
                                        [&] { dense_product(world, dense_block_floats, Y.get()); }}};
-    for (const int steps : {0, 1, 3, 7}) {
+    for (const int steps : step_counts) {
       contenders.push_back(
           engine_contender(world, steps, repetitions(options, steps == 0 ? 5 : 3), Z));
     }
     times = take_turns(contenders);
     run_engine(world, 0, Z.data());
   }
-  const Samples& engine = times["text, engine, delta 0"];
-  add_ratio(table, "text, delta 0: engine / dense product alone", engine,
-            times["text, dense product"], 0.28);
+  const Samples &dense = times[0], &engine = times[1];
+  add_ratio(table, {"text", "engine", "dense product alone", 0.28}, engine, dense);
   if (!options.quick) {
     std::vector<float> plain_Z(Z.size());
     const auto plain =
         take_turns({plain_contender(world, DenseKernel::openblas, options, 2, plain_Z),
                     plain_contender(world, DenseKernel::eigen, options, 1, plain_Z)});
     require_same_distances(Z, plain_Z);
-    add_ratio(table, "text, delta 0: engine / plain way, Eigen as packaged", engine,
-              plain.at("text, plain way, Eigen"), 0.06);
-    add_ratio(table, "text, delta 0: engine / plain way, OpenBLAS", engine,
-              plain.at("text, plain way, OpenBLAS"));
+    add_ratio(table, {"text", "engine", "plain way, Eigen as packaged", 0.06}, engine, plain[1]);
+    add_ratio(table, {"text", "engine", "plain way, OpenBLAS"}, engine, plain[0]);
   }
-  const std::pair<int, double> steps_targets[] = {{1, 1.3}, {3, 2.0}, {7, 3.0}};
-  for (const auto& [steps, target] : steps_targets) {
-    add_ratio(table, "text: " + delta(steps) + " / delta 0", times["text, engine, " + delta(steps)],
-              engine, target);
+  constexpr double targets[] = {no_target, 1.3, 2.0, 3.0};
+  for (size_t i = 1; i < std::size(step_counts); ++i) {
+    add_ratio(table, {"text", with_steps(step_counts[i]), "0 steps", targets[i]}, times[1 + i],
+              engine);
   }
 }
 
@@ -97,11 +97,10 @@ void distinct_figures(const Options& options, Table& table) {
   const LoadedResident resident(world);
   const auto Y = new_floats(dense_block_floats);
   run_engine(world, 0, Z.data());
-  auto times = take_turns({engine_contender(world, 0, repetitions(options, 5), Z),
-                           {"distinct, dense product", repetitions(options, 5),
-                            [&] { dense_product(world, dense_block_floats, Y.get()); }}});
-  add_ratio(table, "distinct, delta 0: engine / dense product alone",
-            times["distinct, engine, delta 0"], times["distinct, dense product"], 1.25);
+  const auto times = take_turns({engine_contender(world, 0, repetitions(options, 5), Z),
+                                 {"distinct, dense product", repetitions(options, 5),
+                                  [&] { dense_product(world, dense_block_floats, Y.get()); }}});
+  add_ratio(table, {"distinct", "engine", "dense product alone", 1.25}, times[0], times[1]);
 }
 
 void image_figures(const Options& options, Table& table) {
@@ -111,15 +110,13 @@ void image_figures(const Options& options, Table& table) {
   const LoadedResident resident(world);
   run_engine(world, 0, Z.data());
   const int count = repetitions(options, 3);
-  auto times = take_turns({engine_contender(world, 0, count, Z),
-                           plain_contender(world, DenseKernel::openblas, options, count, plain_Z),
-                           plain_contender(world, DenseKernel::eigen, options, count, plain_Z)});
+  const auto times =
+      take_turns({engine_contender(world, 0, count, Z),
+                  plain_contender(world, DenseKernel::openblas, options, count, plain_Z),
+                  plain_contender(world, DenseKernel::eigen, options, count, plain_Z)});
   require_same_distances(Z, plain_Z);
-  const Samples& engine = times["images, engine, delta 0"];
-  add_ratio(table, "images, delta 0: engine / plain way, Eigen as packaged", engine,
-            times["images, plain way, Eigen"], 0.3);
-  add_ratio(table, "images, delta 0: engine / plain way, OpenBLAS", engine,
-            times["images, plain way, OpenBLAS"]);
+  add_ratio(table, {"images", "engine", "plain way, Eigen as packaged", 0.3}, times[0], times[2]);
+  add_ratio(table, {"images", "engine", "plain way, OpenBLAS"}, times[0], times[1]);
 }
 
 // The matrix is given: it covers the whole vocabulary, so that both sides index it.
@@ -146,24 +143,23 @@ void ground_figures(const Options& options, Table& table) {
     compute_block(steps, precompute, Z.data());
     remove_raw_data2_cpu();
   };
-  for (const int steps : {0, 1, 3, 7}) {
-    const std::string vectors = "small, engine, " + delta(steps);
-    const std::string ground = "small, ground distances, " + delta(steps);
-    std::map<std::string, Samples> times;
+  for (const int steps : step_counts) {
+    std::vector<Samples> vectors;
     {
       const LoadedResident resident(world);
-      times = take_turns({engine_contender(world, steps, repetitions(options, 3), Z)});
+      vectors = take_turns({engine_contender(world, steps, repetitions(options, 3), Z)});
     }
     copy_raw_data_cpu(static_cast<int>(ind.size()), ind.data(),
                       plain_pointer(world.resident.weight), world.num_resident,
                       plain_pointer(world.resident.start));
     copy_ground_distances_cpu(collections.voc_size, D.get());
-    times.merge(take_turns(
-        {{ground, repetitions(options, 3), [&run_on_ground, steps] { run_on_ground(steps); }}}));
+    const auto ground =
+        take_turns({{"small, ground distances, " + with_steps(steps), repetitions(options, 3),
+                     [&run_on_ground, steps] { run_on_ground(steps); }}});
     remove_ground_distances_cpu();
     remove_raw_data_cpu();
-    add_ratio(table, "small, " + delta(steps) + ": ground distances given / vectors", times[ground],
-              times[vectors], 0.5);
+    add_ratio(table, {"small", with_steps(steps) + ", ground distances given", "vectors", 0.5},
+              ground[0], vectors[0]);
   }
 }
 

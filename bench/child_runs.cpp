@@ -149,10 +149,14 @@ ChildReport run_in_child(const ChildRequest& request) {
         .read(reinterpret_cast<char*>(result.Z.data()),
               static_cast<std::streamsize>(result.Z.size() * sizeof(float)));
   }
-  std::fprintf(stderr, "  %-10s steps %d, %d threads, %d ranks, %-6s  wall %8.4f s   cpu %8.4f s\n",
-               request.world.c_str(), request.steps, request.threads, request.ranks,
-               request.instruction_set.c_str(), median(result.samples.wall),
-               median(result.samples.cpu));
+  std::string name = request.world + ", process, " + std::to_string(request.steps) + " steps";
+  if (request.ranks > 0) {
+    name = request.world + ", run on " + std::to_string(request.ranks) + " ranks";
+  }
+  if (!request.instruction_set.empty()) name += ", " + request.instruction_set;
+  for (size_t i = 0; i < result.samples.wall.size(); ++i) {
+    say_sample(name, result.samples.wall[i], result.samples.cpu[i]);
+  }
   return result;
 }
 

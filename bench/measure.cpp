@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <map>
 
 namespace talvik::bench {
 namespace {
@@ -39,8 +40,7 @@ class SampleCollector : public benchmark::BenchmarkReporter {
       Samples& own = samples[run.run_name.function_name];
       own.wall.push_back(run.real_accumulated_time);
       own.cpu.push_back(run.cpu_accumulated_time);
-      std::fprintf(stderr, "  %-36s wall %8.4f s   cpu %8.4f s\n",
-                   run.run_name.function_name.c_str(), own.wall.back(), own.cpu.back());
+      say_sample(run.run_name.function_name, own.wall.back(), own.cpu.back());
     }
   }
 };
@@ -72,7 +72,11 @@ void add_sample(Samples& samples, const std::function<void()>& work) {
   samples.cpu.push_back(seconds_of(CLOCK_PROCESS_CPUTIME_ID) - cpu);
 }
 
-std::map<std::string, Samples> take_turns(const std::vector<Contender>& contenders) {
+void say_sample(const std::string& name, double wall, double cpu) {
+  std::fprintf(stderr, "  %-40s wall %9.4f s   cpu %9.4f s\n", name.c_str(), wall, cpu);
+}
+
+std::vector<Samples> take_turns(const std::vector<Contender>& contenders) {
   let_repetitions_take_turns();
   benchmark::ClearRegisteredBenchmarks();
   for (const Contender& contender : contenders) {
@@ -87,7 +91,12 @@ std::map<std::string, Samples> take_turns(const std::vector<Contender>& contende
   }
   SampleCollector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);
-  return collector.samples;
+  std::vector<Samples> samples;
+  samples.reserve(contenders.size());
+  for (const Contender& contender : contenders) {
+    samples.push_back(collector.samples.at(contender.name));
+  }
+  return samples;
 }
 
 double resident_mib() { return status_mib("VmRSS:"); }

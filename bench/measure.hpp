@@ -3,7 +3,6 @@
 #define TALVIK_BENCH_MEASURE_HPP
 
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -25,9 +24,13 @@ struct Contender {
   std::function<void()> work;
 };
 
-/// Runs the contenders, their repetitions in random order, so that what else the machine does meets
-/// them all alike.  Says on standard error what they took.
-std::map<std::string, Samples> take_turns(const std::vector<Contender>& contenders);
+/// Runs the contenders, whose names differ, their repetitions in random order, so that what else
+/// the machine does meets them all alike.  Says on standard error what they took.
+/// @return what each took, in their order
+std::vector<Samples> take_turns(const std::vector<Contender>& contenders);
+
+/// What bench/compare reads: a line on standard error.
+void say_sample(const std::string& name, double wall, double cpu);
 
 /// Runs the work once and adds what it took.
 void add_sample(Samples& samples, const std::function<void()>& work);

@@ -113,11 +113,11 @@ def numbers_of(report, name):
     return [float(number) for number in line[len(name):].split()]
 
 
-def run_program(case, mode, delta, checks):
+def run_program(case, mode, steps, checks):
     """A run of the program; its own figure for the seconds, which leaves loading out."""
     with tempfile.TemporaryDirectory() as folder:
         lists, matrix = pathlib.Path(folder, "lists.tsv"), pathlib.Path(folder, "matrix.npy")
-        command = [PROGRAM, *case.arguments, "--mode", mode, "--delta", delta, "--out", lists,
+        command = [PROGRAM, *case.arguments, "--mode", mode, "--steps", steps, "--out", lists,
                    "--format", "tsv", "--by", "index", "--matrix", matrix, "--k", NEIGHBOURS,
                    "--threads", ways.THREADS]
         report = subprocess.run([str(part) for part in command], env=PROGRAM_ENVIRONMENT,
@@ -172,9 +172,9 @@ def rounds(case, checks):
             best[key] = run
 
     for number in range(ROUNDS):
-        for run, (mode, delta) in PROGRAM_RUNS.items():
+        for run, (mode, steps) in PROGRAM_RUNS.items():
             say(f"{case.name}, round {number + 1} of {ROUNDS}: talvik, {run}")
-            keep(("talvik", run), run_program(case, mode, delta, checks))
+            keep(("talvik", run), run_program(case, mode, steps, checks))
         for way, direction in NUMPY_RUNS.items():
             say(f"{case.name}, round {number + 1} of {ROUNDS}: {way}")
             for run, result in zip(("one way", "two-way"), run_numpy(case, direction)):

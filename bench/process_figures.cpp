@@ -33,15 +33,16 @@ bool add_limited(const Options& options, const ChildReport& all, ChildRequest re
                  const std::string& instruction_set, Table& table) {
   request.instruction_set = instruction_set;
   request.repetitions = repetitions(options, 3);
-  const std::string name = "text, delta " + std::to_string(request.steps) + ": " + instruction_set;
+  const std::string name = std::to_string(request.steps) + " steps, " + instruction_set;
   const ChildReport limited = run_in_child(request);
-  add_ratio(table, name + " alone / all that the processor has", limited.samples, all.samples);
+  add_ratio(table, {"text", name + " alone", "all that the processor has"}, limited.samples,
+            all.samples);
   const double difference = largest_relative_difference(limited.Z, all.Z);
   const bool equal = difference <= most_relative_difference;
   char line[256];
-  std::snprintf(line, sizeof line, "%s (%s): distances differ by %.1e of themselves at most%s",
-                name.c_str(), limited.kernels.c_str(), difference,
-                equal ? "" : ": MORE THAN ROUNDING EXPLAINS");
+  std::snprintf(line, sizeof line,
+                "text: %s (%s): distances differ by %.1e of themselves at most%s", name.c_str(),
+                limited.kernels.c_str(), difference, equal ? "" : ": MORE THAN ROUNDING EXPLAINS");
   table.remarks.emplace_back(line);
   return equal;
 }
@@ -50,10 +51,11 @@ void add_memory(const ChildRequest& request, const ChildReport& report, Table& t
   char note[64];
   std::snprintf(note, sizeof note, "and %.0f for its copies of the resident side",
                 report.copies_mib);
-  add_value(
-      table,
-      request.world + ", delta " + std::to_string(request.steps) + ": peak working memory, MiB",
-      report.working_mib, most_working_mib, note);
+  add_value(table,
+            {.world = request.world,
+             .what = std::to_string(request.steps) + " steps, peak working memory, MiB",
+             .target = most_working_mib},
+            report.working_mib, note);
 }
 
 }  // namespace
@@ -100,8 +102,8 @@ void rank_figures(const Options& options, Table& table) {
         .samples;
   };
   const Samples ranks = run(2, 1), threads = run(1, 2);
-  add_ratio(table, "large, whole run: 2 ranks x 1 thread / 1 rank x 2 threads", ranks, threads,
-            1.1);
+  add_ratio(table, {"large", "whole run on 2 ranks x 1 thread", "1 rank x 2 threads", 1.1}, ranks,
+            threads);
 }
 
 }  // namespace talvik::bench

@@ -122,35 +122,36 @@ void whole_run_figures(const Options& options, Table& table) {
   for (int i = 0; i < repetitions(options, 3); ++i) {
     time_whole(collections, path, times.whole);
     time_parts(collections, world, path, times);
-    std::fprintf(stderr, "  text, whole run %8.4f s, its block %8.4f s\n", times.whole.wall.back(),
-                 times.block.wall.back());
+    say_sample("text, whole run", times.whole.wall.back(), times.whole.cpu.back());
+    say_sample("text, its block", times.block.wall.back(), times.block.cpu.back());
   }
   std::filesystem::remove(path);
   char note[64];
   std::snprintf(note, sizeof note, "%.2f, %.2f", spread(times.block.wall),
                 spread(times.whole.wall));
-  table.figures.push_back({"text, whole run with lists: share outside the block",
-                           1 - median(times.block.wall) / median(times.whole.wall),
-                           1 - median(times.block.cpu) / median(times.whole.cpu), 0.15, note});
+  table.figures.push_back(
+      {{.world = "text", .what = "whole run with lists, share outside the block", .target = 0.15},
+       1 - median(times.block.wall) / median(times.whole.wall),
+       1 - median(times.block.cpu) / median(times.whole.cpu),
+       note});
   add_parts(times, table);
 }
 
 void two_way_figures(const Options& options, Table& table) {
   const Collections text = make_collections("text");
   const int count = repetitions(options, 3);
-  auto times = take_turns(
+  const auto times = take_turns(
       {{"text, one-way run", count, [&] { run_matrix(text, text.resident, text.queries); }},
        {"text, the other way", count, [&] { run_matrix(text, text.queries, text.resident); }},
        {"text, two-way run", count, [&] { run_two_way(text); }}});
-  const Samples& one_way = times["text, one-way run"];
-  const Samples& two_way = times["text, two-way run"];
-  Samples both = times["text, the other way"];
+  const Samples &one_way = times[0], &two_way = times[2];
+  Samples both = times[1];
   for (size_t i = 0; i < both.wall.size(); ++i) {
     both.wall[i] += one_way.wall[i];
     both.cpu[i] += one_way.cpu[i];
   }
-  add_ratio(table, "text: two-way run / one-way run", two_way, one_way, 2.2);
-  add_ratio(table, "text: two-way run / both one-way runs", two_way, both);
+  add_ratio(table, {"text", "two-way run", "one-way run", 2.2}, two_way, one_way);
+  add_ratio(table, {"text", "two-way run", "both one-way runs"}, two_way, both);
 }
 
 }  // namespace talvik::bench

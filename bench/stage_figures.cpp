@@ -97,7 +97,7 @@ void sparse_figures(const Options& options, Table& table) {
   const internal::CsrCollection resident{world.num_resident, world.resident.start.data(),
                                          world.resident.ind.data(), world.resident.weight.data()};
   const int count = repetitions(options, 7);
-  auto times =
+  const auto times =
       take_turns({{"large, sparse stage", count,
                    [&] { internal::pour(tables, resident, options.threads, ranges, Z.data()); }},
                   {"large, Eigen's sparse product", count, [&] {
@@ -105,8 +105,8 @@ void sparse_figures(const Options& options, Table& table) {
                                     world.num_queries, options.threads, product.data());
                    }}});
   require_same_sums(Z, product.data(), world.num_resident, world.num_queries);
-  add_ratio(table, "large: sparse stage / Eigen's sparse product, same tables",
-            times["large, sparse stage"], times["large, Eigen's sparse product"], 0.5);
+  add_ratio(table, {"large", "sparse stage", "Eigen's sparse product, same tables", 0.5}, times[0],
+            times[1]);
 }
 
 void selection_figures(const Options& options, Table& table) {
@@ -115,7 +115,7 @@ void selection_figures(const Options& options, Table& table) {
   std::vector<int> ind(rows * k), ind_of_pairs(rows * k);
   std::vector<float> val(rows * k), val_of_pairs(rows * k);
   const int count = repetitions(options, 7);
-  auto times = take_turns(
+  const auto times = take_turns(
       {{"sort_cpu", count, [&] { sort_cpu(rows, cols, data.data(), k, ind.data(), val.data()); }},
        {"pairs and nth_element", count, [&] {
           select_from_pairs(rows, cols, data.data(), k, options.threads, ind_of_pairs.data(),
@@ -124,8 +124,8 @@ void selection_figures(const Options& options, Table& table) {
   if (ind != ind_of_pairs || val != val_of_pairs) {
     throw std::runtime_error("sort_cpu and nth_element select different values");
   }
-  add_ratio(table, "sort_cpu, 64 rows of 1,000,000, k 16 / pairs with nth_element",
-            times["sort_cpu"], times["pairs and nth_element"], 0.15);
+  add_ratio(table, {"64 rows of 1,000,000, k 16", "sort_cpu", "pairs with nth_element", 0.15},
+            times[0], times[1]);
 }
 
 }  // namespace talvik::bench

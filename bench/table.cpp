@@ -13,12 +13,16 @@ std::string text_of(double value) {
   return text;
 }
 
+std::string name_of(const Comparison& of) {
+  return of.world + ": " + of.what + (of.against.empty() ? "" : " / ") + of.against;
+}
+
 const char* verdict(const Figure& figure) {
-  if (figure.target == no_target) return "";
+  if (figure.of.target == no_target) return "";
   // A share below 0 says only that the machine was too busy.
-  const bool by_wall = figure.wall >= 0 && figure.wall <= figure.target;
+  const bool by_wall = figure.wall >= 0 && figure.wall <= figure.of.target;
   const bool by_cpu =
-      figure.cpu == no_time ? by_wall : figure.cpu >= 0 && figure.cpu <= figure.target;
+      figure.cpu == no_time ? by_wall : figure.cpu >= 0 && figure.cpu <= figure.of.target;
   if (by_wall && by_cpu) return "yes";
   if (by_wall) return "by wall";
   return by_cpu ? "by cpu" : "NO";
@@ -26,17 +30,15 @@ const char* verdict(const Figure& figure) {
 
 }  // namespace
 
-void add_ratio(Table& table, const std::string& name, const Samples& a, const Samples& b,
-               double target) {
+void add_ratio(Table& table, const Comparison& of, const Samples& a, const Samples& b) {
   char note[64];
   std::snprintf(note, sizeof note, "%.2f, %.2f", spread(a.wall), spread(b.wall));
   table.figures.push_back(
-      {name, median(a.wall) / median(b.wall), median(a.cpu) / median(b.cpu), target, note});
+      {of, median(a.wall) / median(b.wall), median(a.cpu) / median(b.cpu), note});
 }
 
-void add_value(Table& table, const std::string& name, double value, double target,
-               const std::string& note) {
-  table.figures.push_back({name, value, no_time, target, note});
+void add_value(Table& table, const Comparison& of, double value, const std::string& note) {
+  table.figures.push_back({of, value, no_time, note});
 }
 
 void print_table(const Table& table) {
@@ -44,9 +46,9 @@ void print_table(const Table& table) {
   std::printf("\n");
   std::printf(row, "figure", "wall", "cpu", "target", "met", "spread of the wall times");
   for (const Figure& figure : table.figures) {
-    const std::string target = figure.target == no_target ? "" : text_of(figure.target);
-    std::printf(row, figure.name.c_str(), text_of(figure.wall).c_str(), text_of(figure.cpu).c_str(),
-                target.c_str(), verdict(figure), figure.note.c_str());
+    const std::string target = figure.of.target == no_target ? "" : text_of(figure.of.target);
+    std::printf(row, name_of(figure.of).c_str(), text_of(figure.wall).c_str(),
+                text_of(figure.cpu).c_str(), target.c_str(), verdict(figure), figure.note.c_str());
   }
   std::printf("\n");
   for (const std::string& remark : table.remarks) std::printf("%s\n", remark.c_str());

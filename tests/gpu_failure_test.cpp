@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <exception>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "libwmd/gpu/platform/hostdev_control.hpp"
@@ -18,154 +17,116 @@
 namespace talvik::test {
 namespace {
 
-enum class Scene { load, plain, steps, one_word, index_form, ground };
-
-struct Failure {
-  Scene scene;
-  std::string call;
-  int skip;  // successful calls before the failing one, counted from where the scene arms the plan
-  int status;
-  std::string text;
-};
-
-class FailingDevice : public testing::TestWithParam<Failure> {
+class FailingDevice : public testing::Test {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-// Two query documents without a repeated word, so that the engine allocates what every run does.
-World small_world() {
-  World world = random_world({.num_resident = 2, .num_queries = 2, .max_words = 6});
-  world.queries = {{{0, 0.5f}, {1, 0.25f}, {2, 0.25f}}, {{3, 0.5f}, {4, 0.25f}, {5, 0.25f}}};
-  return world;
-}
+// What runs, and from where on its calls are counted.
+struct Scene {
+  bool from_loading = false;  // else from the computation of the block on
+  bool ground = false;
+  int steps = 0;
+  int entries = 3;  // of each query document
+};
 
-void arm(const Failure& failure) {
-  hostdev::plan_fault({.call = failure.call, .skip = failure.skip, .status = failure.status});
-}
+constexpr Scene load{.from_loading = true}, load_indices{.from_loading = true, .ground = true};
+constexpr Scene plain{}, pour{.steps = 2}, pour_one{.steps = 2, .entries = 1};
+
+// Consecutive calls of a function, one for each name.  When one of them fails, the text and its
+// name are printed.
+struct Failures {
+  Scene scene;
+  std::string call;
+  int status;
+  int skip;  // calls before the first of them
+  std::string text;
+  std::vector<std::string> names = {""};
+};
+
+const std::string no_memory = "Failed to allocate GPU memory for ", no_copy = "Failed to copy ";
+const std::string not_freed = "Failed to deallocate ";
+const std::string sparse = "Sparse matrix-matrix multiplication failed in ";
+const std::string group = "Sparse-matrix dense-matrix multiplication failed: ";
+
+const std::vector<std::string> loaded{"ind", "weight", "start", "W", "RW", "X2", "weight2", "Rn2"};
+
+const std::vector<Failures> every_failure{
+    {load, "cudaMalloc", 2, 0, no_memory, loaded},
+    {load, "cudaMemcpy", 1, 0, no_copy, loaded},
+    // The ground matrix is allocated to be computed, and again to be uploaded.
+    {load_indices, "cudaMalloc", 2, 5, no_memory, {"D_ground_dev", "D_ground_dev"}},
+    {load_indices, "cudaMalloc", 2, 7, no_memory, {"ind2", "weight2"}},
+    {load_indices, "cudaMemcpy", 1, 7, no_copy, {"ind2", "weight2"}},
+    {load_indices, "cublasSgemm_v2", 14, 0, "Dense matrix-matrix multiplication failed: 14"},
+    {load_indices, "cudaFree", 1, 0, not_freed, {"D_ground_dev"}},
+    {plain, "cusparseCreate", 1, 0, "CUSPARSE Library initialization failed"},
+    {plain, "cusparseCreateMatDescr", 2, 0, "Matrix descriptor initialization failed"},
+    {plain, "cudaMalloc", 2, 0, no_memory, {"dp_dev", "Y_dev", "Y_dev_t", "weights_min_dev_t"}},
+    {pour, "cudaMalloc", 2, 4, no_memory, {"weight_updated", "weight_delta"}},
+    {plain, "cudaMemcpy", 1, 0, no_copy, {"start2", "row_of_entry", "Z"}},
+    {plain, "cublasSgemm_v2", 13, 0, "Dense matrix-matrix multiplication failed: 13"},
+    {plain, "cusparseScsrmm2", 7, 0, group + "7\nInternal Error"},
+    {plain, "cusparseScsrmm2", 6, 0, group + "6\nExecution Failed"},
+    {plain, "cusparseScsrmm2", 3, 0, group + "3"},
+    // 2 steps of a document of 3 entries: one step.
+    {pour, "cusparseScsrmm", 7, 0, sparse, {"iteration 0 7", "final iteration 7"}},
+    {pour_one, "cusparseScsrmm", 6, 0, sparse, {"final iteration 0 6"}},
+    {plain, "cudaFree", 1, 0, not_freed, {"Y_dev", "Y_dev_t", "weights_min_dev_t", "dp_dev"}},
+    {pour, "cudaFree", 1, 4, not_freed, {"weight_updated", "weight_delta"}},
+    {plain, "cusparseDestroyMatDescr", 1, 0, "Matrix descriptor destruction failed"},
+    {plain, "cusparseDestroy", 1, 0, "CUSPARSE Library release of resources failed"},
+};
 
 // Gets through only if nothing fails.
-void play(const Failure& failure) {
+void play(const Scene& scene, const hostdev::FaultPlan& fault) {
   dup2(2, 1);  // death tests match standard error
-  World world = small_world();
-  if (failure.scene == Scene::one_word) world.queries = {{{0, 1.0f}}};  // one entry: no step
-  switch (failure.scene) {
-    case Scene::load:
-    case Scene::index_form:
-      arm(failure);
-      distance_block(world, 1, StepRule::powers_of_two, failure.scene == Scene::index_form);
-      break;
-    case Scene::plain:
-    case Scene::steps:
-    case Scene::one_word:
-      distance_block(world, gpu_engine, false, [&](float* Z) {
-        arm(failure);
-        const int steps = failure.scene == Scene::plain ? 0 : 2;
-        ed_min_vocab_multi(Z, steps, false);
-      });
-      break;
-    case Scene::ground:
-      copy_vocabulary(0, world.shape.voc_size, world.shape.vec_size, world.embeddings.data());
-      arm(failure);
-      compute_ground_distances(nullptr);
+  World world = random_world({.num_resident = 2, .num_queries = 0});
+  // No word comes twice, so that the engine allocates what every run does.
+  for (unsigned first : {0u, 3u}) {
+    world.queries.push_back({{first, 0.5f}, {first + 1, 0.25f}, {first + 2, 0.25f}});
+    world.queries.back().resize(static_cast<size_t>(scene.entries));
   }
+  if (scene.from_loading) hostdev::plan_fault(fault);
+  distance_block(world, gpu_engine, scene.ground, [&](float* Z) {
+    if (!scene.from_loading) hostdev::plan_fault(fault);
+    ed_min_vocab_multi(Z, scene.steps, scene.ground);
+  });
   std::exit(0);
 }
 
-std::string escaped(const std::string& text) {
-  std::string pattern;
-  for (const char c : text) {
-    if (std::string("()[].*+?{}|^$\\").find(c) != std::string::npos) pattern += '\\';
-    pattern += c;
+TEST_F(FailingDevice, EndsTheProcessWithItsLine) {
+  for (const auto& [scene, call, status, skip, text, names] : every_failure) {
+    hostdev::FaultPlan fault{.call = call, .skip = skip, .status = status};
+    for (const std::string& name : names) {
+      EXPECT_EXIT(play(scene, fault), testing::ExitedWithCode(1), "(^|\n)" + text + name + "\n");
+      ++fault.skip;
+    }
   }
-  return pattern;
 }
-
-TEST_P(FailingDevice, EndsTheProcessWithItsLine) {
-  const Failure& failure = GetParam();
-  EXPECT_EXIT(play(failure), testing::ExitedWithCode(1), "(^|\n)" + escaped(failure.text) + "\n");
-}
-
-// The n-th of these calls to fail: one for each name, in their order, after `skip` others.
-void add(std::vector<Failure>& all, Scene scene, const char* call, int status,
-         const std::string& text, int skip, const std::vector<const char*>& names) {
-  for (const char* name : names) all.push_back({scene, call, skip++, status, text + name});
-}
-
-std::vector<Failure> failures() {
-  const std::string no_memory = "Failed to allocate GPU memory for ";
-  const std::vector<const char*> loaded{"ind", "weight", "start",   "W",
-                                        "RW",  "X2",     "weight2", "Rn2"};
-  std::vector<Failure> all;
-  add(all, Scene::load, "cudaMalloc", 2, no_memory, 0, loaded);
-  add(all, Scene::load, "cudaMemcpy", 1, "Failed to copy ", 0, loaded);
-  // Before ind2: three arrays of the resident side, two of the vocabulary, then the ground matrix,
-  // which is allocated to be computed and again to be uploaded, and copied both times.
-  add(all, Scene::index_form, "cudaMalloc", 2, no_memory, 6, {"D_ground_dev", "ind2", "weight2"});
-  add(all, Scene::index_form, "cudaMemcpy", 1, "Failed to copy ", 7, {"ind2", "weight2"});
-  const std::vector<const char*> plain{"dp_dev", "Y_dev", "Y_dev_t", "weights_min_dev_t"};
-  const std::vector<const char*> freed{"Y_dev", "Y_dev_t", "weights_min_dev_t", "dp_dev"};
-  const std::vector<const char*> of_steps{"weight_updated", "weight_delta"};
-  add(all, Scene::plain, "cudaMalloc", 2, no_memory, 0, plain);
-  add(all, Scene::steps, "cudaMalloc", 2, no_memory, 4, of_steps);
-  add(all, Scene::plain, "cudaFree", 1, "Failed to deallocate ", 0, freed);
-  add(all, Scene::steps, "cudaFree", 1, "Failed to deallocate ", 4, of_steps);
-  const std::string sparse = "Sparse matrix-matrix multiplication failed in ";
-  const std::string group = "Sparse-matrix dense-matrix multiplication failed: ";
-  const std::vector<Failure> others{
-      {Scene::plain, "cusparseCreate", 0, 1, "CUSPARSE Library initialization failed"},
-      {Scene::plain, "cusparseCreateMatDescr", 0, 2, "Matrix descriptor initialization failed"},
-      {Scene::plain, "cublasSgemm_v2", 0, 13, "Dense matrix-matrix multiplication failed: 13"},
-      {Scene::plain, "cusparseScsrmm2", 0, 7, group + "7\nInternal Error"},
-      {Scene::plain, "cusparseScsrmm2", 0, 6, group + "6\nExecution Failed"},
-      {Scene::plain, "cusparseScsrmm2", 0, 3, group + "3"},
-      // 2 steps of a document of 3 entries: one step.
-      {Scene::steps, "cusparseScsrmm", 0, 7, sparse + "iteration 0 7"},
-      {Scene::steps, "cusparseScsrmm", 1, 6, sparse + "final iteration 6"},
-      {Scene::one_word, "cusparseScsrmm", 0, 6, sparse + "final iteration 0 6"},
-      {Scene::plain, "cudaMemcpy", 0, 1, "Failed to copy start2"},
-      {Scene::plain, "cudaMemcpy", 1, 1, "Failed to copy row_of_entry"},
-      {Scene::plain, "cudaMemcpy", 2, 1, "Failed to copy Z"},
-      {Scene::plain, "cusparseDestroyMatDescr", 0, 1, "Matrix descriptor destruction failed"},
-      {Scene::plain, "cusparseDestroy", 0, 1, "CUSPARSE Library release of resources failed"},
-      {Scene::ground, "cudaMalloc", 0, 2, "Failed to allocate GPU memory for D_ground_dev"},
-      {Scene::ground, "cublasSgemm_v2", 0, 14, "Dense matrix-matrix multiplication failed: 14"},
-      {Scene::ground, "cudaFree", 0, 1, "Failed to deallocate D_ground_dev"}};
-  all.insert(all.end(), others.begin(), others.end());
-  return all;
-}
-
-INSTANTIATE_TEST_SUITE_P(Calls, FailingDevice, testing::ValuesIn(failures()));
 
 TEST_F(FailingDevice, TellsHowMuchMemoryThereIs) {
   const auto run = [] {
     dup2(2, 1);
-    hostdev::plan_fault({.memory_limit = 1000});
-    std::vector<float> W(20), weight(300);
-    std::vector<int> ind(300);
-    copy_vocabulary(0, 10, 2, W.data());  // 80 bytes and 40 of norms
-    copy_raw_data(300, ind.data(), weight.data(), 0, ind.data());
+    hostdev::plan_fault({.memory_limit = 100});
+    std::vector<float> W(20);
+    copy_vocabulary(0, 10, 2, W.data());  // 80 bytes, then 40 of norms
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(1),
-              "Failed to allocate GPU memory for ind\n"
-              "Size of memory requested: 1200\n"
-              "Free mem = 880, Total = 1000\n");
+              "for RW\nSize of memory requested: 40\nFree mem = 20, Total = 100\n");
 }
 
-TEST_F(FailingDevice, FailedConversionReachesTheCaller) {
-  const auto run = [] {
-    normalize_embeddings = true;
-    try {
-      distance_block(small_world(), gpu_engine, false, [&](float* Z) {
-        hostdev::plan_fault({.call = "transform_in_place"});
-        ed_min_vocab_multi(Z, 0, false);
-      });
-    } catch (const std::exception& error) {
-      std::fprintf(stderr, "%s\n", error.what());
-      std::_Exit(3);  // what was held stays, and is not to be counted
-    }
-  };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(3), "transform: failed to synchronize");
+TEST_F(FailingDevice, FailedConversionReachesTheCallerAndLeavesNothingBehind) {
+  normalize_embeddings = true;
+  distance_block(random_world({}), gpu_engine, false, [](float* Z) {
+    hostdev::plan_fault({.call = "transform_in_place"});
+    EXPECT_THROW(ed_min_vocab_multi(Z, 0, false), std::exception);
+    hostdev::plan_fault({.call = "transform_in_place"});
+    EXPECT_THROW(compute_ground_distances(nullptr), std::exception);
+  });
+  normalize_embeddings = false;
+  EXPECT_EQ(D_ground_dev, nullptr);
+  EXPECT_EQ(hostdev::live_allocations() + hostdev::live_handles(), 0u);
 }
 
 }  // namespace

@@ -29,23 +29,13 @@ __global__ void write_one(int index, float* values) {
   if (blockIdx.y == 0 && threadIdx.x == 0) values[index] = 1;
 }
 
-TEST_F(HostdevDeathTest, FreshMemoryHoldsNaNsAndIsCountedAndFreedOnce) {
-  float* memory = allocate(1000);
-  EXPECT_EQ(hostdev::live_allocations(), 1u);
-  std::vector<float> values(1000);
-  ASSERT_EQ(cudaMemcpy(values.data(), memory, 4000, cudaMemcpyDeviceToHost), cudaSuccess);
-  for (const float value : values) ASSERT_TRUE(std::isnan(value));
-  EXPECT_DEATH(cudaFree(memory + 1), "cudaFree: not the start of a live device allocation");
-  cudaFree(memory);
-  EXPECT_EQ(hostdev::live_allocations(), 0u);
-  EXPECT_DEATH(cudaFree(memory), "cudaFree: not the start");
-}
-
-TEST_F(HostdevDeathTest, NothingReachesBeyondAnAllocationItsSideOrItsDevice) {
+TEST_F(HostdevDeathTest, FreshMemoryHoldsNaNsAndNothingReachesBeyondIt) {
   hostdev::set_device_count(2);
   std::vector<float> host(100);
-  float* memory = allocate(10);
-  float* large = allocate(100);
+  float *memory = allocate(10), *large = allocate(100);
+  EXPECT_EQ(hostdev::live_allocations(), 2u);
+  ASSERT_EQ(cudaMemcpy(host.data(), large, 400, cudaMemcpyDeviceToHost), cudaSuccess);
+  for (const float value : host) ASSERT_TRUE(std::isnan(value));
   EXPECT_DEATH(cudaMemcpy(memory, host.data(), 41, cudaMemcpyHostToDevice),
                "cudaMemcpy: goes 1 bytes beyond the end of an allocation of 40");
   EXPECT_DEATH(cudaMemcpy(host.data(), memory + 5, 24, cudaMemcpyDeviceToHost), "goes 4 bytes");
@@ -57,8 +47,11 @@ TEST_F(HostdevDeathTest, NothingReachesBeyondAnAllocationItsSideOrItsDevice) {
   cudaSetDevice(1);
   EXPECT_DEATH(cudaMemset(memory, 0, 4), "memory of device 0 used while device 1 is selected");
   cudaSetDevice(0);
+  EXPECT_DEATH(cudaFree(memory + 1), "cudaFree: not the start of a live device allocation");
   cudaFree(memory);
   cudaFree(large);
+  EXPECT_DEATH(cudaFree(memory), "cudaFree: not the start");
+  EXPECT_EQ(hostdev::live_allocations(), 0u);
   hostdev::set_device_count(1);
 }
 
@@ -66,25 +59,22 @@ TEST_F(HostdevDeathTest, NothingReachesBeyondAnAllocationItsSideOrItsDevice) {
 TEST_F(HostdevDeathTest, GuardedMemoryIsOpenToDeviceWorkOnly) {
   const auto guarded_run = [](auto mistake) {
     setenv("TALVIK_HOSTDEV_GUARD", "1", 1);
-    float* x = allocate(8);
-    float* freed = allocate(8);
+    float *x = allocate(8), *freed = allocate(8), value = 0;
     cudaFree(freed);
-    float value = 0;
     launch(write_one, 1, 1, 7, x);
     transform_in_place(x, 8, [](float old) { return old + 1; });
     cudaMemcpy(&value, x + 7, 4, cudaMemcpyDeviceToHost);
     std::fprintf(stderr, "device work gave %g\n", value);
     mistake(x, freed);
-    cudaFree(x);
     std::exit(0);
   };
-  EXPECT_EXIT(guarded_run([](float*, float*) {}), testing::ExitedWithCode(0), "device work gave 2");
-  EXPECT_DEATH(guarded_run([](float* x, float*) { *static_cast<volatile float*>(x) = 1; }),
-               "device work gave 2");
-  EXPECT_DEATH(guarded_run([](float*, float* freed) { launch(write_one, 1, 1, 0, freed); }),
-               "device work gave 2");
-  EXPECT_DEATH(guarded_run([](float* x, float*) { launch(write_one, 1, 1, 8, x); }),
-               "device work gave 2");
+  const char* const before = "device work gave 2";
+  const auto write_to = [](float* p) { *static_cast<volatile float*>(p) = 1; };
+  const auto kernel = [](int i, float* p) { launch(write_one, 1, 1, i, p); };
+  EXPECT_EXIT(guarded_run([](float*, float*) {}), testing::ExitedWithCode(0), before);
+  EXPECT_DEATH(guarded_run([&](float* x, float*) { write_to(x); }), before);
+  EXPECT_DEATH(guarded_run([&](float*, float* freed) { kernel(0, freed); }), before);
+  EXPECT_DEATH(guarded_run([&](float* x, float*) { kernel(8, x); }), before);
 }
 
 #if defined(__has_feature)

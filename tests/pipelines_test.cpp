@@ -35,6 +35,9 @@ std::atomic<int> allocations_left = -1;  // until one fails; negative: none does
 [[gnu::noinline]] void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
   return std::malloc(std::max<size_t>(bytes, 1));
 }
+[[gnu::noinline]] void* operator new[](size_t bytes, const std::nothrow_t& none) noexcept {
+  return operator new(bytes, none);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 

@@ -1,4 +1,4 @@
-// The one way in which the library gives up: a line on standard output, then exit status 1.
+// How the library gives up: a line on standard output, then the end of the process.
 #ifndef TALVIK_INTERNAL_FAILURE_HPP
 #define TALVIK_INTERNAL_FAILURE_HPP
 
@@ -10,10 +10,13 @@ namespace talvik::internal {
 
 inline constexpr int failure_status = 1;
 
-/// Prints text as a line, flushed, and ends the process.
-[[noreturn]] inline void fail(const std::string& text) {
-  std::cout << text << std::endl;
-  std::exit(failure_status);
+/// Flushed, because a process that is about to end may not get to it.
+inline void print_failure(const std::string& text) { std::cout << text << std::endl; }
+
+/// Prints text as a line and ends the process.
+[[noreturn]] inline void fail(const std::string& text, int status = failure_status) {
+  print_failure(text);
+  std::exit(status);
 }
 
 }  // namespace talvik::internal

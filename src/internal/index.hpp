@@ -1,4 +1,4 @@
-// Offsets into arrays.  Counts are ints, as in the interface; their products are not.
+// Offsets into arrays.  Counts are ints, as in the interface; their products need more bits.
 #ifndef TALVIK_INTERNAL_INDEX_HPP
 #define TALVIK_INTERNAL_INDEX_HPP
 
@@ -6,8 +6,8 @@
 
 namespace talvik::internal {
 
-/// An offset into an array, or a number of elements.  Signed, so that it mixes with counts; a
-/// negative one asked of new[] raises its array-length exception.
+/// An offset into an array, or a number of elements.  Signed, so that it mixes with counts; new[]
+/// answers a negative one with its array-length exception.
 using Index = std::ptrdiff_t;
 
 /// Elements of a rows x cols matrix; also the offset of row `rows` where a row has `cols` elements.

@@ -1,5 +1,5 @@
-// Scaling of float sequences, be they the components of a vector or the weights of a document.
-// Sums are formed in double precision, in order.
+// Scaling of float sequences: the components of a vector, or the weights of a document.  Sums are
+// formed in double precision, in order.
 #ifndef TALVIK_INTERNAL_NORMALISE_HPP
 #define TALVIK_INTERNAL_NORMALISE_HPP
 
@@ -33,8 +33,8 @@ double euclidean_length(Items& items) {
   return std::sqrt(squared_norm(items));
 }
 
-/// Every value becomes value * scale / measure.  A measure of zero leaves the values alone: there
-/// is nothing to scale, and a division would turn them into NaN.
+/// Every value becomes value * scale / measure.  A measure of zero leaves the values as they are,
+/// where a division would make them NaN.
 template <class Items>
 void rescale(Items& items, double scale, double measure) {
   if (measure == 0) return;

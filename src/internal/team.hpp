@@ -1,4 +1,4 @@
-// The team of threads and its contiguous split.  Every OpenMP pragma of the library sits here.
+// The team of threads and the shares of its members.  Every OpenMP pragma of the library is here.
 #ifndef TALVIK_INTERNAL_TEAM_HPP
 #define TALVIK_INTERNAL_TEAM_HPP
 
@@ -20,8 +20,8 @@ static_assert(share_of(1, 4, 10) == std::pair(3, 6) && share_of(3, 4, 10) == std
 static_assert(share_of(1, 4, 2) == std::pair(1, 2) && share_of(3, 4, 2) == std::pair(2, 2));
 
 /// Runs body(first, last, thread) on a team, one contiguous share of [0, n) per thread.  The body
-/// writes nothing but what its share owns.  If it throws, one of the exceptions is rethrown once
-/// the whole team has finished.
+/// writes only what belongs to its share.  If it throws, one of the exceptions is rethrown once the
+/// whole team has finished.
 template <class Body>
 void for_each_share(int threads, int n, const Body& body) {
   omp_set_num_threads(std::max(threads, 1));

@@ -1,4 +1,4 @@
-// How one process ends all of them.
+// The end of all processes of a job.
 #ifndef TALVIK_LIBMPI_ABORT_JOB_HPP
 #define TALVIK_LIBMPI_ABORT_JOB_HPP
 
@@ -6,8 +6,8 @@
 
 namespace talvik::internal {
 
-/// Prints text as a line, flushed, and ends every process of the job with status 1: for failures
-/// that the other processes do not share and would wait out forever.
+/// Prints text as a line and ends every process of the job with status 1.  For failures of a single
+/// process, for which the others would wait for ever.
 [[noreturn]] void abort_job(const std::string& text);
 
 }  // namespace talvik::internal

@@ -1,4 +1,4 @@
-// The process's place in the job, and the collectives that the library and host programs use.
+// The process's place in the job, and the collective operations for the library and host programs.
 #include <mpi.h>
 
 #include <cstdlib>
@@ -30,7 +30,8 @@ bool mpi_finalized() {
   return flag != 0;
 }
 
-// An int that the launcher left in the environment, or fallback without it.
+// A number that the launcher left in the environment.
+// @return fallback where it left none
 int launcher_value(const char* name, int fallback) {
   constexpr int decimal = 10;
   const char* text = std::getenv(name);
@@ -42,7 +43,7 @@ int launcher_value(const char* name, int fallback) {
 namespace internal {
 
 void abort_job(const std::string& text) {
-  std::cout << text << std::endl;
+  print_failure(text);
   if (mpi_initialized() && !mpi_finalized()) MPI_Abort(MPI_COMM_WORLD, failure_status);
   std::exit(failure_status);
 }
@@ -58,7 +59,7 @@ void init_mpi(int* rank, int* size, int* local_rank, int* local_size) {
   MPI_Get_processor_name(node, &node_length);
   *local_rank = launcher_value("OMPI_COMM_WORLD_LOCAL_RANK", 0);
   *local_size = launcher_value("OMPI_COMM_WORLD_LOCAL_SIZE", 1);
-  // One string, so that the lines of processes that share a terminal do not mix.
+  // Written as one string, so that the lines of several processes do not mix.
   std::cout << "Process " + std::to_string(*rank) + " of " + std::to_string(*size) + " is on " +
                    node + " (local id: " + std::to_string(*local_rank) +
                    ", local procs: " + std::to_string(*local_size) + ")\n"

@@ -1,9 +1,10 @@
-// Which entries of a query batch share a row: hashed, then verified by comparison.
+// Which entries of a query batch share a row: rows are hashed, then compared.
 #include "libwmd/distinct_rows.hpp"
 
 #include <algorithm>
 #include <functional>  // hash
 #include <string_view>
+#include <utility>  // move
 
 #include "internal/team.hpp"
 
@@ -12,29 +13,46 @@ namespace {
 
 using Hash = std::size_t;
 
-// Entries hashed by the team before they are looked up one after the other.
-constexpr int hash_block_entries = 1 << 16;
-
-// Open addressing over the rows of the current pass.
-struct RowTable {
+// One row of so many bytes per entry.
+struct EntryRows {
   const char* rows;
-  std::size_t row_bytes;
-  std::vector<int> slot;        // row number + 1, or 0; a power of two of them
-  std::vector<Hash> row_hash;   // per row of the pass
-  std::vector<int>& row_entry;  // per row of all passes
-  int first_row;                // of the pass
+  Index row_bytes;
+};
+
+// Rows of no bytes may be at null.
+std::string_view row_at(const EntryRows& rows, int entry) {
+  return {rows.rows + entry * rows.row_bytes, static_cast<std::size_t>(rows.row_bytes)};
+}
+
+// The hashes of consecutive entries [first, last).  The team computes many at a time, before they
+// are looked up one after the other.
+struct EntryHashes {
+  int first = 0, last = 0;
+  std::vector<Hash> hash;  // of entry e at e - first
+};
+
+constexpr int entries_hashed_at_once = 1 << 16;
+
+void hash_entries(const EntryRows& rows, int first, int last, int threads, EntryHashes& hashes) {
+  hashes.first = first;
+  hashes.last = last;
+  hashes.hash.resize(last - first);
+  for_each_share(threads, last - first, [&](int share_first, int share_last, int) {
+    for (int i = share_first; i < share_last; ++i) {
+      hashes.hash[i] = std::hash<std::string_view>()(row_at(rows, first + i));
+    }
+  });
+}
+
+// The distinct rows of the open pass, by open addressing.
+struct RowTable {
+  std::vector<int> slot;       // a power of two of them: row number in the pass + 1, or 0
+  std::vector<Hash> row_hash;  // per row of the pass
 };
 
 constexpr std::size_t smallest_table = 64;  // slots
 
-// The row of an entry; rows of no bytes may lie at null.
-std::string_view row_at(const char* rows, std::size_t row_bytes, int entry) {
-  return {rows + static_cast<std::size_t>(entry) * row_bytes, row_bytes};
-}
-
-bool same_row(const RowTable& table, int a, int b) {
-  return row_at(table.rows, table.row_bytes, a) == row_at(table.rows, table.row_bytes, b);
-}
+int rows_held(const RowTable& table) { return static_cast<int>(table.row_hash.size()); }
 
 std::size_t free_slot(const std::vector<int>& slot, Hash hash) {
   const std::size_t mask = slot.size() - 1;
@@ -43,124 +61,124 @@ std::size_t free_slot(const std::vector<int>& slot, Hash hash) {
   return at;
 }
 
-// Kept at most half full.
 void grow(RowTable& table) {
   std::vector<int> larger(table.slot.size() * 2, 0);
-  for (std::size_t r = 0; r < table.row_hash.size(); ++r) {
-    larger[free_slot(larger, table.row_hash[r])] = static_cast<int>(r) + 1;
-  }
+  for (int r = 0; r < rows_held(table); ++r) larger[free_slot(larger, table.row_hash[r])] = r + 1;
   table.slot.swap(larger);
 }
 
-int row_of(RowTable& table, int entry, Hash hash) {
+// The search and what it has found so far.  A section and a pass are open from the first document
+// on.
+struct Search {
+  EntryRows rows;
+  const int* start;
+  int max_rows, threads;
+  EntryHashes hashes = {};
+  RowTable table = {};
+  DistinctRows found = {};
+};
+
+Hash hash_of(Search& search, int entry, int num_entries) {
+  if (entry >= search.hashes.last) {
+    const int last = entry + std::min(num_entries - entry, entries_hashed_at_once);
+    hash_entries(search.rows, entry, last, search.threads, search.hashes);
+  }
+  return search.hashes.hash[entry - search.hashes.first];
+}
+
+// The row of an entry among those of the open pass; the entry's own, if it is new.
+int row_of(Search& search, int entry, Hash hash) {
+  RowTable& table = search.table;
+  const int* first_entry_of_row =
+      search.found.entry_of_row.data() + search.found.passes.back().first_row;
   const std::size_t mask = table.slot.size() - 1;
   std::size_t at = hash & mask;
   for (; table.slot[at] != 0; at = (at + 1) & mask) {
     const int row = table.slot[at] - 1;
-    if (table.row_hash[static_cast<std::size_t>(row)] == hash &&
-        same_row(table, table.row_entry[static_cast<std::size_t>(table.first_row + row)], entry)) {
+    if (table.row_hash[row] == hash &&
+        row_at(search.rows, first_entry_of_row[row]) == row_at(search.rows, entry)) {
       return row;
     }
   }
-  const int row = static_cast<int>(table.row_hash.size());
+  const int row = rows_held(table);
   table.row_hash.push_back(hash);
-  table.row_entry.push_back(entry);
+  search.found.entry_of_row.push_back(entry);
   table.slot[at] = row + 1;
-  if (2 * table.row_hash.size() > table.slot.size()) grow(table);
+  if (2 * table.row_hash.size() > table.slot.size()) grow(table);  // at most half full
   return row;
 }
 
-void start_pass(RowTable& table) {
-  table.first_row = static_cast<int>(table.row_entry.size());
-  table.row_hash.clear();
-  table.slot.assign(smallest_table, 0);
+void open_pass(Search& search, int entry) {
+  const int row = static_cast<int>(search.found.entry_of_row.size());
+  search.found.passes.push_back(
+      {.first_row = row, .last_row = row, .first_entry = entry, .last_entry = entry});
+  search.table.row_hash.clear();
+  search.table.slot.assign(smallest_table, 0);
 }
 
-// Hashes of the block of entries that holds `entry`, computed by the team when first asked for.
-struct EntryHashes {
-  const char* rows;
-  std::size_t row_bytes;
-  int num_entries, threads;
-  int first = 0, last = 0;
-  std::vector<Hash> hash = {};
-};
+void close_pass(Search& search, int last_entry) {
+  search.found.passes.back().last_row = static_cast<int>(search.found.entry_of_row.size());
+  search.found.passes.back().last_entry = last_entry;
+}
 
-Hash hash_of(EntryHashes& block, int entry) {
-  if (entry >= block.last || entry < block.first) {
-    block.first = entry;
-    block.last = std::min(block.num_entries - entry, hash_block_entries) + entry;
-    block.hash.resize(static_cast<std::size_t>(block.last - block.first));
-    for_each_share(block.threads, block.last - block.first, [&](int first, int last, int) {
-      for (int i = first; i < last; ++i) {
-        block.hash[static_cast<std::size_t>(i)] =
-            std::hash<std::string_view>()(row_at(block.rows, block.row_bytes, block.first + i));
-      }
-    });
+void open_section(Search& search, int doc) {
+  const int pass = static_cast<int>(search.found.passes.size());
+  search.found.sections.push_back(
+      {.first_doc = doc, .last_doc = doc, .first_pass = pass, .last_pass = pass});
+  open_pass(search, search.start[doc]);
+}
+
+void close_section(Search& search, int last_doc) {
+  close_pass(search, search.start[last_doc]);
+  search.found.sections.back().last_doc = last_doc;
+  search.found.sections.back().last_pass = static_cast<int>(search.found.passes.size());
+}
+
+// Whether the open section can take another document.  How many of its rows the pass has already is
+// not known before they are looked up; counting all entries as new rows only makes a pass smaller
+// than it could be.
+bool has_room(const Search& search, int doc) {
+  const int passes = static_cast<int>(search.found.passes.size());
+  const bool several_passes = passes - search.found.sections.back().first_pass > 1;
+  const int entries = search.start[doc + 1] - search.start[doc];
+  return !several_passes && entries <= search.max_rows - rows_held(search.table);
+}
+
+void add_document(Search& search, int doc, int num_entries) {
+  for (int entry = search.start[doc]; entry < search.start[doc + 1]; ++entry) {
+    // Only a document that is alone in its section can find the pass full.
+    if (rows_held(search.table) == search.max_rows) {
+      close_pass(search, entry);
+      open_pass(search, entry);
+    }
+    search.found.row_of_entry[entry] = row_of(search, entry, hash_of(search, entry, num_entries));
   }
-  return block.hash[static_cast<std::size_t>(entry - block.first)];
 }
 
 }  // namespace
 
-DistinctRows find_distinct_rows(const void* rows, std::size_t row_bytes, const int* start,
-                                int num_docs, int max_rows, int threads) {
-  DistinctRows found;
+DistinctRows find_distinct_rows(const void* rows, Index row_bytes, const int* start, int num_docs,
+                                int max_rows, int threads) {
   const int num_entries = start[num_docs];
-  found.row_of_entry.assign(static_cast<std::size_t>(num_entries) + row_padding, 0);
-  RowTable table{static_cast<const char*>(rows), row_bytes, {}, {}, found.entry_of_row, 0};
-  EntryHashes hashes{table.rows, row_bytes, num_entries, threads};
-
-  int first_doc = 0;  // of the open group
-  const auto open_pass = [&](int entry) {
-    start_pass(table);
-    found.passes.push_back({table.first_row, table.first_row, entry, entry});
-  };
-  const auto close_pass = [&](int entry) {
-    found.passes.back().last_row = static_cast<int>(found.entry_of_row.size());
-    found.passes.back().last_entry = entry;
-  };
-  int first_pass = 0;
-  const auto close_group = [&](int last_doc) {
-    close_pass(start[last_doc]);
-    const int last_pass = static_cast<int>(found.passes.size());
-    found.sections.push_back({first_doc, last_doc, first_pass, last_pass});
-    first_doc = last_doc;
-    first_pass = last_pass;
-  };
-
-  if (num_docs > 0) open_pass(0);
+  Search search{.rows = {static_cast<const char*>(rows), row_bytes},
+                .start = start,
+                .max_rows = max_rows,
+                .threads = threads};
+  search.found.row_of_entry.assign(Index{num_entries} + row_padding, 0);
   for (int doc = 0; doc < num_docs; ++doc) {
-    const int held = static_cast<int>(table.row_hash.size());
-    // Rows that a document shares with the pass are not known before they are looked up; counting
-    // all of its entries as new rows only makes a pass smaller than it could be.
-    if (doc > first_doc && start[doc + 1] - start[doc] > max_rows - held) {
-      close_group(doc);
-      open_pass(start[doc]);
-    }
-    for (int entry = start[doc]; entry < start[doc + 1]; ++entry) {
-      // Only a document that is alone in its group gets here with a full pass.
-      if (static_cast<int>(table.row_hash.size()) == max_rows) {
-        close_pass(entry);
-        open_pass(entry);
-      }
-      found.row_of_entry[static_cast<std::size_t>(entry)] =
-          row_of(table, entry, hash_of(hashes, entry));
-    }
-    const bool several_passes = static_cast<int>(found.passes.size()) > first_pass + 1;
-    if (several_passes && doc + 1 < num_docs) {
-      close_group(doc + 1);
-      open_pass(start[doc + 1]);
-    }
+    const bool go_on = doc > 0 && has_room(search, doc);
+    if (doc > 0 && !go_on) close_section(search, doc);
+    if (!go_on) open_section(search, doc);
+    add_document(search, doc, num_entries);
   }
-  if (num_docs > 0) close_group(num_docs);
-  return found;
+  if (num_docs > 0) close_section(search, num_docs);
+  return std::move(search.found);
 }
 
 int largest_pass(const DistinctRows& distinct, int first_pass, int last_pass) {
   int rows = 0;
   for (int p = first_pass; p < last_pass; ++p) {
-    const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
-    rows = std::max(rows, pass.last_row - pass.first_row);
+    rows = std::max(rows, distinct.passes[p].last_row - distinct.passes[p].first_row);
   }
   return rows;
 }
@@ -169,17 +187,15 @@ void order_rows(const int* key, DistinctRows& distinct) {
   std::vector<int> place;  // per row of a pass, its new number
   for (const RowPass& pass : distinct.passes) {
     const auto rows = distinct.entry_of_row.begin();
-    std::vector<int> entry(rows + pass.first_row, rows + pass.last_row);
-    std::sort(entry.begin(), entry.end(), [key](int a, int b) { return key[a] < key[b]; });
-    place.resize(entry.size());
-    for (std::size_t r = 0; r < entry.size(); ++r) {
-      const int old = distinct.row_of_entry[static_cast<std::size_t>(entry[r])];
-      place[static_cast<std::size_t>(old)] = static_cast<int>(r);
-    }
-    std::copy(entry.begin(), entry.end(), rows + pass.first_row);
+    std::vector<int> entries(rows + pass.first_row, rows + pass.last_row);
+    std::sort(entries.begin(), entries.end(), [key](int a, int b) { return key[a] < key[b]; });
+    place.resize(entries.size());
+    int r = 0;
+    for (const int entry : entries) place[distinct.row_of_entry[entry]] = r++;
+    std::copy(entries.begin(), entries.end(), rows + pass.first_row);
     for (int e = pass.first_entry; e < pass.last_entry; ++e) {
-      int& row = distinct.row_of_entry[static_cast<std::size_t>(e)];
-      row = place[static_cast<std::size_t>(row)];
+      int& row = distinct.row_of_entry[e];
+      row = place[row];
     }
   }
 }

@@ -2,8 +2,9 @@
 #ifndef TALVIK_LIBWMD_DISTINCT_ROWS_HPP
 #define TALVIK_LIBWMD_DISTINCT_ROWS_HPP
 
-#include <cstddef>
 #include <vector>
+
+#include "internal/index.hpp"
 
 namespace talvik::internal {
 
@@ -13,14 +14,22 @@ struct RowPass {
   int first_entry, last_entry;  ///< [first, last) of the batch's entries
 };
 
-/// Consecutive documents that share their passes: one pass for all of them, or, for a document of
-/// more rows than a pass may hold, several passes for that one document.
+/// Consecutive documents that share their passes.  Documents share one pass; a document of more
+/// rows than a pass may hold is alone and has several.
 struct BatchSection {
   int first_doc, last_doc;
   int first_pass, last_pass;
 };
 
-/// Rows stand in the order of their first appearance in their pass, or as order_rows has left them.
+/// Rows are in the order of their first appearance in their pass, or as order_rows has left them.
+/// Documents {cat dog cat} {dog emu} as one pass, and where a pass may hold two rows:
+///
+///                   one pass          two passes
+///   entry           0 1 2  3 4        0 1 2  3 4
+///   row_of_entry    0 1 0  1 2        0 1 0  0 1    (row_padding zeros follow)
+///   entry_of_row    0 1 4             0 1  3 4
+///   passes          rows [0,3)        rows [0,2) of entries [0,3), rows [2,4) of entries [3,5)
+///   sections        documents [0,2)   document 0 with pass 0, document 1 with pass 1
 struct DistinctRows {
   std::vector<int> row_of_entry;  ///< per entry, counted from its pass's first row; padded at the
                                   ///< end by row_padding zeros, so that prefetching may run ahead
@@ -36,8 +45,8 @@ inline constexpr int row_padding = 16;
 /// @param start      num_docs + 1 entry offsets
 /// @param max_rows   distinct rows that a pass may hold, at least 1
 /// @param threads    team that hashes the rows
-DistinctRows find_distinct_rows(const void* rows, std::size_t row_bytes, const int* start,
-                                int num_docs, int max_rows, int threads);
+DistinctRows find_distinct_rows(const void* rows, Index row_bytes, const int* start, int num_docs,
+                                int max_rows, int threads);
 
 /// Rows of the largest of the passes [first_pass, last_pass).
 int largest_pass(const DistinctRows& distinct, int first_pass, int last_pass);

@@ -1,8 +1,8 @@
-// CPU engine: its private copies of the data, and the exported functions over them.  The work on
-// plain pointers and counts is done in src/internal; nothing else names the state below.
+// CPU engine: its own copies of the data, and the exported functions over them.  What they compute
+// on plain pointers and counts is in src/libwmd/cpu; no other file names the state below.
 #include <algorithm>
-#include <cstddef>
-#include <new>
+#include <memory>
+#include <new>  // nothrow
 #include <string>
 #include <tuple>  // tie
 #include <utility>
@@ -23,82 +23,87 @@
 #include "talvik.hpp"
 
 namespace talvik {
-
-// A name of its own: a GPU engine exports globals of the same names.
 namespace {
-namespace host {
-
-// Resident collection.  Counts keep their values after a remove.
-int num_words = 0;
-int num_docs = 0;
-int* start = nullptr;     // owned: num_docs + 1 offsets
-int* ind = nullptr;       // owned: num_words
-float* weight = nullptr;  // owned: num_words
-// The same entries by ascending word within a document, which the sparse stage goes through block
-// of words by block of words; null where they came in that order.
-int* ascending_ind = nullptr;       // owned: num_words, or null
-float* ascending_weight = nullptr;  // owned: num_words, or null
-
-// Vocabulary.
-int voc_size = 0;
-int vec_size = 0;
-float* W = nullptr;   // owned: voc_size x vec_size
-float* RW = nullptr;  // owned: voc_size squared norms, readable up to the next whole line
-
-// Query batch, in one of its two forms.
-int num_docs2 = 0;
-int* start2 = nullptr;                  // owned: num_docs2 + 1 offsets
-float* weight2 = nullptr;               // owned: one per entry
-int* ind2 = nullptr;                    // owned: one per entry; index form
-float* X2 = nullptr;                    // owned: distinct rows x vec_size; vector form
-float* Rn2 = nullptr;                   // owned: squared norm per distinct row; vector form
-internal::DistinctRows distinct2 = {};  // which entries share a row; both forms
-
-const float* D_ground = nullptr;  // borrowed: the caller's voc_size x voc_size, never freed here
-
-}  // namespace host
 
 using internal::BlockBuffers;
 using internal::BlockRequest;
 using internal::BlockSizes;
 using internal::DistanceSource;
 using internal::elements;
+using internal::Index;
 using internal::NearestRule;
 
 template <class T>
-T* copy_of(const T* from, std::size_t count) {
-  T* copy = new T[count];
-  std::copy_n(from, count, copy);
+using Array = std::unique_ptr<T[]>;
+
+// The engine's state.  A namespace of its own, because a GPU engine exports globals of the same
+// names.
+namespace host {
+
+// Resident collection.  Counts keep their values after a remove.
+int num_words = 0;
+int num_docs = 0;
+Array<int> start;     // num_docs + 1 offsets
+Array<int> ind;       // num_words
+Array<float> weight;  // num_words
+// The same entries by ascending word within each document, as the sparse stage needs them; null
+// where they came in that order.
+Array<int> ascending_ind;
+Array<float> ascending_weight;
+
+// Vocabulary.
+int voc_size = 0;
+int vec_size = 0;
+Array<float> W;   // voc_size x vec_size
+Array<float> RW;  // voc_size squared norms, readable up to the next multiple of line_floats
+
+// Query batch, in vector form or in index form.
+int num_docs2 = 0;
+Array<int> start2;                 // num_docs2 + 1 offsets
+Array<float> weight2;              // one per entry
+Array<int> ind2;                   // one per entry; index form
+Array<float> X2;                   // distinct rows x vec_size; vector form
+Array<float> Rn2;                  // squared norm per distinct row; vector form
+internal::DistinctRows distinct2;  // which entries share a row; both forms
+
+const float* D_ground = nullptr;  // borrowed: the caller's voc_size x voc_size, never freed here
+
+}  // namespace host
+
+// Uninitialised.  A negative count raises the array-length exception of new[].
+template <class T>
+Array<T> new_array(Index count) {
+  return Array<T>(new T[count]);
+}
+
+template <class T>
+Array<T> copy_of(const T* from, Index count) {
+  Array<T> copy = new_array<T>(count);
+  std::copy_n(from, count, copy.get());
   return copy;
 }
 
-// Of a large array, by the team.
-float* copy_of_rows(const float* from, int rows, int m) {
-  float* copy = new float[elements(rows, m)];
-  internal::begin_on_large_pages(copy, elements(rows, m) * sizeof(float));
+// Copies a large matrix in parallel.
+Array<float> copy_of_rows(const float* from, int rows, int m) {
+  Array<float> copy = new_array<float>(elements(rows, m));
+  internal::begin_on_large_pages(copy.get(), elements(rows, m) * sizeof(float));
   internal::for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
-    std::copy(from + elements(first, m), from + elements(last, m), copy + elements(first, m));
+    std::copy(from + elements(first, m), from + elements(last, m), copy.get() + elements(first, m));
   });
   return copy;
 }
 
-template <class T>
-void release(T*& array) {
-  delete[] array;
-  array = nullptr;
-}
-
 bool ascends_within_documents() {
+  const int* ind = host::ind.get();
   for (int i = 0; i < host::num_docs; ++i) {
-    if (!std::is_sorted(host::ind + host::start[i], host::ind + host::start[i + 1])) return false;
+    if (!std::is_sorted(ind + host::start[i], ind + host::start[i + 1])) return false;
   }
   return true;
 }
 
 void sort_within_documents() {
-  const std::size_t n = static_cast<std::size_t>(host::num_words);
-  host::ascending_ind = new int[n];
-  host::ascending_weight = new float[n];
+  host::ascending_ind = new_array<int>(host::num_words);
+  host::ascending_weight = new_array<float>(host::num_words);
   std::vector<std::pair<int, float>> entries;
   for (int i = 0; i < host::num_docs; ++i) {
     entries.clear();
@@ -107,72 +112,85 @@ void sort_within_documents() {
     }
     std::stable_sort(entries.begin(), entries.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
-    for (std::size_t e = 0; e < entries.size(); ++e) {
-      const std::size_t p = static_cast<std::size_t>(host::start[i]) + e;
-      std::tie(host::ascending_ind[p], host::ascending_weight[p]) = entries[e];
+    Index p = host::start[i];
+    for (const auto& entry : entries) {
+      std::tie(host::ascending_ind[p], host::ascending_weight[p]) = entry;
+      ++p;
     }
   }
 }
 
 void copy_query_documents(int n2, const float* weight2, int num_docs2, const int* start2) {
   host::num_docs2 = num_docs2;
-  host::weight2 = copy_of(weight2, static_cast<std::size_t>(n2));
-  host::start2 = copy_of(start2, static_cast<std::size_t>(num_docs2) + 1);
+  host::weight2 = copy_of(weight2, n2);
+  host::start2 = copy_of(start2, Index{num_docs2} + 1);
 }
 
-internal::DistinctRows distinct_rows_of(const void* rows, std::size_t row_bytes) {
+internal::DistinctRows distinct_rows_of(const void* rows, Index row_bytes) {
   const int max_rows = internal::rows_per_pass(internal::EngineBudget{}, num_cpu_threads);
-  return internal::find_distinct_rows(rows, row_bytes, host::start2, host::num_docs2, max_rows,
-                                      num_cpu_threads);
+  return internal::find_distinct_rows(rows, row_bytes, host::start2.get(), host::num_docs2,
+                                      max_rows, num_cpu_threads);
 }
 
 int remove_query_documents() {
-  release(host::weight2);
-  release(host::start2);
+  host::weight2.reset();
+  host::start2.reset();
   host::distinct2 = {};
   return 1;
 }
 
+internal::Metric metric_in_use() {
+  return internal::chosen_metric(use_cosine, normalize_embeddings);
+}
+
 internal::Vocabulary held_vocabulary() {
-  return {host::voc_size, host::vec_size, host::W, host::RW};
+  return {.voc_size = host::voc_size,
+          .vec_size = host::vec_size,
+          .rows = host::W.get(),
+          .norms = host::RW.get()};
 }
 
 internal::QueryBatch held_batch() {
-  return {host::num_docs2,  host::start2, host::weight2, host::ind2,
-          &host::distinct2, host::X2,     host::Rn2};
+  return {.num_docs = host::num_docs2,
+          .start = host::start2.get(),
+          .weight = host::weight2.get(),
+          .ind = host::ind2.get(),
+          .distinct = &host::distinct2,
+          .rows = host::X2.get(),
+          .row_norms = host::Rn2.get()};
 }
 
 internal::CsrCollection held_collection() {
   const bool sorted = host::ascending_ind != nullptr;
-  return {host::num_docs, host::start, sorted ? host::ascending_ind : host::ind,
-          sorted ? host::ascending_weight : host::weight};
+  return {.num_docs = host::num_docs,
+          .start = host::start.get(),
+          .ind = sorted ? host::ascending_ind.get() : host::ind.get(),
+          .weight = sorted ? host::ascending_weight.get() : host::weight.get()};
 }
 
 BlockRequest request_of(DistanceSource source, int steps, NearestRule rule) {
-  return {source,
-          internal::chosen_metric(use_cosine, normalize_embeddings),
-          host::D_ground,
-          steps,
-          rule,
-          num_cpu_threads,
-          internal::EngineBudget{}};
+  return {.source = source,
+          .metric = metric_in_use(),
+          .ground = host::D_ground,
+          .steps = steps,
+          .rule = rule,
+          .threads = num_cpu_threads,
+          .budget = {}};
 }
 
-// A working array, untouched: pages that no tile uses are never there.  It starts at a cache line,
-// so that no vector of it lies across two.
-struct Buffer {
-  static constexpr std::align_val_t line{internal::line_bytes};
-  float* floats = nullptr;
-  Buffer(long long asked, long long needed, const std::string& message)
-      : floats(static_cast<float*>(
-            ::operator new[](static_cast<std::size_t>(std::max(asked, needed)) * sizeof(float),
-                             line, std::nothrow))) {
-    if (!floats) internal::fail(message);
-    internal::begin_on_large_pages(floats, static_cast<std::size_t>(needed) * sizeof(float));
+// Uninitialised, line-aligned scratch; untouched pages are never committed.  It is asked for at the
+// size that the failure message states, and used up to the size that the computation needs.
+class Buffer {
+ public:
+  Buffer(Index asked, Index needed, const std::string& message)
+      : storage_(new (std::nothrow) float[std::max(asked, needed) + internal::line_floats]) {
+    if (!storage_) internal::fail("Failed to allocate memory for " + message);
+    internal::begin_on_large_pages(floats(), needed * sizeof(float));
   }
-  ~Buffer() { ::operator delete[](floats, line); }
-  Buffer(const Buffer&) = delete;
-  Buffer& operator=(const Buffer&) = delete;
+  [[nodiscard]] float* floats() const { return internal::line_start(storage_.get()); }
+
+ private:
+  Array<float> storage_;
 };
 
 }  // namespace
@@ -183,19 +201,21 @@ int copy_raw_data_cpu(int n, int* ind, float* weight, int num_docs_, int* start)
   remove_raw_data_cpu();
   host::num_words = n;
   host::num_docs = num_docs_;
-  host::ind = copy_of(ind, static_cast<std::size_t>(n));
-  host::weight = copy_of(weight, static_cast<std::size_t>(n));
-  host::start = copy_of(start, static_cast<std::size_t>(num_docs_) + 1);
+  host::ind = copy_of(ind, n);
+  host::weight = copy_of(weight, n);
+  host::start = copy_of(start, Index{num_docs_} + 1);
+  host::ascending_ind.reset();
+  host::ascending_weight.reset();
   if (!ascends_within_documents()) sort_within_documents();
   return 1;
 }
 
 int remove_raw_data_cpu() {
-  release(host::ind);
-  release(host::weight);
-  release(host::start);
-  release(host::ascending_ind);
-  release(host::ascending_weight);
+  host::ind.reset();
+  host::weight.reset();
+  host::start.reset();
+  host::ascending_ind.reset();
+  host::ascending_weight.reset();
   return 1;
 }
 
@@ -204,28 +224,29 @@ int copy_vocabulary_cpu(int v_size, int m, float* W) {
   host::voc_size = v_size;
   host::vec_size = m;
   host::W = copy_of_rows(W, v_size, m);
-  host::RW = new float[static_cast<std::size_t>(internal::round_up(v_size, internal::line_floats))];
-  internal::norm_and_normalise(host::W, v_size, m, host::RW, normalize_embeddings, num_cpu_threads);
+  host::RW = new_array<float>(internal::round_up(v_size, internal::line_floats));
+  internal::norm_and_normalise(host::W.get(), v_size, m, host::RW.get(), normalize_embeddings,
+                               num_cpu_threads);
   return 1;
 }
 
 int remove_vocabulary_cpu() {
-  release(host::W);
-  release(host::RW);
+  host::W.reset();
+  host::RW.reset();
   return 1;
 }
 
 int copy_raw_data2_cpu(int n2, int* ind2, float* weight2, int num_docs2_, int* start2_) {
   remove_raw_data2_cpu();
   copy_query_documents(n2, weight2, num_docs2_, start2_);
-  host::ind2 = copy_of(ind2, static_cast<std::size_t>(n2));
-  host::distinct2 = distinct_rows_of(host::ind2, sizeof(int));
-  internal::order_rows(host::ind2, host::distinct2);
+  host::ind2 = copy_of(ind2, n2);
+  host::distinct2 = distinct_rows_of(host::ind2.get(), sizeof(int));
+  internal::order_rows(host::ind2.get(), host::distinct2);
   return 1;
 }
 
 int remove_raw_data2_cpu() {
-  release(host::ind2);
+  host::ind2.reset();
   return remove_query_documents();
 }
 
@@ -235,21 +256,21 @@ int copy_vectors2_cpu(int n2, int m, float* X2, float* weight2, int num_docs2_, 
   host::distinct2 = distinct_rows_of(X2, elements(m, sizeof(float)));
   const std::vector<int>& entry_of_row = host::distinct2.entry_of_row;
   const int rows = static_cast<int>(entry_of_row.size());
-  host::X2 = new float[elements(rows, m)];
-  host::Rn2 = new float[entry_of_row.size()];
+  host::X2 = new_array<float>(elements(rows, m));
+  host::Rn2 = new_array<float>(rows);
   internal::for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
     for (int r = first; r < last; ++r) {
-      const float* row = X2 + elements(entry_of_row[static_cast<std::size_t>(r)], m);
-      std::copy_n(row, m, host::X2 + elements(r, m));
+      std::copy_n(X2 + elements(entry_of_row[r], m), m, host::X2.get() + elements(r, m));
     }
   });
-  internal::norm_and_normalise(host::X2, rows, m, host::Rn2, normalize_embeddings, num_cpu_threads);
+  internal::norm_and_normalise(host::X2.get(), rows, m, host::Rn2.get(), normalize_embeddings,
+                               num_cpu_threads);
   return 1;
 }
 
 int remove_vectors2_cpu() {
-  release(host::X2);
-  release(host::Rn2);
+  host::X2.reset();
+  host::Rn2.reset();
   return remove_query_documents();
 }
 
@@ -265,11 +286,9 @@ int remove_ground_distances_cpu() {
 }
 
 int compute_ground_distances_cpu(float* D_ground) {
-  const std::size_t pairs = elements(host::voc_size, host::voc_size);
+  const Index pairs = elements(host::voc_size, host::voc_size);
   internal::advise_large_pages(D_ground, pairs * sizeof(float));
-  internal::compute_ground_matrix(held_vocabulary(),
-                                  internal::chosen_metric(use_cosine, normalize_embeddings),
-                                  num_cpu_threads, D_ground);
+  internal::compute_ground_matrix(held_vocabulary(), metric_in_use(), num_cpu_threads, D_ground);
   return 1;
 }
 
@@ -280,25 +299,21 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
   const BlockRequest request = request_of(source, capacity_step ? 1 : 0, NearestRule::as_asked);
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
 
-  // The whole block's and tables' sizes are asked for, though the tiles use only the front.
-  const long long n2 = host::start2[host::num_docs2];
-  const long long block = n2 * internal::words_per_distance_block(host::voc_size, n2);
-  const long long table = 1ll * host::voc_size * host::num_docs2;
-  const std::string table_bytes = std::to_string(static_cast<unsigned long>(table) * sizeof(float));
-  const auto text = [](const char* name, const std::string& size) {
-    return std::string("Failed to allocate memory for ") + name + size;
-  };
-  const Buffer Y(block, needed.panels, text("Y: ", std::to_string(block)));
-  const Buffer minval2t(capacity_step ? table : 0, capacity_step ? needed.table : 0,
-                        text("minval2t, size: ", table_bytes));
-  const Buffer minweight2(capacity_step ? table : 0, capacity_step ? needed.table : 0,
-                          text("minweight2, size: ", table_bytes));
-  const Buffer minval2(table, needed.table, text("minval2: ", std::to_string(table)));
+  const Index n2 = host::start2[host::num_docs2];
+  const Index products = n2 * internal::words_of_y(host::voc_size, n2);
+  const Index table = elements(host::voc_size, host::num_docs2);
+  const Index step_table = capacity_step ? table : 0;
+  const Index step_needed = capacity_step ? needed.table : 0;
+  const std::string table_bytes = std::to_string(table * sizeof(float));
+  const Buffer Y(products, needed.panels, "Y: " + std::to_string(products));
+  const Buffer minval2t(step_table, step_needed, "minval2t, size: " + table_bytes);
+  const Buffer minweight2(step_table, step_needed, "minweight2, size: " + table_bytes);
+  const Buffer minval2(table, needed.table, "minval2: " + std::to_string(table));
 
-  BlockBuffers buffers{Y.floats, {minval2.floats}, {}};
+  BlockBuffers buffers{.panels = Y.floats(), .distance = {minval2.floats()}, .capacity = {}};
   if (capacity_step) {
-    buffers.distance.push_back(minval2t.floats);
-    buffers.capacity.push_back(minweight2.floats);
+    buffers.distance.push_back(minval2t.floats());
+    buffers.capacity.push_back(minweight2.floats());
   }
   internal::compute_distance_block(held_vocabulary(), held_collection(), held_batch(), request,
                                    buffers, Z);
@@ -312,17 +327,15 @@ int ed_min_vocab_cpu_multi(float* Z, int delta_iterations, bool precompute) {
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
   const int nearest = internal::nearest_of_batch(held_batch(), request.steps, request.rule);
 
-  const Buffer Y(
-      internal::multi_distance_block_floats, needed.panels,
-      "Failed to allocate memory for Y: " + std::to_string(internal::multi_distance_block_floats));
-  const Buffer Y_k(0, nearest * needed.table, "Failed to allocate memory for Y_k");
-  const Buffer weights_min_k(0, (nearest - 1) * needed.table,
-                             "Failed to allocate memory for weights_min_k");
+  const Buffer Y(internal::multi_y_floats, needed.panels,
+                 "Y: " + std::to_string(internal::multi_y_floats));
+  const Buffer Y_k(0, nearest * needed.table, "Y_k");
+  const Buffer weights_min_k(0, (nearest - 1) * needed.table, "weights_min_k");
 
-  BlockBuffers buffers{Y.floats, {}, {}};
-  for (int t = 0; t < nearest; ++t) buffers.distance.push_back(Y_k.floats + t * needed.table);
+  BlockBuffers buffers{.panels = Y.floats(), .distance = {}, .capacity = {}};
+  for (int t = 0; t < nearest; ++t) buffers.distance.push_back(Y_k.floats() + t * needed.table);
   for (int t = 0; t + 1 < nearest; ++t) {
-    buffers.capacity.push_back(weights_min_k.floats + t * needed.table);
+    buffers.capacity.push_back(weights_min_k.floats() + t * needed.table);
   }
   internal::compute_distance_block(held_vocabulary(), held_collection(), held_batch(), request,
                                    buffers, Z);
@@ -337,8 +350,8 @@ int sort_cpu(int rows, int cols, float* data, int k, int* ind_out, float* val_ou
     for (int r = first; r < last; ++r) {
       internal::select_smallest(data + elements(r, cols), cols, k, smallest);
       for (int j = 0; j < k; ++j) {
-        const std::size_t at = elements(r, k) + static_cast<std::size_t>(j);
-        std::tie(val_out[at], ind_out[at]) = smallest[static_cast<std::size_t>(j)];
+        const Index at = elements(r, k) + j;
+        std::tie(val_out[at], ind_out[at]) = smallest[j];
       }
     }
   });
@@ -348,18 +361,16 @@ int sort_cpu(int rows, int cols, float* data, int k, int* ind_out, float* val_ou
 int topk_single(int k, int rows, int cols, float* values, float* values_k, float* weights,
                 float* weights_k) {
   internal::for_each_share(num_cpu_threads, cols, [&](int first, int last, int) {
-    std::vector<float> column(static_cast<std::size_t>(rows));
+    std::vector<float> column(rows);
     std::vector<internal::Candidate> smallest;
     for (int c = first; c < last; ++c) {
-      for (int r = 0; r < rows; ++r) {
-        column[static_cast<std::size_t>(r)] = values[elements(r, cols) + c];
-      }
+      for (int r = 0; r < rows; ++r) column[r] = values[elements(r, cols) + c];
       internal::select_smallest(column.data(), rows, k, smallest);
       for (int t = 0; t < k; ++t) {
-        const std::size_t at = elements(t, cols) + static_cast<std::size_t>(c);
-        const internal::Candidate& taken = smallest[static_cast<std::size_t>(t)];
-        values_k[at] = taken.first;
-        weights_k[at] = weights[taken.second];
+        const Index at = elements(t, cols) + c;
+        const auto& [value, row] = smallest[t];
+        values_k[at] = value;
+        weights_k[at] = weights[row];
       }
     }
   });

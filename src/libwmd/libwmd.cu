@@ -3,6 +3,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>  // exchange
 #include <vector>
 
 #include "internal/failure.hpp"
@@ -44,20 +45,22 @@ namespace {
 // Per query entry of a batch in vector form, the number of its row among the distinct ones.
 std::vector<int> row_ids2;
 
+using internal::DenseLibrary;
+using internal::DeviceArray;
 using internal::elements;
 using internal::upload;
 
 // The squared norms of rows as they came; normalises the rows in place if that is set.
 std::unique_ptr<float[]> prepare_rows(float* rows, int num_rows, int m) {
-  auto norms = std::make_unique_for_overwrite<float[]>(static_cast<std::size_t>(num_rows));
+  auto norms = std::make_unique_for_overwrite<float[]>(num_rows);
   internal::norm_and_normalise(rows, num_rows, m, norms.get(), normalize_embeddings,
                                num_cpu_threads);
   return norms;
 }
 
 // Null under normalisation, where no formula reads norms.
-float* upload_norms(const float* norms, int count, const char* name) {
-  return normalize_embeddings ? nullptr : upload(norms, static_cast<std::size_t>(count), name);
+DeviceArray<float> upload_norms(const float* norms, int count, const char* name) {
+  return normalize_embeddings ? nullptr : upload(norms, count, name);
 }
 
 std::vector<int> number_rows(const float* rows, int m, const int* start, int count) {
@@ -67,13 +70,13 @@ std::vector<int> number_rows(const float* rows, int m, const int* start, int cou
       .row_of_entry;
 }
 
-void allocate_ground_distances() {
+DeviceArray<float> allocate_ground_distances() {
   const std::size_t bytes = elements(voc_size, voc_size) * sizeof(float);
   void* matrix = nullptr;
   if (bytes > 0 && cudaMalloc(&matrix, bytes) != cudaSuccess) {
     internal::fail("Failed to allocate GPU memory for D_ground_dev");
   }
-  D_ground_dev = static_cast<float*>(matrix);
+  return DeviceArray<float>(static_cast<float*>(matrix));
 }
 
 }  // namespace
@@ -101,8 +104,8 @@ int set_device_id(int device_id) {
 int copy_vocabulary(int device_id, int v_size, int m, float* W) {
   set_device_id(device_id);
   const auto RW = prepare_rows(W, v_size, m);
-  W_dev = upload(W, elements(v_size, m), "W");
-  RW_dev = upload_norms(RW.get(), v_size, "RW");
+  W_dev = upload(W, elements(v_size, m), "W").release();
+  RW_dev = upload_norms(RW.get(), v_size, "RW").release();
   vec_size = m;
   voc_size = v_size;
   return 1;
@@ -116,9 +119,9 @@ int remove_vocabulary() {
 
 int copy_raw_data(int n, int* ind, float* weight, int num_docs_, int* start) {
   num_docs = num_docs_;
-  ind_dev = upload(ind, static_cast<std::size_t>(n), "ind");
-  weight_dev = upload(weight, static_cast<std::size_t>(n), "weight");
-  start_dev = upload(start, static_cast<std::size_t>(num_docs_) + 1, "start");
+  ind_dev = upload(ind, n, "ind").release();
+  weight_dev = upload(weight, n, "weight").release();
+  start_dev = upload(start, elements(1, num_docs_) + 1, "start").release();
   num_vecs = n;
   return 1;
 }
@@ -132,8 +135,8 @@ int remove_raw_data() {
 
 int copy_raw_data2(int n2, int* ind2, float* weight2, int num_docs2_, int* start2_) {
   num_docs2 = num_docs2_;
-  ind2_dev = upload(ind2, static_cast<std::size_t>(n2), "ind2");
-  weight2_dev = upload(weight2, static_cast<std::size_t>(n2), "weight2");
+  ind2_dev = upload(ind2, n2, "ind2").release();
+  weight2_dev = upload(weight2, n2, "weight2").release();
   num_vecs2 = n2;
   start2 = start2_;
   return 1;
@@ -145,13 +148,14 @@ int remove_raw_data2() {
   return 1;
 }
 
+// Host memory that cannot be had throws; it is all asked for before the state changes.
 int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
   const auto Rn2 = prepare_rows(X2, n2, m);
-  num_docs2 = num_docs2_;
-  X2_dev = upload(X2, elements(n2, m), "X2");
-  weight2_dev = upload(weight2, static_cast<std::size_t>(n2), "weight2");
-  Rn2_dev = upload_norms(Rn2.get(), n2, "Rn2");
   row_ids2 = number_rows(X2, m, start2_, num_docs2_);
+  num_docs2 = num_docs2_;
+  X2_dev = upload(X2, elements(n2, m), "X2").release();
+  weight2_dev = upload(weight2, n2, "weight2").release();
+  Rn2_dev = upload_norms(Rn2.get(), n2, "Rn2").release();
   num_vecs2 = n2;
   start2 = start2_;
   return 1;
@@ -168,33 +172,31 @@ int remove_vectors2() {
 int copy_ground_distances(int voc_size_, float* D_ground) {
   voc_size = voc_size_;
   if (D_ground_dev) return 1;
-  allocate_ground_distances();
+  D_ground_dev = allocate_ground_distances().release();
   cudaMemcpy(D_ground_dev, D_ground, elements(voc_size, voc_size) * sizeof(float),
              cudaMemcpyHostToDevice);
   return 1;
 }
 
 int remove_ground_distances() {
-  internal::free_on_device(D_ground_dev, "D_ground_dev");
-  D_ground_dev = nullptr;
+  internal::free_on_device(DeviceArray<float>(std::exchange(D_ground_dev, nullptr)),
+                           "D_ground_dev");
   return 1;
 }
 
 int compute_ground_distances(float* D_ground) {
   if (voc_size <= 0) return 1;
   internal::forget_earlier_errors();
-  cublasHandle_t handle_blas{};
-  cublasCreate_v2(&handle_blas);
-  allocate_ground_distances();
-  internal::dense_product(handle_blas, voc_size, voc_size, vec_size, W_dev, W_dev, D_ground_dev);
-  internal::convert_to_distances(voc_size, voc_size, D_ground_dev, RW_dev, RW_dev);
+  const DenseLibrary dense;
+  DeviceArray<float> matrix = allocate_ground_distances();
+  const internal::DeviceRows words{voc_size, W_dev, RW_dev};
+  internal::compute_word_distances(dense, words, words, matrix.get());
   if (D_ground) {
-    cudaMemcpy(D_ground, D_ground_dev, elements(voc_size, voc_size) * sizeof(float),
+    cudaMemcpy(D_ground, matrix.get(), elements(voc_size, voc_size) * sizeof(float),
                cudaMemcpyDeviceToHost);
   }
   internal::require_launched();
-  remove_ground_distances();
-  cublasDestroy_v2(handle_blas);
+  internal::free_on_device(std::move(matrix), "D_ground_dev");
   return 1;
 }
 

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-// What device code may call, too.
+// Marks functions that device code may call, too.
 #ifdef __CUDACC__
 #define TALVIK_BOTH __host__ __device__
 #else
@@ -14,18 +14,18 @@
 namespace talvik::internal {
 
 enum class Metric {
-  euclidean,       ///< of the rows as given: sqrt(|a.a + b.b - 2 a.b|)
-  unit_euclidean,  ///< of rows of unit length: sqrt(|2 - 2 a.b|)
+  euclidean,       ///< sqrt(|a.a + b.b - 2 a.b|) of the rows as given
+  unit_euclidean,  ///< sqrt(|2 - 2 a.b|) of rows of unit length
   cosine           ///< 1 - a.b
 };
 
-/// Cosine is asked for first, so it wins over normalisation.
+/// Cosine wins over normalisation.
 constexpr Metric chosen_metric(bool use_cosine, bool normalize_embeddings) {
   if (use_cosine) return Metric::cosine;
   return normalize_embeddings ? Metric::unit_euclidean : Metric::euclidean;
 }
 
-/// Calls f.operator()<metric>(), so that the choice is made once, outside the loops.
+/// Calls f.operator()<metric>(): the formula is chosen once, outside the loops.
 template <class F>
 void with_metric(Metric metric, const F& f) {
   switch (metric) {
@@ -47,15 +47,15 @@ TALVIK_BOTH inline float word_distance(float dot, float norm_a, float norm_b) {
   return std::sqrt(std::fabs((-2 * dot + norm_a) + norm_b));
 }
 
-// What the engine compares instead of distances: of one vocabulary word, the distances to several
-// query words are ordered as their scores, so that only the nearest ones need a square root.
+// The CPU engine compares scores instead of distances.  For one vocabulary word, the scores of
+// query words are ordered as their distances, so that only the nearest ones need a square root.
 //   euclidean       score = query norm - 2 dot    distance = sqrt(|score + vocabulary norm|)
 //   unit_euclidean  score = -2 dot                distance = sqrt(|2 + score|)
 //   cosine          score = -2 dot                distance = 1 + score / 2
-// A score of a ground distance is the distance itself.
+// The score of a ground distance is the distance itself.
 inline constexpr float score_per_dot = -2;
 
-/// What no word has been found for costs per unit of weight.
+/// The cost per unit of weight for which there is no query word.
 inline constexpr float far_away = 1e30f;
 
 }  // namespace talvik::internal

@@ -4,45 +4,25 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "internal/normalise.hpp"
-#include "parse/tokens.hpp"
+#include "internal/index.hpp"
+#include "parse/text_document.hpp"
 #include "talvik.hpp"
 
 namespace talvik {
 namespace {
 
-constexpr int unit_sum = 1;  // the norm_type of weights that sum to 1
-
 struct CloseDirectory {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 
-/// How often each word of voc above skip_index occurs in a text.
-std::map<int, float> count_words(std::string_view text, const VocabularyMap& voc, int skip_index) {
-  std::map<int, float> counts;
-  std::string word;  // the map's keys are strings; one buffer serves all tokens
-  internal::for_each_token(text, [&](std::string_view token) {
-    word = internal::clean_token(token);
-    const auto known = voc.find(word);
-    if (known != voc.end() && known->second > skip_index) counts[known->second] += 1.0f;
-  });
-  return counts;
-}
-
-/// The document's weights as measured by norm_type become 1.
-void normalise(Document& doc, int norm_type) {
-  const double measure =
-      norm_type == unit_sum ? internal::sum_of(doc) : internal::euclidean_length(doc);
-  internal::rescale(doc, 1.0, measure);
-}
-
-/// Numbers the distinct directory strings 0, 1, 2, ... in the order in which they appear.
+/// The distinct directory strings, numbered 0, 1, 2, ... in the order in which they appear.
 std::map<std::string, unsigned long> number_directories(const std::vector<std::string>& dirs) {
   std::map<std::string, unsigned long> classes;
   for (const std::string& dir : dirs) classes.try_emplace(dir, classes.size());
@@ -64,7 +44,9 @@ bool get_docs_20(std::string dir, std::vector<std::string>& files, std::vector<s
       files.push_back(name);
       dirs.push_back(dir);
     } else if (entry->d_type == DT_DIR && name != "." && name != "..") {
-      get_docs_20(dir + "/" + name + "/", files, dirs);
+      std::string below = dir;
+      below.append("/").append(name).append("/");
+      get_docs_20(below, files, dirs);
     }
   }
   return true;
@@ -72,17 +54,13 @@ bool get_docs_20(std::string dir, std::vector<std::string>& files, std::vector<s
 
 int parse_single_doc(std::string text, VocabularyMap& voc, Document& doc, int max_words,
                      int skip_index, int norm_type) {
-  const std::map<int, float> counts = count_words(text, voc, skip_index);
-  Document entries(counts.begin(), counts.end());
-  const auto limit = static_cast<size_t>(std::max(max_words, 0));
-  if (entries.size() > limit) {
-    // Stable: of words with equal counts the lower index stays in front.
-    std::stable_sort(entries.begin(), entries.end(), isGreater);
-    entries.resize(limit);
-  }
-  doc.insert(doc.end(), entries.begin(), entries.end());
-  normalise(doc, norm_type);
-  return static_cast<int>(entries.size());
+  std::string key;  // the map is asked for strings; one buffer serves all words
+  const auto find = [&](std::string_view word) {
+    key = word;
+    const auto known = voc.find(key);
+    return known == voc.end() ? std::nullopt : std::optional(known->second);
+  };
+  return internal::append_text(text, find, {max_words, skip_index, norm_type}, doc);
 }
 
 int parse_docs_20(const char* dir, int max_words, int skip_index, DocumentSet& docs, LabelList& ids,
@@ -93,13 +71,15 @@ int parse_docs_20(const char* dir, int max_words, int skip_index, DocumentSet& d
   std::vector<std::string> files, dirs;
   if (!get_docs_20(dir, files, dirs)) return 0;
 
-  std::vector<size_t> read;  // the files that became documents
-  for (size_t i = 0; i < files.size(); ++i) {
+  constexpr int unit_sum = 1;  // weights sum to 1
+  internal::WordLookup words{voc};
+  const auto find = [&](std::string_view word) { return internal::find_word(words, word); };
+  std::vector<internal::Index> read;  // the files that became documents
+  for (internal::Index i = 0; i < std::ssize(files); ++i) {
     std::string text;
     if (ReadFileIntoString((dirs[i] + files[i]).c_str(), text, false) < 1) continue;
     Document doc;
-    const int entries =
-        parse_single_doc(std::move(text), voc, doc, max_words, skip_index, unit_sum);
+    const int entries = internal::append_text(text, find, {max_words, skip_index, unit_sum}, doc);
     if (entries == 0) continue;
     ++num_docs;
     num_words += entries;
@@ -107,9 +87,9 @@ int parse_docs_20(const char* dir, int max_words, int skip_index, DocumentSet& d
     read.push_back(i);
   }
 
-  // A directory whose files were all left out has its number all the same.
+  // Directories whose files are all left out are numbered, too.
   const std::map<std::string, unsigned long> classes = number_directories(dirs);
-  for (const size_t i : read) {
+  for (const internal::Index i : read) {
     labels.push_back(classes.at(dirs[i]));
     ids.push_back(std::stoull(files[i]));
   }

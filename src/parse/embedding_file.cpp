@@ -16,12 +16,12 @@ struct Integer {
   long long value;
 };
 
-// The integer at `at`, after optional white space and a sign; `at` moves behind its last digit.
+// Reads the integer at `at`, after optional white space and a sign, and moves `at` behind it.
 Integer read_integer(std::string_view file, Index& at) {
   constexpr std::string_view white_space = " \t\n\v\f\r";
   const size_t begin = file.find_first_not_of(white_space, at);
   if (begin == std::string_view::npos) return {HeaderFault::no_integers, 0};
-  const bool plus = file[begin] == '+';  // which from_chars does not take
+  const bool plus = file[begin] == '+';  // from_chars takes no plus sign
   const char* const first = file.data() + begin + (plus ? 1 : 0);
   const char* const last = file.data() + file.size();
   const bool minus = first != last && *first == '-';

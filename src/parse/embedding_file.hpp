@@ -1,6 +1,6 @@
-// The format of embedding files: two integers, records and floats per vector; then per record an
-// optional newline, the word, a space and the vector as little-endian floats.  Functions of bytes,
-// which print nothing: whoever walks a file words its faults.
+// The format of embedding files: the numbers of records and of floats per vector, in decimal
+// digits; then per record an optional newline, the word, a space and the vector as little-endian
+// floats. Functions of bytes, which print nothing: their callers word the faults.
 #ifndef TALVIK_PARSE_EMBEDDING_FILE_HPP
 #define TALVIK_PARSE_EMBEDDING_FILE_HPP
 
@@ -21,14 +21,15 @@ enum class HeaderFault {
 struct EmbeddingHeader {
   HeaderFault fault = HeaderFault::none;
   long long num_records = 0;  ///< as written; beyond 64 bits, the nearest number that fits
-  long long vec_size = 0;     ///< likewise
+  long long vec_size = 0;     ///< floats per vector, written the same way
   Index end = 0;              ///< where the first record begins
 };
 
 EmbeddingHeader read_embedding_header(std::string_view file);
 
-/// Whether num_bytes behind the header hold the announced records, even of words without a letter.
-/// Positive counts only.
+/// Whether num_bytes behind the header can hold the announced records: at least a space and a
+/// vector each.
+/// @pre both counts are positive
 constexpr bool records_fit(const EmbeddingHeader& header, Index num_bytes) {
   // Divided, not multiplied: the counts come from the file, and their product may not fit.
   return header.vec_size <= num_bytes / float_bytes &&
@@ -41,16 +42,17 @@ struct EmbeddingRecord {
   std::string_view vector;  ///< vec_size floats, at any alignment
 };
 
-/// The record at `at`, which moves behind it; false if the file ends first.
+/// Reads the record at `at` and moves `at` behind it.
+/// @return false if the file ends within the record
 bool next_embedding_record(std::string_view file, const EmbeddingHeader& header, Index& at,
                            EmbeddingRecord& record);
 
 struct WalkedRecords {
-  long long count;  ///< less than announced: the file ends within record count + 1
-  Index end;        ///< behind the last one
+  long long count;  ///< if below the announced number, the file ends within record count + 1
+  Index end;        ///< the offset behind the last record
 };
 
-/// Calls visit(record) for the announced records in file order, as far as the file holds them.
+/// Calls visit(record) for the announced records that the file holds, in file order.
 /// @pre header.fault is none
 template <class Visit>
 WalkedRecords walk_embedding_records(std::string_view file, const EmbeddingHeader& header,

@@ -1,5 +1,4 @@
 // Readers of embedding files and of vocabulary files.
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -8,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "internal/failure.hpp"
 #include "parse/embedding_file.hpp"
 #include "parse/tokens.hpp"
 #include "talvik.hpp"
@@ -21,29 +21,27 @@ void report_bad_file(const char* path, const std::string& fault) {
   std::cout << "Failed to read the embedding file " << path << ": " << fault << std::endl;
 }
 
-/// An uninitialised matrix: until a row is written, it takes no memory.  If it cannot be had, the
-/// process ends.
+/// The matrix that the header announces, uninitialised: a row takes no memory until it is written.
+/// A failed allocation ends the process.
 std::unique_ptr<float[]> allocate_vectors(const internal::EmbeddingHeader& header) {
   long long floats = 0;
   if (__builtin_mul_overflow(header.num_records, header.vec_size, &floats)) {
     throw std::bad_array_new_length();
   }
   std::unique_ptr<float[]> vectors(new (std::nothrow) float[floats]);
-  if (!vectors) {
-    std::cout << "Failed to load the embedding vectors into a memory buffer (size: " << floats
-              << " floats)" << std::endl;
-    std::exit(no_memory_status);
-  }
-  return vectors;
+  if (vectors) return vectors;
+  internal::fail("Failed to load the embedding vectors into a memory buffer (size: " +
+                     std::to_string(floats) + " floats)",
+                 no_memory_status);
 }
 
-/// Does nothing if the file cannot be created: the vectors are what the caller came for.
+/// A file that cannot be created is no failure: the caller still gets the vectors.
 void write_words(const std::vector<std::string_view>& words, const char* vocabulary_file) {
   std::ofstream file(vocabulary_file, std::ios::trunc);
   for (const std::string_view word : words) file << word << '\n';
 }
 
-/// A word that voc lacks gets the map's size as its index.
+/// Gives a new word the map's size as its index.
 void add_word(std::string_view word, VocabularyMap& voc) {
   voc.try_emplace(std::string(word), static_cast<int>(voc.size()));
 }

@@ -1,5 +1,4 @@
-// Helpers that the dataset readers share: whole-file reads, weights that sum to a given value,
-// byte order.
+// Whole-file reads, weights that sum to a given value, and byte order: the readers' common ground.
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -27,7 +26,8 @@ long long open_at_end(const char* path, bool binary, std::ifstream& file) {
   return size;
 }
 
-/// Reads the first size bytes; false if there are fewer.
+/// Reads the first size bytes.
+/// @return false if there are fewer
 bool read_from_start(std::ifstream& file, char* bytes, long long size) {
   file.seekg(0);
   return static_cast<bool>(file.read(bytes, size));
@@ -39,9 +39,9 @@ long long ReadFileIntoBuffer(const char* path, char** buffer, bool binary) {
   std::ifstream file;
   const long long size = open_at_end(path, binary, file);
   if (size < 1) return size;
-  std::unique_ptr<char[]> bytes(new char[static_cast<size_t>(size) + 1]);
+  auto bytes = std::make_unique_for_overwrite<char[]>(size + 1);
   if (!read_from_start(file, bytes.get(), size)) return 0;
-  bytes[static_cast<size_t>(size)] = 0;
+  bytes[size] = 0;
   *buffer = bytes.release();
   return size;
 }
@@ -50,7 +50,7 @@ long long ReadFileIntoString(const char* path, std::string& text, bool binary) {
   std::ifstream file;
   const long long size = open_at_end(path, binary, file);
   if (size < 1) return size;
-  std::string content(static_cast<size_t>(size), '\0');
+  std::string content(size, '\0');
   if (!read_from_start(file, content.data(), size)) return 0;
   text = std::move(content);
   return size;

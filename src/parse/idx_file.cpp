@@ -6,7 +6,7 @@ namespace {
 
 constexpr Index word_bytes = sizeof(std::uint32_t);
 
-/// The big-endian word number `index` of a file.
+/// The big-endian 32-bit word at position `index` of a file's words.
 std::uint32_t word_at(std::string_view file, Index index) {
   std::uint32_t word = 0;
   for (const char c : file.substr(index * word_bytes, word_bytes)) {

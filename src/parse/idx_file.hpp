@@ -14,7 +14,7 @@ inline constexpr std::uint32_t idx_image_magic = 0x803;
 inline constexpr std::uint32_t idx_label_magic = 0x801;
 inline constexpr Index idx_image_header_bytes = 16;  // magic, images, rows, columns
 inline constexpr Index idx_label_header_bytes = 8;   // magic, labels
-inline constexpr int image_side = 28;                // the only size that is read
+inline constexpr int image_side = 28;                // images of another size are refused
 inline constexpr int image_pixels = image_side * image_side;
 
 enum class IdxFault {
@@ -25,12 +25,12 @@ enum class IdxFault {
 };
 
 struct IdxFile {
-  IdxFault fault = IdxFault::none;  ///< the first of them
-  std::uint32_t magic = 0;          ///< for the caller to judge
+  IdxFault fault = IdxFault::none;  ///< the first fault found
+  std::uint32_t magic = 0;          ///< not checked here
   std::uint32_t count = 0;          ///< images or labels announced
-  std::uint32_t rows = 0;           ///< of an image
-  std::uint32_t columns = 0;
-  std::string_view items;  ///< what follows the header; may be more than announced
+  std::uint32_t rows = 0;           ///< rows of an image
+  std::uint32_t columns = 0;        ///< columns of an image
+  std::string_view items;           ///< the bytes behind the header, perhaps more than announced
 };
 
 IdxFile read_idx_images(std::string_view file);

@@ -17,7 +17,7 @@ constexpr int position_floats = 2;  // a pixel's embedding is its row and column
 
 struct FileBytes {
   std::unique_ptr<char[]> bytes;
-  std::string_view view;  // empty if the file could not be read
+  std::string_view view;  ///< empty if the file could not be read
 };
 
 FileBytes read_file(const char* path) {
@@ -26,14 +26,14 @@ FileBytes read_file(const char* path) {
   return {std::unique_ptr<char[]>(buffer), std::string_view(buffer, std::max(size, 0LL))};
 }
 
-/// Says that a file is not what the reader takes.
+/// Whether a file is in order; if not, a line says so.
 bool verified(const internal::IdxFile& idx) {
   const bool fits = idx.fault == internal::IdxFault::none;
   if (!fits) std::cout << "Verification failed!!!" << std::endl;
   return fits;
 }
 
-/// The non-zero pixels of one image, weights unscaled.
+/// The non-zero pixels of one image, weighted by their intensity.
 Document image_document(std::string_view pixels) {
   Document doc;
   for (unsigned p = 0; p < pixels.size(); ++p) {
@@ -43,12 +43,16 @@ Document image_document(std::string_view pixels) {
   return doc;
 }
 
-/// Word row * image_side + column at (row, column).
+/// The embedding of every pixel, row after row: its place in the image.
 std::unique_ptr<float[]> pixel_positions() {
-  std::unique_ptr<float[]> positions(new float[position_floats * image_pixels]);
-  for (int p = 0; p < image_pixels; ++p) {
-    positions[position_floats * p] = static_cast<float>(p / image_side);
-    positions[position_floats * p + 1] = static_cast<float>(p % image_side);
+  auto positions =
+      std::make_unique_for_overwrite<float[]>(internal::elements(image_pixels, position_floats));
+  float* position = positions.get();
+  for (int row = 0; row < image_side; ++row) {
+    for (int column = 0; column < image_side; ++column) {
+      *position++ = static_cast<float>(row);
+      *position++ = static_cast<float>(column);
+    }
   }
   return positions;
 }
@@ -70,7 +74,7 @@ bool parse_mnist_images(const char* path, DocumentSet& docs, float** vectors, lo
   vec_size = position_floats;
   voc_size = image_pixels;
   delete[] * vectors;
-  *vectors = nullptr;  // no dangling pointer at the caller's, should the allocation throw
+  *vectors = nullptr;  // the caller keeps no dangling pointer if the allocation throws
   *vectors = pixel_positions().release();
   return true;
 }
@@ -99,7 +103,7 @@ int parse_docs_mnist(const char* image_path, const char* label_path, DocumentSet
               << " labels, " << docs.size() << " images" << std::endl;
     return 0;
   }
-  for (size_t i = 0; i < ids.size(); ++i) {
+  for (internal::Index i = 0; i < std::ssize(ids); ++i) {
     if (docs[i].empty()) continue;
     ++num_docs;
     num_words += static_cast<int>(docs[i].size());

@@ -1,5 +1,4 @@
-// How texts are cut into words.  Pure functions on string views: the corpus reader counts words
-// with them, and a host program can ask which words of a text a vocabulary lacks.
+// How texts are cut into words: pure functions on string views, shared with the host program.
 #ifndef TALVIK_PARSE_TOKENS_HPP
 #define TALVIK_PARSE_TOKENS_HPP
 
@@ -7,11 +6,11 @@
 
 namespace talvik::internal {
 
-/// What is trimmed off both ends of a token.
+/// The punctuation that is trimmed off both ends of a token.
 inline constexpr std::string_view trimmed_punctuation = ".,:;'()";
 
-/// Calls f(part) for every part of text that a delimiter or the end of the text closes, as a line
-/// reader does: delimiters in a row give empty parts, one at the very end gives none.
+/// Calls f(part) for every part of text that ends at a delimiter or at the end of the text.
+/// Adjacent delimiters give empty parts; a delimiter at the very end is followed by none.
 template <class F>
 void for_each_part(std::string_view text, char delimiter, const F& f) {
   while (!text.empty()) {
@@ -22,15 +21,15 @@ void for_each_part(std::string_view text, char delimiter, const F& f) {
   }
 }
 
-/// Calls f(token) for every token of a text.  Single spaces separate tokens; tabs and line breaks
-/// stay inside them.
+/// Calls f(token) for every token of a text.  A single space separates tokens; tabs and line breaks
+/// are part of a token.
 template <class F>
 void for_each_token(std::string_view text, const F& f) {
   for_each_part(text, ' ', f);
 }
 
-/// The word in a token: punctuation trimmed off the end and the start, then cut at the first
-/// apostrophe.  A token of nothing but punctuation is only cut.
+/// The word in a token: punctuation is trimmed off both ends, then the word ends at its first
+/// apostrophe.  A token that consists of punctuation is not trimmed.
 constexpr std::string_view clean_token(std::string_view token) {
   const size_t last = token.find_last_not_of(trimmed_punctuation);
   if (last != std::string_view::npos) {

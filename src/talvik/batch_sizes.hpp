@@ -1,19 +1,17 @@
-// The size rules of the query pipelines and of the merge of their lists.  Pure functions that take
-// their budget as an argument, so that a test can make it small.
+// The size rules of the query pipelines: pure functions that take their budget as an argument, so
+// that a test can make it small.
 #ifndef TALVIK_TALVIK_BATCH_SIZES_HPP
 #define TALVIK_TALVIK_BATCH_SIZES_HPP
 
 #include <algorithm>
-#include <limits>
+
+#include "internal/budget.hpp"
 
 namespace talvik::internal {
 
-/// Floats of a distance block, and about as many of a batch's word vectors: 256 MiB each.
+/// Bounds the distance block and, for documents of average length, a batch's word vectors: 256 MiB
+/// each.
 inline constexpr long long batch_budget_floats = 1 << 26;
-
-/// Candidates that process 0 receives in one round of a merge: 512 MiB of numbers and distances.
-inline constexpr long long gather_budget_entries = 1 << 26;
-static_assert(gather_budget_entries <= std::numeric_limits<int>::max(), "MPI counts are ints");
 
 /// Length of every neighbour list: k, bounded by the resident collection; none for k below 1.
 constexpr int list_length(int k, int num_resident) {
@@ -21,7 +19,7 @@ constexpr int list_length(int k, int num_resident) {
 }
 static_assert(list_length(10, 3) == 3 && list_length(2, 3) == 2 && list_length(-1, 3) == 0);
 
-/// Entries per document, rounded up from a quotient in single precision; 0 without documents.
+/// Entries per document, rounded up after a division in single precision; 0 without documents.
 constexpr int average_entries(int entries, int docs) {
   if (docs < 1) return 0;
   const float quotient = static_cast<float>(entries) / static_cast<float>(docs);
@@ -31,36 +29,22 @@ constexpr int average_entries(int entries, int docs) {
 static_assert(average_entries(9, 3) == 3 && average_entries(10, 3) == 4);
 static_assert(average_entries(10, 0) == 0 && average_entries(0, 10) == 0);
 
-/// Rows of so many values each that fit the budget; values that take no room set no bound.
-constexpr long long rows_within(long long budget, long long rows, long long values_per_row) {
-  return values_per_row > 0 ? std::min(rows, budget / values_per_row) : rows;
-}
-
 /// Query documents per batch, so that neither the distance block nor the word vectors of an average
 /// batch exceed the budget; at least 1, whatever the sizes.
-/// @param num_queries       query documents in all
-/// @param floats_per_row    resident documents, or the length of a list where that is longer
-/// @param vector_floats     floats of the word vectors of an average query document; 0 where the
-///                          batch is passed without vectors
+/// @param num_queries       all query documents
+/// @param floats_per_row    resident documents, or the length of a neighbour list if that is larger
+/// @param vector_floats     floats of the word vectors of an average query document; 0 if batches
+///                          are passed without vectors
 constexpr int queries_per_batch(long long budget_floats, int num_queries, int floats_per_row,
                                 long long vector_floats) {
   const long long by_block = rows_within(budget_floats, num_queries, floats_per_row);
-  return static_cast<int>(std::max(rows_within(budget_floats, by_block, vector_floats), 1LL));
+  return static_cast<int>(rows_within(budget_floats, by_block, vector_floats));
 }
 static_assert(queries_per_batch(batch_budget_floats, 1'000'000, 100'000, 0) == 671);
-static_assert(queries_per_batch(batch_budget_floats, 1'000'000, 1'000, 100 * 300) == 2236);
-static_assert(queries_per_batch(batch_budget_floats, 968, 1'000, 100 * 300) == 968);
+static_assert(queries_per_batch(batch_budget_floats, 1'000'000, 1'000, 100LL * 300) == 2236);
+static_assert(queries_per_batch(batch_budget_floats, 968, 1'000, 100LL * 300) == 968);
 static_assert(queries_per_batch(batch_budget_floats, 10, 1 << 27, 0) == 1);
 static_assert(queries_per_batch(batch_budget_floats, 0, 0, 0) == 1);
-
-/// Queries whose lists of k candidates of all processes are gathered in one round; at least 1.
-constexpr int queries_per_gather(long long budget_entries, int num_queries, int num_procs, int k) {
-  const long long entries_per_query = static_cast<long long>(num_procs) * k;
-  return static_cast<int>(
-      std::max(rows_within(budget_entries, num_queries, entries_per_query), 1LL));
-}
-static_assert(queries_per_gather(gather_budget_entries, 100'000, 64, 10) == 100'000);
-static_assert(queries_per_gather(gather_budget_entries, 100'000, 64, 100'000) == 10);
 
 }  // namespace talvik::internal
 

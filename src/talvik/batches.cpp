@@ -1,4 +1,4 @@
-// Loading, the batch loop and release, as both pipelines use them.
+// Loading, the batch loop and release, for both pipelines.
 #include "talvik/batches.hpp"
 
 #include <algorithm>
@@ -6,6 +6,7 @@
 #include <string>
 
 #include "internal/failure.hpp"
+#include "internal/index.hpp"
 #include "internal/large_pages.hpp"
 #include "talvik/collections.hpp"
 #include "talvik/compress.hpp"
@@ -14,46 +15,45 @@
 namespace talvik::internal {
 namespace {
 
-void require_count(const std::string& what, size_t present, int announced) {
-  if (announced >= 0 && present >= static_cast<size_t>(announced)) return;
+void require_count(const std::string& what, Index present, int announced) {
+  if (announced >= 0 && present >= announced) return;
   fail("The " + what + ": " + std::to_string(announced) + " announced, " + std::to_string(present) +
        " present");
 }
 
-std::unique_ptr<int[]> new_ints(size_t count) {
+// Uninitialised, since the conversions fill all of it.
+std::unique_ptr<int[]> new_ints(Index count) {
   return std::make_unique_for_overwrite<int[]>(count);
 }
 
-std::unique_ptr<float[]> new_floats(size_t count) {
+std::unique_ptr<float[]> new_floats(Index count) {
   return std::make_unique_for_overwrite<float[]>(count);
 }
 
 // Words that index an embedding or ground-distance matrix must lie inside it.
 void require_known_words(const RunParameters& run, const DocumentSet& docs, int first, int count) {
-  if (run.voc_size < 1) return;  // not told to a query step
-  const auto voc_size = static_cast<unsigned>(run.voc_size);
+  if (run.voc_size < 1) return;  // a query step is not told the size
   for (int d = first; d < first + count; ++d) {
-    for (const auto& entry : docs[static_cast<size_t>(d)]) {
-      if (entry.first >= voc_size) fail_unknown_word(entry.first, voc_size);
+    for (const auto& entry : docs[d]) {
+      if (Index{entry.first} >= run.voc_size) fail_unknown_word(entry.first, run.voc_size);
     }
   }
 }
 
-// Loads a batch in the form that the run's word distances need.  Returns the batch's offsets, which
-// the engine may read until it releases the batch.
+// Loads a batch in the form that the run's word distances need.
+// @return the batch's offsets, which the engine may read until it releases the batch
 std::unique_ptr<int[]> load_batch(const RunParameters& run, const DocumentSet& docs, int first,
                                   int count) {
   require_known_words(run, docs, first, count);
   const int entries = count_entries(docs, first, count);
-  const auto size = static_cast<size_t>(entries);
-  auto start = new_ints(static_cast<size_t>(count) + 1);
-  const auto weight = new_floats(size);
+  auto start = new_ints(Index{count} + 1);
+  const auto weight = new_floats(entries);
   if (run.precompute) {
-    const auto ind = new_ints(size);
+    const auto ind = new_ints(entries);
     setup_raw_data(docs, first, count, ind.get(), start.get(), weight.get());
     load_batch_indices(run.use_gpu, entries, ind.get(), weight.get(), count, start.get());
   } else {
-    const size_t floats = size * static_cast<size_t>(std::max(run.vec_size, 0));
+    const Index floats = elements(entries, std::max(run.vec_size, 0));
     const auto X = new_floats(floats);
     begin_on_large_pages(X.get(), floats * sizeof(float));
     setup_vectors(run.embeddings, run.vec_size, docs, first, count, X.get(), start.get(),
@@ -72,10 +72,13 @@ void compute_batch(const RunParameters& run, const DocumentSet& docs, const Dist
 
 void report_batch(const BatchPlan& plan, const DistanceBlock& block, const NeighbourLists& lists) {
   if (!batch_finished) return;
-  const BatchResult result{
-      block.first_query, block.num_queries, plan.first_query + plan.num_queries,
-      lists.k,           lists.ind,         lists.val};
-  batch_finished(result, batch_finished_context);
+  batch_finished({.first_query = block.first_query,
+                  .num_queries = block.num_queries,
+                  .end_query = plan.first_query + plan.num_queries,
+                  .k = lists.k,
+                  .neighbours = lists.ind,
+                  .distances = lists.val},
+                 batch_finished_context);
 }
 
 }  // namespace
@@ -85,11 +88,11 @@ void ensure_process_group() {
 }
 
 void require_documents(const char* role, const DocumentSet& docs, int num_docs) {
-  require_count(std::string(role) + " collection's documents", docs.size(), num_docs);
+  require_count(std::string(role) + " collection's documents", std::ssize(docs), num_docs);
 }
 
 void require_labels(const char* role, const LabelList& labels, int num_docs) {
-  require_count(std::string(role) + " collection's labels", labels.size(), num_docs);
+  require_count(std::string(role) + " collection's labels", std::ssize(labels), num_docs);
 }
 
 void require_split_of(int num_docs) {
@@ -105,12 +108,12 @@ int load_resident_documents(const RunParameters& run, const DocumentSet& docs, i
                             int count) {
   if (run.precompute) require_known_words(run, docs, first, count);
   const int entries = count_entries(docs, first, count);
-  const auto ind = new_ints(static_cast<size_t>(entries));
-  const auto weight = new_floats(static_cast<size_t>(entries));
-  const auto start = new_ints(static_cast<size_t>(count) + 1);
+  const auto ind = new_ints(entries);
+  const auto weight = new_floats(entries);
+  const auto start = new_ints(Index{count} + 1);
   setup_raw_data(docs, first, count, ind.get(), start.get(), weight.get());
   if (!run.precompute) {
-    // Renumbers the flat copy, so that the documents stay as they are.
+    // The flat copy is renumbered; the documents stay as they are.
     const auto compressed = compress_words(
         run.voc_size, run.embeddings, run.vec_size, num_cpu_threads,
         [&](const auto& body) { std::for_each(ind.get(), ind.get() + entries, body); });
@@ -130,7 +133,7 @@ long long average_vector_floats(const RunParameters& run, int entries, int docs)
 }
 
 ListBuffers allocate_lists(int rows, int k) {
-  const size_t entries = static_cast<size_t>(rows) * static_cast<size_t>(k);
+  const Index entries = elements(rows, k);
   return {new_ints(entries), new_floats(entries)};
 }
 
@@ -138,15 +141,14 @@ std::string result_path(const RunParameters& run) { return run.output_file ? run
 
 void run_batches(const RunParameters& run, const LabelledDocuments& queries, const BatchPlan& plan,
                  const FinishBlock& finish_block) {
-  const size_t block_floats =
-      static_cast<size_t>(plan.batch) * static_cast<size_t>(plan.num_resident);
+  const Index block_floats = elements(plan.batch, plan.num_resident);
   const auto Z = new_floats(block_floats);
   begin_on_large_pages(Z.get(), block_floats * sizeof(float));
   const int end = plan.first_query + plan.num_queries;
   int count = 0;
-  for (int s = plan.first_query; s < end; s += count) {
-    count = std::min(end - s, plan.batch);
-    const DistanceBlock block{s, count, Z.get()};
+  for (int q = plan.first_query; q < end; q += count) {
+    count = std::min(end - q, plan.batch);
+    const DistanceBlock block{q, count, Z.get()};
     if (plan.num_resident > 0) compute_batch(run, queries.docs, block);
     report_batch(plan, block, finish_block(block));
   }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "internal/failure.hpp"
+#include "internal/index.hpp"
 #include "internal/team.hpp"
 #include "talvik/compress.hpp"
 
@@ -14,12 +15,13 @@ namespace talvik {
 namespace internal {
 
 int count_entries(const DocumentSet& docs, int first, int count) {
-  size_t entries = 0;
-  for (int d = 0; d < count; ++d) entries += docs[static_cast<size_t>(first + d)].size();
-  if (entries > static_cast<size_t>(std::numeric_limits<int>::max())) {
+  constexpr int most = std::numeric_limits<int>::max();
+  Index entries = 0;
+  for (int d = first; d < first + count; ++d) entries += std::ssize(docs[d]);
+  if (entries > most) {
     fail("Documents " + std::to_string(first) + " to " + std::to_string(first + count - 1) +
          " hold " + std::to_string(entries) + " entries; a range holds at most " +
-         std::to_string(std::numeric_limits<int>::max()));
+         std::to_string(most));
   }
   return static_cast<int>(entries);
 }
@@ -31,11 +33,11 @@ namespace {
 // Writes the offsets of a range and calls body(r, word, weight) for its entries r = 0, 1, ...
 template <class Body>
 void convert_range(const DocumentSet& docs, int first, int count, int* start, const Body& body) {
-  internal::count_entries(docs, first, count);  // ends the process where int offsets do not reach
+  internal::count_entries(docs, first, count);  // ends the process if int offsets do not reach
   int r = 0;
   for (int d = 0; d < count; ++d) {
     start[d] = r;
-    for (const auto& [word, weight] : docs[static_cast<size_t>(first + d)]) body(r++, word, weight);
+    for (const auto& [word, weight] : docs[first + d]) body(r++, word, weight);
   }
   start[std::max(count, 0)] = r;
 }
@@ -43,16 +45,13 @@ void convert_range(const DocumentSet& docs, int first, int count, int* start, co
 // Calls body with the word of every entry of a range.
 template <class Body>
 void visit_range(DocumentSet& docs, int first, int count, const Body& body) {
-  for (int d = 0; d < count; ++d) {
-    for (auto& entry : docs[static_cast<size_t>(first + d)]) body(entry.first);
+  for (int d = first; d < first + count; ++d) {
+    for (auto& entry : docs[d]) body(entry.first);
   }
 }
 
-template <class VisitWords>
-int compress(int voc_size, const float* embeddings, int* comp_voc_size, float** comp_embeddings,
-             int vec_size, const VisitWords& visit_words) {
-  auto compressed =
-      internal::compress_words(voc_size, embeddings, vec_size, num_cpu_threads, visit_words);
+int hand_over(internal::CompressedVocabulary& compressed, int* comp_voc_size,
+              float** comp_embeddings) {
   *comp_voc_size = compressed.voc_size;
   *comp_embeddings = compressed.embeddings.release();
   return 1;
@@ -73,12 +72,12 @@ int setup_vectors(float* embeddings, int vec_size, const DocumentSet& docs, int 
                   float* X, int* start, float* weight) {
   convert_range(docs, first, count, start,
                 [&](int r, unsigned, float entry_weight) { weight[r] = entry_weight; });
-  const size_t row_floats = static_cast<size_t>(std::max(vec_size, 0));
+  const int row_floats = std::max(vec_size, 0);
   internal::for_each_share(num_cpu_threads, count, [&](int first_doc, int last_doc, int) {
     for (int d = first_doc; d < last_doc; ++d) {
-      float* row = X + static_cast<size_t>(start[d]) * row_floats;
-      for (const auto& entry : docs[static_cast<size_t>(first + d)]) {
-        std::copy_n(embeddings + entry.first * row_floats, row_floats, row);
+      float* row = X + internal::elements(start[d], row_floats);
+      for (const auto& entry : docs[first + d]) {
+        std::copy_n(embeddings + internal::elements(entry.first, row_floats), row_floats, row);
         row += row_floats;
       }
     }
@@ -89,18 +88,21 @@ int setup_vectors(float* embeddings, int vec_size, const DocumentSet& docs, int 
 int compress_vocabulary(int voc_size, float* embeddings, int* comp_voc_size,
                         float** comp_embeddings, int vec_size, DocumentSet& docs, int first,
                         int count) {
-  return compress(voc_size, embeddings, comp_voc_size, comp_embeddings, vec_size,
-                  [&](const auto& body) { visit_range(docs, first, count, body); });
+  auto compressed =
+      internal::compress_words(voc_size, embeddings, vec_size, num_cpu_threads,
+                               [&](const auto& body) { visit_range(docs, first, count, body); });
+  return hand_over(compressed, comp_voc_size, comp_embeddings);
 }
 
 int compress_vocabulary_cosine(int voc_size, float* embeddings, int* comp_voc_size,
                                float** comp_embeddings, int vec_size, DocumentSet& docs1,
                                int first1, int count1, DocumentSet& docs2, int first2, int count2) {
-  return compress(voc_size, embeddings, comp_voc_size, comp_embeddings, vec_size,
-                  [&](const auto& body) {
-                    visit_range(docs1, first1, count1, body);
-                    visit_range(docs2, first2, count2, body);
-                  });
+  auto compressed = internal::compress_words(voc_size, embeddings, vec_size, num_cpu_threads,
+                                             [&](const auto& body) {
+                                               visit_range(docs1, first1, count1, body);
+                                               visit_range(docs2, first2, count2, body);
+                                             });
+  return hand_over(compressed, comp_voc_size, comp_embeddings);
 }
 
 }  // namespace talvik

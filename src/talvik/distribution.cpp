@@ -1,4 +1,4 @@
-// The distribution info: the split of a collection over the processes.
+// The distribution info: how a collection is split over the processes.
 #include <memory>
 
 #include "internal/failure.hpp"
@@ -15,7 +15,7 @@ int* grp_data_length = nullptr;
 
 int load_balancing(const DocumentSet& docs, int doc_count, int entry_count) {
   if (num_procs < 1) internal::fail("load_balancing: the process group is not set up");
-  internal::count_entries(docs, 0, doc_count);  // ends the process where ints do not reach
+  internal::count_entries(docs, 0, doc_count);  // ends the process if ints do not reach
 
   auto start = std::make_unique<int[]>(num_procs), length = std::make_unique<int[]>(num_procs);
   auto data_start = std::make_unique<int[]>(num_procs);

@@ -1,4 +1,4 @@
-// The engine of a run by its roles.  The only place that knows which engine fills them.
+// The roles that an engine plays in a run: the only place that knows which engine is in use.
 #ifndef TALVIK_TALVIK_ENGINE_HPP
 #define TALVIK_TALVIK_ENGINE_HPP
 
@@ -6,8 +6,8 @@
 
 namespace talvik::internal {
 
-/// Every role takes the engine's choice first; the others are the engine function's.  The GPU
-/// engine takes the device whose number is this process's rank on its node.
+/// Here and below the first parameter chooses the engine; the others are those of its functions.
+/// The GPU engine uses the device whose number is this process's rank on its node.
 inline void load_vocabulary(bool use_gpu, int voc_size, int vec_size, float* embeddings) {
   if (use_gpu) {
     copy_vocabulary(local_id, voc_size, vec_size, embeddings);
@@ -38,7 +38,7 @@ inline void load_batch_indices(bool use_gpu, int entries, int* ind, float* weigh
   load(entries, ind, weight, count, start);
 }
 
-/// Z[q*resident documents + i] for the batch held.
+/// Computes Z[q*(resident documents) + i] for the batch that is loaded.
 inline void compute_block(bool use_gpu, float* Z, int delta_iterations, bool precompute) {
   const auto compute = use_gpu                ? ed_min_vocab_multi
                        : delta_iterations > 1 ? ed_min_vocab_cpu_multi
@@ -54,21 +54,21 @@ inline void release_batch(bool use_gpu, bool precompute) {
   }
 }
 
-/// @return the result of a pipeline's cleanup step, where it is the last release
+/// @return the result of a pipeline's cleanup step, if this is the last release
 inline int release_resident(bool use_gpu) {
   if (use_gpu) return remove_raw_data();
   remove_raw_data_cpu();
   return 0;
 }
 
-/// @return the result of a pipeline's cleanup step, where it is the last release
+/// @return the result of a pipeline's cleanup step, if this is the last release
 inline int release_vocabulary(bool use_gpu) {
   if (use_gpu) return remove_vocabulary();
   remove_vocabulary_cpu();
   return 0;
 }
 
-/// D_ground[u*voc_size + v] for the vocabulary held.
+/// Computes D_ground[u*voc_size + v] for the vocabulary that is loaded.
 inline void compute_ground(bool use_gpu, float* D_ground) {
   use_gpu ? compute_ground_distances(D_ground) : compute_ground_distances_cpu(D_ground);
 }

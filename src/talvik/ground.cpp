@@ -2,35 +2,20 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "internal/index.hpp"
 #include "talvik/engine.hpp"
 #include "talvik/pipelines.hpp"
 
 namespace talvik {
 namespace {
 
-int ground_run(int voc_size, float* D_ground, int k, int delta_iterations, const DocumentSet& docs1,
-               const LabelList& labels1, const DocumentSet& docs2, const LabelList& labels2,
-               float** D_out, bool compute_topk, const char* output_file, bool use_gpu) {
-  internal::attach_ground(use_gpu, voc_size, D_ground);
-  const int result = internal::two_way_run({.voc_size = voc_size,
-                                            .k = k,
-                                            .delta_iterations = delta_iterations,
-                                            .precompute = true,
-                                            .compute_topk = compute_topk,
-                                            .output_file = output_file,
-                                            .use_gpu = use_gpu},
-                                           docs1, labels1, docs2, labels2, D_out);
-  internal::detach_ground(use_gpu);
-  return result;
-}
-
-// The distances between all words of a vocabulary, voc_size x voc_size.
+// The distances between all pairs of words, voc_size x voc_size.
 std::unique_ptr<float[]> ground_distances(int voc_size, float* embeddings, int vec_size,
                                           bool use_gpu) {
   internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings);
-  const size_t words = static_cast<size_t>(voc_size);
-  auto D_ground = std::make_unique_for_overwrite<float[]>(words * words);
+  auto D_ground = std::make_unique_for_overwrite<float[]>(internal::elements(voc_size, voc_size));
   internal::compute_ground(use_gpu, D_ground.get());
   internal::release_vocabulary(use_gpu);
   return D_ground;
@@ -52,15 +37,26 @@ int remd2_twoway_wrapper(int voc_size, float* embeddings, int vec_size, int k, i
             << std::flush;
   const auto D_ground = ground_distances(comp_voc_size, shared_vocabulary.get(), vec_size, use_gpu);
   shared_vocabulary.reset();
-  return ground_run(comp_voc_size, D_ground.get(), k, delta_iterations, docs1, labels1, docs2,
-                    labels2, D_out, compute_topk, output_file, use_gpu);
+  return remd2_twoway_ground(comp_voc_size, D_ground.get(), k, delta_iterations, std::move(docs1),
+                             std::move(labels1), std::move(docs2), std::move(labels2), D_out,
+                             compute_topk, output_file, use_gpu);
 }
 
 int remd2_twoway_ground(int voc_size, float* D_ground, int k, int delta_iterations,
                         DocumentSet docs1, LabelList labels1, DocumentSet docs2, LabelList labels2,
                         float** D_out, bool compute_topk, const char* output_file, bool use_gpu) {
-  return ground_run(voc_size, D_ground, k, delta_iterations, docs1, labels1, docs2, labels2, D_out,
-                    compute_topk, output_file, use_gpu);
+  internal::attach_ground(use_gpu, voc_size, D_ground);
+  const int result = internal::two_way_run({.voc_size = voc_size,
+                                            .k = k,
+                                            .delta_iterations = delta_iterations,
+                                            .precompute = true,
+                                            .compute_topk = compute_topk,
+                                            .output_file = output_file,
+                                            .use_gpu = use_gpu},
+                                           internal::counted(docs1, labels1),
+                                           internal::counted(docs2, labels2), D_out);
+  internal::detach_ground(use_gpu);
+  return result;
 }
 
 }  // namespace talvik

@@ -1,5 +1,5 @@
-// The pipelines over borrowed collections.  The public functions receive collections of their own;
-// the two-way runs pass the same collections to both directions without another copy.
+// The pipelines over borrowed collections.  The public functions receive copies; the two-way runs
+// pass theirs to both directions without copying again.
 #ifndef TALVIK_TALVIK_PIPELINES_HPP
 #define TALVIK_TALVIK_PIPELINES_HPP
 
@@ -15,10 +15,14 @@ int split_resident_run(const RunParameters& run, const LabelledDocuments& reside
 int scale_out_run(const RunParameters& run, const LabelledDocuments& resident,
                   const LabelledDocuments& queries, float* D_max);
 
-/// Both directions: with docs1 resident into a new matrix, then with docs2 resident merged into it.
-/// Returns the result of the two-way functions.
-int two_way_run(const RunParameters& run, const DocumentSet& docs1, const LabelList& labels1,
-                const DocumentSet& docs2, const LabelList& labels2, float** D_out);
+/// A collection with its numbers of documents and entries.
+LabelledDocuments counted(const DocumentSet& docs, const LabelList& labels);
+
+/// Both directions: with the first collection resident into a new matrix, then with the second one
+/// resident merged into it.
+/// @return the result of the two-way functions
+int two_way_run(const RunParameters& run, const LabelledDocuments& first,
+                const LabelledDocuments& second, float** D_out);
 
 }  // namespace talvik::internal
 

@@ -14,7 +14,7 @@ struct CloseFile {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-/// An open result file; what is written to it collects in text first.
+/// An open result file, and the text on its way to it.
 struct ResultFile {
   std::string path;
   std::unique_ptr<std::FILE, CloseFile> file;
@@ -23,21 +23,22 @@ struct ResultFile {
 
 /// The neighbour lists of the queries first_query .. first_query+num_queries-1.
 struct NeighbourLists {
-  int first_query;
-  int num_queries;
-  int k;
-  const int* ind;    // num_queries x k indices of labels of the resident collection
-  const float* val;  // num_queries x k distances
+  int first_query = 0;
+  int num_queries = 0;
+  int k = 0;
+  const int* ind = nullptr;    ///< num_queries x k numbers of resident documents
+  const float* val = nullptr;  ///< num_queries x k distances
 };
 
-/// Creates or empties the file.  Here and below a failure ends the whole job.
+/// Creates or empties the file.  A failure of this function, and of those below, ends the whole
+/// job.
 ResultFile open_result_file(const std::string& path);
 
-/// Appends a line "query label", "neighbour label", "distance" for every entry of the lists.
+/// Appends a line "query label", "neighbour label", "distance" per neighbour.
 void write_lists(ResultFile& file, const NeighbourLists& lists, const LabelList& query_labels,
                  const LabelList& resident_labels);
 
-/// Makes sure that everything has been written.
+/// Writes the rest of the text and closes the file.
 void close_result_file(ResultFile file);
 
 }  // namespace talvik::internal

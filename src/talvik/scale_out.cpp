@@ -1,8 +1,10 @@
-// The scale-out pipeline: every process holds the whole resident collection and answers a group of
-// the queries on its own.
+// The scale-out pipeline: every process holds the whole resident collection and answers its own
+// group of the queries.
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "internal/index.hpp"
 #include "internal/team.hpp"
 #include "talvik/pipelines.hpp"
 
@@ -20,28 +22,28 @@ std::string own_result_path(const RunParameters& run) {
   return result_path(run) + ".thread" + std::to_string(local_id) + "-" + std::to_string(myid);
 }
 
-// Both sides become the larger value; a NaN in Z leaves D_max as it is.
+// Block and matrix both receive the larger value; a NaN in the block leaves the matrix as it is.
 void merge_maximum(const DistanceBlock& block, int columns, float* D_max) {
-  const auto row_floats = static_cast<size_t>(columns);
   for_each_share(num_cpu_threads, block.num_queries, [&](int first, int last, int) {
-    for (size_t at = static_cast<size_t>(first) * row_floats;
-         at < static_cast<size_t>(last) * row_floats; ++at) {
+    for (Index at = elements(first, columns); at < elements(last, columns); ++at) {
       const float larger = block.Z[at] > D_max[at] ? block.Z[at] : D_max[at];
       D_max[at] = block.Z[at] = larger;
     }
   });
 }
 
-// This process's group of the queries, bounded by what the group itself needs: nothing is shared
-// with the other processes.
+// This process's group of the queries.  Its own needs alone bound the batches, since no other
+// process waits for them.
 BatchPlan own_plan(const RunParameters& run, int num_resident) {
   const int group = grp_length[myid];
-  return {grp_start[myid], group, num_resident,
-          queries_per_batch(run.budget_floats, group, num_resident,
-                            average_vector_floats(run, grp_data_length[myid], group))};
+  return {.first_query = grp_start[myid],
+          .num_queries = group,
+          .num_resident = num_resident,
+          .batch = queries_per_batch(run.budget_floats, group, num_resident,
+                                     average_vector_floats(run, grp_data_length[myid], group))};
 }
 
-// The resident collection's documents are in the engine; only their labels are needed.
+// The engine holds the resident documents; only their labels are passed.
 int query(const RunParameters& run, int num_resident, const LabelList& resident_labels,
           const LabelledDocuments& queries, float* D_max) {
   require_documents("query", queries.docs, queries.num_docs);
@@ -58,8 +60,8 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
   }
   const ListBuffers buffers = allocate_lists(plan.batch, k);
   run_batches(run, queries, plan, [&](const DistanceBlock& block) {
-    const auto first_row = static_cast<size_t>(block.first_query - plan.first_query);
-    merge_maximum(block, num_resident, D_max + first_row * static_cast<size_t>(num_resident));
+    const int first_row = block.first_query - plan.first_query;
+    merge_maximum(block, num_resident, D_max + elements(first_row, num_resident));
     if (k == 0) return NeighbourLists{};
     sort_cpu(block.num_queries, num_resident, block.Z, k, buffers.ind.get(), buffers.val.get());
     const NeighbourLists lists{block.first_query, block.num_queries, k, buffers.ind.get(),
@@ -88,8 +90,15 @@ int rwmd2_scaleout_wrapper(int voc_size, float* embeddings, int vec_size, int k,
                            LabelList labels1, int num_docs1, int num_words1, DocumentSet docs2,
                            LabelList labels2, int num_docs2, int num_words2, float* D_max,
                            bool compute_topk, const char* output_file, bool use_gpu) {
-  return internal::scale_out_run({voc_size, embeddings, vec_size, k, delta_iterations, precompute,
-                                  compute_topk, output_file, use_gpu},
+  return internal::scale_out_run({.voc_size = voc_size,
+                                  .embeddings = embeddings,
+                                  .vec_size = vec_size,
+                                  .k = k,
+                                  .delta_iterations = delta_iterations,
+                                  .precompute = precompute,
+                                  .compute_topk = compute_topk,
+                                  .output_file = output_file,
+                                  .use_gpu = use_gpu},
                                  {docs1, labels1, num_docs1, num_words1},
                                  {docs2, labels2, num_docs2, num_words2}, D_max);
 }
@@ -109,9 +118,14 @@ int rwmd2_scaleout_query(float* embeddings, int vec_size, int k, int delta_itera
                          bool precompute, int num_docs1, LabelList labels1, DocumentSet docs2,
                          LabelList labels2, int num_docs2, int num_words2, float* D_max,
                          bool compute_topk, const char* output_file, bool use_gpu) {
-  constexpr int voc_size = 0;  // the vocabulary is in the engine
-  return internal::query({voc_size, embeddings, vec_size, k, delta_iterations, precompute,
-                          compute_topk, output_file, use_gpu},
+  return internal::query({.embeddings = embeddings,
+                          .vec_size = vec_size,
+                          .k = k,
+                          .delta_iterations = delta_iterations,
+                          .precompute = precompute,
+                          .compute_topk = compute_topk,
+                          .output_file = output_file,
+                          .use_gpu = use_gpu},
                          num_docs1, labels1, {docs2, labels2, num_docs2, num_words2}, D_max);
 }
 

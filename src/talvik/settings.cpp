@@ -1,4 +1,4 @@
-// The settings that the host program makes, the hook at the end of a batch, and the wall clock.
+// The host program's settings, its hook at the end of a batch, and the wall clock.
 #include <sys/time.h>  // gettimeofday
 
 #include "talvik.hpp"

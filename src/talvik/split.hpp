@@ -1,5 +1,5 @@
-// The rule by which a collection is split into contiguous groups of documents.  A pure function, so
-// that a host program can ask for a split without making it.
+// The split of a collection into contiguous groups of documents: a pure function, so that a host
+// program can ask for a split without making it.
 #ifndef TALVIK_TALVIK_SPLIT_HPP
 #define TALVIK_TALVIK_SPLIT_HPP
 
@@ -10,18 +10,18 @@
 namespace talvik::internal {
 
 struct DocumentGroup {
-  int start;        // its first document
-  int length;       // documents
-  int data_start;   // entries in the groups before it
-  int data_length;  // entries
+  int start;        ///< first document of the group
+  int length;       ///< documents of the group
+  int data_start;   ///< entries of all groups before it
+  int data_length;  ///< entries of the group
 };
 
-/// A group that reaches this multiple of its target gives its last document back.
+/// A group that reaches this multiple of the target gives its last document back.
 inline constexpr double overfull = 1.25;
 
-/// Groups of about entry_count / num_groups entries, as load_balancing makes them: a group takes
-/// documents until it reaches that target and gives the last one back where that makes it overfull,
-/// unless it is its only one; what is left over goes to the last group.
+/// Groups of about entry_count / num_groups entries, as load_balancing makes them.  A group takes
+/// documents until it reaches that target.  If its last document makes it overfull, and is not its
+/// only one, the group gives it back.  The last group takes all remaining documents.
 ///   sizes 4 10 2 4 1, entry_count 21, 3 groups: target 7, {4} {10} {2 4 1}
 /// @param doc_count    documents of docs
 /// @param entry_count  entries of docs, which an int holds

@@ -1,11 +1,14 @@
 // The split-resident pipeline: every process holds a group of the resident collection and runs all
 // queries against it.
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "internal/failure.hpp"
+#include "internal/index.hpp"
 #include "internal/team.hpp"
 #include "talvik/pipelines.hpp"
 
@@ -21,16 +24,18 @@ int init(const RunParameters& run, const DocumentSet& docs, int num_docs, int nu
   return load_resident_documents(run, docs, grp_start[myid], grp_length[myid]);
 }
 
-// The batch that every process takes, so that all merge the same queries at the same time.  The
-// largest group bounds it: every process knows that group's size.
+// The batch size of every process, so that all merge the same queries at the same time: bounded by
+// the largest group, whose size every process knows.
 int common_batch(const RunParameters& run, int k, const LabelledDocuments& queries) {
   const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
   return queries_per_batch(run.budget_floats, queries.num_docs, std::max(largest_group, k),
                            average_vector_floats(run, queries.num_words, queries.num_docs));
 }
 
-// D_trans[i*num_queries + first_query + q] = Z[q*rows + i].  In tiles, because one of the two sides
-// is always read or written across its rows.
+// D_trans[i*num_queries + first_query + q] = Z[q*rows + i], in tiles, because one of the two
+// matrices is always walked across its rows.
+//   2 rows, the second batch (queries 2 and 3) of 4 queries, d_qi from query q to document i:
+//   Z = d20 d21 d30 d31      D_trans = . . d20 d30 . . d21 d31
 void transpose_block(const DistanceBlock& block, int rows, int num_queries, float* D_trans) {
   constexpr int tile = 32;
   for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
@@ -39,20 +44,16 @@ void transpose_block(const DistanceBlock& block, int rows, int num_queries, floa
       for (int q0 = 0; q0 < block.num_queries; q0 += tile) {
         const int q_end = std::min(q0 + tile, block.num_queries);
         for (int i = i0; i < i_end; ++i) {
-          float* row = D_trans + static_cast<size_t>(i) * static_cast<size_t>(num_queries) +
-                       static_cast<size_t>(block.first_query);
-          for (int q = q0; q < q_end; ++q) {
-            row[q] =
-                block
-                    .Z[static_cast<size_t>(q) * static_cast<size_t>(rows) + static_cast<size_t>(i)];
-          }
+          float* row = D_trans + elements(i, num_queries) + block.first_query;
+          for (int q = q0; q < q_end; ++q) row[q] = block.Z[elements(q, rows) + i];
         }
       }
     }
   });
 }
 
-float* allocate_matrix(size_t bytes) {
+// The caller releases the matrix with free().
+float* allocate_matrix(std::size_t bytes) {
   auto* matrix = static_cast<float*>(std::calloc(bytes, 1));
   if (!matrix && bytes > 0) {
     fail("Failed to allocate memory for D_trans: " + std::to_string(bytes));
@@ -62,12 +63,11 @@ float* allocate_matrix(size_t bytes) {
 
 int query_matrix(const RunParameters& run, const LabelledDocuments& queries, const BatchPlan& plan,
                  float** D_out) {
-  const size_t bytes = static_cast<size_t>(plan.num_resident) *
-                       static_cast<size_t>(queries.num_docs) * sizeof(float);
+  const std::size_t bytes = elements(plan.num_resident, queries.num_docs) * sizeof(float);
   *D_out = allocate_matrix(bytes);
   run_batches(run, queries, plan, [&](const DistanceBlock& block) {
     transpose_block(block, plan.num_resident, queries.num_docs, *D_out);
-    return NeighbourLists{block.first_query, block.num_queries, 0, nullptr, nullptr};
+    return NeighbourLists{};
   });
   return static_cast<int>(bytes);
 }
@@ -78,11 +78,11 @@ int query_topk(const RunParameters& run, const LabelList& resident_labels,
   if (myid == 0) file = open_result_file(result_path(run));
   const ListBuffers buffers = allocate_lists(plan.batch, k);
   run_batches(run, queries, plan, [&](const DistanceBlock& block) {
-    NeighbourLists lists{block.first_query, block.num_queries, 0, nullptr, nullptr};
     sort_cpu_parallel(block.num_queries, plan.num_resident, k, block.Z, buffers.ind.get(),
                       buffers.val.get());
-    if (!file) return lists;
-    lists = {block.first_query, block.num_queries, k, buffers.ind.get(), buffers.val.get()};
+    if (!file) return NeighbourLists{};
+    const NeighbourLists lists{block.first_query, block.num_queries, k, buffers.ind.get(),
+                               buffers.val.get()};
     write_lists(*file, lists, queries.labels, resident_labels);
     return lists;
   });
@@ -90,13 +90,16 @@ int query_topk(const RunParameters& run, const LabelList& resident_labels,
   return 0;
 }
 
-// The resident collection's documents are in the engine; only their labels are needed.
+// The engine holds the resident documents; only their labels are passed.
 int query(const RunParameters& run, int num_resident_docs, const LabelList& resident_labels,
           const LabelledDocuments& queries, float** D_out) {
   require_split_of(num_resident_docs);
   require_documents("query", queries.docs, queries.num_docs);
   const int k = run.compute_topk ? list_length(run.k, num_resident_docs) : 0;
-  const BatchPlan plan{0, queries.num_docs, grp_length[myid], common_batch(run, k, queries)};
+  const BatchPlan plan{.first_query = 0,
+                       .num_queries = queries.num_docs,
+                       .num_resident = grp_length[myid],
+                       .batch = common_batch(run, k, queries)};
   if (!run.compute_topk) return query_matrix(run, queries, plan, D_out);
   require_labels("resident", resident_labels, num_resident_docs);
   require_labels("query", queries.labels, queries.num_docs);
@@ -120,8 +123,15 @@ int rwmd2_parallel(int voc_size, float* embeddings, int vec_size, int k, int del
                    int num_words1, DocumentSet docs2, LabelList labels2, int num_docs2,
                    int num_words2, float** D_out, bool compute_topk, const char* output_file,
                    bool use_gpu) {
-  return internal::split_resident_run({voc_size, embeddings, vec_size, k, delta_iterations,
-                                       precompute, compute_topk, output_file, use_gpu},
+  return internal::split_resident_run({.voc_size = voc_size,
+                                       .embeddings = embeddings,
+                                       .vec_size = vec_size,
+                                       .k = k,
+                                       .delta_iterations = delta_iterations,
+                                       .precompute = precompute,
+                                       .compute_topk = compute_topk,
+                                       .output_file = output_file,
+                                       .use_gpu = use_gpu},
                                       {docs1, labels1, num_docs1, num_words1},
                                       {docs2, labels2, num_docs2, num_words2}, D_out);
 }
@@ -141,9 +151,14 @@ int rwmd2_parallel_query(float* embeddings, int vec_size, int k, int delta_itera
                          bool precompute, int num_docs1, LabelList labels1, DocumentSet docs2,
                          LabelList labels2, int num_docs2, int num_words2, float** D_out,
                          bool compute_topk, const char* output_file, bool use_gpu) {
-  constexpr int voc_size = 0;  // the vocabulary is in the engine
-  return internal::query({voc_size, embeddings, vec_size, k, delta_iterations, precompute,
-                          compute_topk, output_file, use_gpu},
+  return internal::query({.embeddings = embeddings,
+                          .vec_size = vec_size,
+                          .k = k,
+                          .delta_iterations = delta_iterations,
+                          .precompute = precompute,
+                          .compute_topk = compute_topk,
+                          .output_file = output_file,
+                          .use_gpu = use_gpu},
                          num_docs1, labels1, {docs2, labels2, num_docs2, num_words2}, D_out);
 }
 

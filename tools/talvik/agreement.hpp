@@ -28,9 +28,6 @@ void together(const Step& step) {
   agree(error);
 }
 
-/// broadcast_mpi for any number of bytes.  Collective.
-void broadcast_bytes(void* data, size_t bytes, int root);
-
 }  // namespace talvik::tool
 
 #endif

@@ -12,9 +12,10 @@
 #include <utility>
 
 #include "agreement.hpp"
+#include "atomic_output.hpp"
 #include "library_run.hpp"
 #include "memory_plan.hpp"
-#include "output_file.hpp"
+#include "npy.hpp"
 #include "report.hpp"
 #include "result_writer.hpp"
 #include "run_error.hpp"
@@ -24,27 +25,25 @@ namespace {
 
 /// Files that a process writes, made before the run so that a run cannot fail for them at its end.
 struct Outputs {
-  std::unique_ptr<OutputFile> results;  // process 0
-  std::unique_ptr<OutputFile> matrix;   // process 0
-  std::unique_ptr<OutputFile> shard;    // every process
+  std::unique_ptr<AtomicFile> results;  // process 0
+  std::unique_ptr<AtomicFile> matrix;   // process 0
+  std::unique_ptr<AtomicFile> shard;    // every process
   std::unique_ptr<RemovedAtEnd> committed_shard;
   std::unique_ptr<RemovedAtEnd> library_file;
 };
-
-std::string library_file_name(const RunOptions& options) { return options.out + ".partial.lists"; }
 
 std::string shard_name(const RunOptions& options, int process) {
   return fmt::format("{}.{}", options.matrix, process);
 }
 
-Outputs open_outputs(const RunOptions& options, Mode mode) {
+Outputs open_outputs(const RunOptions& options, const LibraryRun& library) {
   Outputs outputs;
-  const bool want_matrix = !options.matrix.empty();
+  const bool want_matrix = library.want_matrix;
   together([&] {
-    if (myid == 0) outputs.results = std::make_unique<OutputFile>(options.out);
-    if (myid == 0 && want_matrix) outputs.matrix = std::make_unique<OutputFile>(options.matrix);
-    if (want_matrix) outputs.shard = std::make_unique<OutputFile>(shard_name(options, myid));
-    const std::string own = own_library_file(mode, want_matrix, library_file_name(options));
+    if (myid == 0) outputs.results = std::make_unique<AtomicFile>(options.out);
+    if (myid == 0 && want_matrix) outputs.matrix = std::make_unique<AtomicFile>(options.matrix);
+    if (want_matrix) outputs.shard = std::make_unique<AtomicFile>(shard_name(options, myid));
+    const std::string own = own_library_file(library);
     if (!own.empty()) {
       make_discarded(own);  // the lists come through the hook
       outputs.library_file = std::make_unique<RemovedAtEnd>(own);
@@ -55,7 +54,7 @@ Outputs open_outputs(const RunOptions& options, Mode mode) {
 
 void apply_settings(const RunOptions& options) {
   num_cpu_threads = options.threads > 0 ? options.threads : default_threads(num_local_procs);
-  use_cosine = options.metric == "cosine";
+  use_cosine = options.metric == Metric::cosine;
   normalize_embeddings = options.normalise || use_cosine;  // 1 - dot is made for unit vectors
 }
 
@@ -73,14 +72,15 @@ int neighbours_to_find(const Problem& problem, int asked) {
   return std::min(asked, resident - 1);
 }
 
-RunFacts plan_run(const Problem& problem, const RunOptions& options, Mode mode) {
+RunFacts plan_run(const Problem& problem, const RunOptions& options) {
+  const Mode mode = options.mode;
   RunFacts facts;
   facts.k = neighbours_to_find(problem, options.k);
   facts.used_words = count_used_words(problem);
   facts.threads = num_cpu_threads;
 
-  const auto resident = static_cast<long long>(problem.resident.docs.size());
-  const auto queries = static_cast<long long>(problem.queries.docs.size());
+  const long long resident = std::ssize(problem.resident.docs);
+  const long long queries = std::ssize(problem.queries.docs);
   RunShape shape;
   shape.embedding_floats = static_cast<long long>(problem.voc_size) * problem.vec_size;
   shape.entries = problem.resident.entries + problem.queries.entries;
@@ -107,8 +107,9 @@ RunFacts plan_run(const Problem& problem, const RunOptions& options, Mode mode) 
 }
 
 /// Every process writes its part, then process 0 puts them together.
-void write_matrix(const RunOptions& options, Mode mode, const RunOutcome& outcome,
-                  const Problem& problem, Outputs& outputs) {
+void write_matrix(const RunOptions& options, const Problem& problem, const RunOutcome& outcome,
+                  Outputs& outputs) {
+  const Mode mode = options.mode;
   together([&] {
     const auto write = splits_queries(mode) ? write_npy : write_npy_transposed;
     write(*outputs.shard, outcome.matrix.get(), outcome.matrix_rows, outcome.matrix_cols);
@@ -117,8 +118,8 @@ void write_matrix(const RunOptions& options, Mode mode, const RunOutcome& outcom
   });
   together([&] {
     if (myid != 0) return;
-    const auto resident = static_cast<long long>(problem.resident.docs.size());
-    const auto queries = static_cast<long long>(problem.queries.docs.size());
+    const long long resident = std::ssize(problem.resident.docs);
+    const long long queries = std::ssize(problem.queries.docs);
     std::vector<Shard> shards;
     for (int p = 0; p < num_procs; ++p) {
       const long long length = grp_length[p];
@@ -137,31 +138,33 @@ void write_lists(const RunOptions& options, const Problem& problem, const Result
   together([&] {
     if (myid != 0) return;
     DocumentNames names;
-    if (options.by == "id") names = {&problem.queries.ids, &problem.resident.ids};
-    write_results(lists, problem.self_run(), format_of(options.format), names,
+    if (options.naming == Naming::by_id) names = {&problem.queries.ids, &problem.resident.ids};
+    write_results(lists, problem.self_run(), options.format, names,
                   [&](const std::string& text) { outputs.results->write(text); });
     outputs.results->commit();
   });
 }
 
 void run(const RunOptions& options, const std::function<Problem()>& load) {
-  const Mode mode = mode_of(options.mode);
-  const bool want_matrix = !options.matrix.empty();
+  LibraryRun library{.mode = options.mode,
+                     .steps = options.steps,
+                     .use_gpu = options.gpu,
+                     .want_matrix = !options.matrix.empty(),
+                     .library_file = options.out + ".partial.lists",
+                     .show_progress = myid == 0 && isatty(STDERR_FILENO) != 0};
   apply_settings(options);
   together([&] { require_gpu(options); });
-  Outputs outputs = open_outputs(options, mode);
+  Outputs outputs = open_outputs(options, library);
   Problem problem;
   RunFacts facts;
   together([&] { problem = load(); });
-  together([&] { facts = plan_run(problem, options, mode); });
+  together([&] { facts = plan_run(problem, options); });
   report_before(problem, options, facts);
 
-  const int k = facts.k + (problem.self_run() ? 1 : 0);  // room for the query itself
-  const bool show_progress = myid == 0 && isatty(STDERR_FILENO) != 0;
-  RunOutcome outcome = run_queries(problem, mode, k, options.delta, options.gpu, want_matrix,
-                                   library_file_name(options), show_progress);
+  library.k = facts.k + (problem.self_run() ? 1 : 0);  // room for the query itself
+  RunOutcome outcome = run_library(problem, library);
   if (problem.self_run()) put_self_first(outcome.lists, problem.self_of_query);
-  if (want_matrix) write_matrix(options, mode, outcome, problem, outputs);
+  if (library.want_matrix) write_matrix(options, problem, outcome, outputs);
   write_lists(options, problem, outcome.lists, outputs);
   report_after(problem, outcome.lists, problem.self_run(), outcome.seconds);
 }

@@ -2,72 +2,92 @@
 #include "library_run.hpp"
 
 #include <fmt/core.h>
+#include <mpi.h>
 
 #include <algorithm>
-#include <bit>
-#include <cstring>
 #include <new>
 
 #include "agreement.hpp"
+#include "internal/index.hpp"
 #include "progress.hpp"
 
 namespace talvik::tool {
+
+using internal::elements;
+using internal::Index;
+
 namespace {
 
 constexpr bool precompute = false;
 
+bool is_two_way(Mode mode) { return mode == Mode::two_way || mode == Mode::ground; }
+
+/// Copies the lists of every batch and shows how far the run is.
 struct Collector {
-  ResultLists* lists;
-  Progress* progress;
+  ResultLists& lists;
+  Progress progress;
   Mode mode;
   int collected = 0;  // queries with lists
+
+  void add(const BatchResult& batch) {
+    if (batch.neighbours && batch.k == lists.k) {
+      const Index at = elements(batch.first_query, batch.k);
+      const Index count = elements(batch.num_queries, batch.k);
+      std::copy_n(batch.neighbours, count, lists.neighbours.begin() + at);
+      std::copy_n(batch.distances, count, lists.distances.begin() + at);
+      collected += batch.num_queries;
+    }
+    const char* direction = batch.neighbours ? "second direction" : "first direction";
+    progress.batch_done(is_two_way(mode) ? direction : "query", batch);
+  }
 };
 
-void collect(const BatchResult& batch, void* context) {
-  auto& to = *static_cast<Collector*>(context);
-  if (batch.neighbours && batch.k == to.lists->k) {
-    const size_t at = static_cast<size_t>(batch.first_query) * static_cast<size_t>(batch.k);
-    const size_t count = static_cast<size_t>(batch.num_queries) * static_cast<size_t>(batch.k);
-    std::copy_n(batch.neighbours, count, to.lists->neighbours.begin() + static_cast<long>(at));
-    std::copy_n(batch.distances, count, to.lists->distances.begin() + static_cast<long>(at));
-    to.collected += batch.num_queries;
+/// Puts the collector behind the library's batch hook for as long as it lives.
+struct BatchHook {
+  explicit BatchHook(Collector& collector) {
+    batch_finished = [](const BatchResult& batch, void* context) {
+      static_cast<Collector*>(context)->add(batch);
+    };
+    batch_finished_context = &collector;
   }
-  const bool two_way = to.mode == Mode::two_way || to.mode == Mode::ground;
-  const char* phase =
-      two_way ? (batch.neighbours ? "second direction" : "first direction") : "query";
-  to.progress->batch_done(phase, batch);
-}
+  ~BatchHook() {
+    batch_finished = nullptr;
+    batch_finished_context = nullptr;
+  }
+  BatchHook(const BatchHook&) = delete;
+  BatchHook& operator=(const BatchHook&) = delete;
+};
 
-void split_over_processes(const LoadedCollection& collection) {
-  cleanup_distribution_info();
-  load_balancing(collection.docs, static_cast<int>(collection.docs.size()),
-                 static_cast<int>(collection.entries));
-}
+/// The MPI type of a list of k ints or floats, so that counts are counts of queries.
+struct ListType {
+  MPI_Datatype type = MPI_DATATYPE_NULL;
+  ListType(MPI_Datatype element, int k) {
+    MPI_Type_contiguous(k, element, &type);
+    MPI_Type_commit(&type);
+  }
+  ~ListType() { MPI_Type_free(&type); }
+  ListType(const ListType&) = delete;
+  ListType& operator=(const ListType&) = delete;
+};
 
-/// The lists of each process's query group to all; column by column, as the library's all-gather
-/// moves one int per document of the split collection.
+/// Brings the lists of each process's query group to all.
 void gather_groups(ResultLists& lists) {
-  std::vector<int> column(static_cast<size_t>(lists.num_queries));
-  const auto k = static_cast<size_t>(lists.k);
-  const auto first = static_cast<size_t>(grp_start[myid]);
-  const size_t last = first + static_cast<size_t>(grp_length[myid]);
-  for (size_t j = 0; j < k; ++j) {
-    for (size_t q = first; q < last; ++q) column[q] = lists.neighbours[q * k + j];
-    all_gather_mpi(column.data());
-    for (size_t q = 0; q < column.size(); ++q) lists.neighbours[q * k + j] = column[q];
-
-    for (size_t q = first; q < last; ++q)
-      column[q] = std::bit_cast<int>(lists.distances[q * k + j]);
-    all_gather_mpi(column.data());
-    for (size_t q = 0; q < column.size(); ++q) {
-      lists.distances[q * k + j] = std::bit_cast<float>(column[q]);
-    }
-  }
+  const auto gather = [&](void* all, MPI_Datatype element) {
+    const ListType list(element, lists.k);
+    MPI_Allgatherv(MPI_IN_PLACE, 0, MPI_DATATYPE_NULL, all, grp_length, grp_start, list.type,
+                   MPI_COMM_WORLD);
+  };
+  gather(lists.neighbours.data(), MPI_INT);
+  gather(lists.distances.data(), MPI_FLOAT);
 }
 
 void share_from_first_process(ResultLists& lists) {
-  broadcast_bytes(lists.neighbours.data(), lists.neighbours.size() * sizeof(int), 0);
-  broadcast_bytes(lists.distances.data(), lists.distances.size() * sizeof(float), 0);
+  const auto share = [&](void* all, MPI_Datatype element) {
+    const ListType list(element, lists.k);
+    MPI_Bcast(all, lists.num_queries, list.type, 0, MPI_COMM_WORLD);
+  };
+  share(lists.neighbours.data(), MPI_INT);
+  share(lists.distances.data(), MPI_FLOAT);
 }
 
 /// Lists out of the split-resident matrix, whose rows are resident documents: the library makes
@@ -77,19 +97,14 @@ void select_from_matrix(const float* matrix, ResultLists& lists) {
   constexpr int block_floats = 1 << 24;
   const int widest = *std::max_element(grp_length, grp_length + num_procs);
   const int step = std::max(block_floats / std::max(widest, 1), 1);  // the same on every process
-  const auto all = static_cast<size_t>(lists.num_queries);
-  std::vector<float> block(static_cast<size_t>(std::min(step, lists.num_queries)) *
-                           static_cast<size_t>(columns));
+  std::vector<float> block(elements(std::min(step, lists.num_queries), columns));
   for (int q = 0; q < lists.num_queries; q += step) {
     const int count = std::min(step, lists.num_queries - q);
     for (int i = 0; i < columns; ++i) {
-      const float* row = matrix + static_cast<size_t>(i) * all + static_cast<size_t>(q);
-      for (int j = 0; j < count; ++j) {
-        block[static_cast<size_t>(j) * static_cast<size_t>(columns) + static_cast<size_t>(i)] =
-            row[j];
-      }
+      const float* row = matrix + elements(i, lists.num_queries) + q;
+      for (int j = 0; j < count; ++j) block[elements(j, columns) + i] = row[j];
     }
-    const size_t at = static_cast<size_t>(q) * static_cast<size_t>(lists.k);
+    const Index at = elements(q, lists.k);
     sort_cpu_parallel(count, columns, lists.k, block.data(), lists.neighbours.data() + at,
                       lists.distances.data() + at);
   }
@@ -103,7 +118,7 @@ void require_all(int collected, int expected) {
 }
 
 struct Sizes {
-  int resident, resident_words, queries, query_words;
+  int resident, resident_entries, queries, query_entries;
 };
 
 Sizes sizes_of(const Problem& problem) {
@@ -112,88 +127,83 @@ Sizes sizes_of(const Problem& problem) {
           static_cast<int>(problem.queries.entries)};
 }
 
-/// @return this process's matrix, or null
-float* run_split(const Problem& p, int k, int delta, bool use_gpu, bool want_matrix,
-                 const char* file) {
+/// The functions below return this process's matrix, or null.
+float* run_split(const Problem& p, const LibraryRun& run) {
   const Sizes n = sizes_of(p);
   float* matrix = nullptr;
   split_over_processes(p.resident);
-  rwmd2_parallel(p.voc_size, p.embeddings.get(), p.vec_size, k, delta, precompute, p.resident.docs,
-                 p.resident.ids, n.resident, n.resident_words, p.queries.docs, p.queries.ids,
-                 n.queries, n.query_words, &matrix, !want_matrix, file, use_gpu);
+  rwmd2_parallel(p.voc_size, p.embeddings.get(), p.vec_size, run.k, run.steps, precompute,
+                 p.resident.docs, p.resident.ids, n.resident, n.resident_entries, p.queries.docs,
+                 p.queries.ids, n.queries, n.query_entries, &matrix, !run.want_matrix,
+                 run.library_file.c_str(), run.use_gpu);
   return matrix;
 }
 
-float* run_scale_out(const Problem& p, int k, int delta, bool use_gpu, const char* file) {
+float* run_scale_out(const Problem& p, const LibraryRun& run) {
   const Sizes n = sizes_of(p);
   split_over_processes(p.queries);
-  const size_t size = static_cast<size_t>(grp_length[myid]) * static_cast<size_t>(n.resident);
-  auto* matrix = static_cast<float*>(std::calloc(std::max<size_t>(size, 1), sizeof(float)));
+  const Index size = std::max<Index>(elements(grp_length[myid], n.resident), 1);
+  auto* matrix = static_cast<float*>(std::calloc(size, sizeof(float)));
   if (!matrix) throw std::bad_alloc();
   const bool compute_topk = true;
-  rwmd2_scaleout_wrapper(p.voc_size, p.embeddings.get(), p.vec_size, k, delta, precompute,
-                         p.resident.docs, p.resident.ids, n.resident, n.resident_words,
-                         p.queries.docs, p.queries.ids, n.queries, n.query_words, matrix,
-                         compute_topk, file, use_gpu);
+  rwmd2_scaleout_wrapper(p.voc_size, p.embeddings.get(), p.vec_size, run.k, run.steps, precompute,
+                         p.resident.docs, p.resident.ids, n.resident, n.resident_entries,
+                         p.queries.docs, p.queries.ids, n.queries, n.query_entries, matrix,
+                         compute_topk, run.library_file.c_str(), run.use_gpu);
   return matrix;
 }
 
-float* run_two_way(const Problem& p, Mode mode, int k, int delta, bool use_gpu, const char* file) {
+float* run_two_way(const Problem& p, const LibraryRun& run) {
   float* matrix = nullptr;
-  const auto entry = mode == Mode::ground ? remd2_twoway_wrapper : rwmd2_twoway_wrapper;
+  const auto entry = run.mode == Mode::ground ? remd2_twoway_wrapper : rwmd2_twoway_wrapper;
   const bool compute_topk = true;
-  entry(p.voc_size, p.embeddings.get(), p.vec_size, k, delta, p.queries.docs, p.queries.ids,
-        p.resident.docs, p.resident.ids, &matrix, compute_topk, file, use_gpu);
+  entry(p.voc_size, p.embeddings.get(), p.vec_size, run.k, run.steps, p.queries.docs, p.queries.ids,
+        p.resident.docs, p.resident.ids, &matrix, compute_topk, run.library_file.c_str(),
+        run.use_gpu);
   return matrix;
+}
+
+float* run_mode(const Problem& problem, const LibraryRun& run) {
+  if (run.mode == Mode::split) return run_split(problem, run);
+  if (run.mode == Mode::scale_out) return run_scale_out(problem, run);
+  return run_two_way(problem, run);
 }
 
 }  // namespace
 
-Mode mode_of(std::string_view name) {
-  if (name == "ground") return Mode::ground;
-  if (name == "split") return Mode::split;
-  if (name == "scale-out") return Mode::scale_out;
-  return Mode::two_way;
+std::string own_library_file(const LibraryRun& run) {
+  if (splits_queries(run.mode)) {
+    return fmt::format("{}.thread{}-{}", run.library_file, local_id, myid);
+  }
+  return myid == 0 && !run.want_matrix ? run.library_file : "";
 }
 
-std::string own_library_file(Mode mode, bool want_matrix, const std::string& library_file) {
-  if (mode != Mode::split) return fmt::format("{}.thread{}-{}", library_file, local_id, myid);
-  return myid == 0 && !want_matrix ? library_file : "";
-}
-
-RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool use_gpu,
-                       bool want_matrix, const std::string& library_file, bool show_progress) {
+RunOutcome run_library(const Problem& problem, const LibraryRun& run) {
   const Sizes n = sizes_of(problem);
   RunOutcome outcome;
-  outcome.lists = empty_lists(n.queries, k);
-  Progress progress(show_progress, static_cast<double>(n.queries) * n.resident);
-  Collector collector{&outcome.lists, &progress, mode, 0};
-  batch_finished = collect;
-  batch_finished_context = &collector;
-
-  barrier_mpi();
-  const double began = When();
-  const char* file = library_file.c_str();
-  if (mode == Mode::split) {
-    outcome.matrix.reset(run_split(problem, k, delta, use_gpu, want_matrix, file));
-    if (want_matrix) select_from_matrix(outcome.matrix.get(), outcome.lists);
-  } else if (mode == Mode::scale_out) {
-    outcome.matrix.reset(run_scale_out(problem, k, delta, use_gpu, file));
-  } else {
-    outcome.matrix.reset(run_two_way(problem, mode, k, delta, use_gpu, file));
+  outcome.lists = empty_lists(n.queries, run.k);
+  const double pairs = static_cast<double>(n.queries) * n.resident;
+  Collector collector{outcome.lists, {run.show_progress, pairs}, run.mode};
+  {
+    const BatchHook hook(collector);
+    barrier_mpi();
+    const double began = When();
+    outcome.matrix.reset(run_mode(problem, run));
+    if (run.mode == Mode::split && run.want_matrix) {
+      select_from_matrix(outcome.matrix.get(), outcome.lists);
+    }
+    barrier_mpi();
+    outcome.seconds = When() - began;
   }
-  barrier_mpi();
-  outcome.seconds = When() - began;
-  progress.clear();
-  batch_finished = nullptr;
-  batch_finished_context = nullptr;
+  collector.progress.clear();
 
   outcome.matrix_rows = grp_length[myid];
-  outcome.matrix_cols = splits_queries(mode) ? n.resident : n.queries;
-  if (!want_matrix) outcome.matrix.reset();
-  const int from_first_process = myid == 0 && !want_matrix ? n.queries : 0;
-  require_all(collector.collected, splits_queries(mode) ? grp_length[myid] : from_first_process);
-  if (splits_queries(mode)) {
+  outcome.matrix_cols = splits_queries(run.mode) ? n.resident : n.queries;
+  if (!run.want_matrix) outcome.matrix.reset();
+  const int from_first_process = myid == 0 && !run.want_matrix ? n.queries : 0;
+  require_all(collector.collected,
+              splits_queries(run.mode) ? grp_length[myid] : from_first_process);
+  if (splits_queries(run.mode)) {
     gather_groups(outcome.lists);
   } else {
     share_from_first_process(outcome.lists);

@@ -5,20 +5,25 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <string_view>
 
-#include "npy.hpp"
 #include "problem.hpp"
 #include "result_lists.hpp"
+#include "run_options.hpp"
 
 namespace talvik::tool {
 
-enum class Mode { two_way, ground, split, scale_out };
-
-Mode mode_of(std::string_view name);  ///< as the option spells it
-
 /// The split-resident mode divides the resident collection; the others divide the queries.
 constexpr bool splits_queries(Mode mode) { return mode != Mode::split; }
+
+struct LibraryRun {
+  Mode mode = Mode::two_way;
+  int k = 1;                 ///< length of the lists; 1 <= k <= resident documents
+  int steps = 0;             ///< capacity steps
+  bool use_gpu = false;      ///< distances on the GPU, which there must be
+  bool want_matrix = false;  ///< keep the distances
+  std::string library_file;  ///< under this name the library may write its own result files
+  bool show_progress = false;
+};
 
 struct Free {
   void operator()(float* array) const { std::free(array); }
@@ -35,17 +40,11 @@ struct RunOutcome {
   double seconds = 0;  ///< of the library's run, without the gathering
 };
 
-/// @param k              1 <= k <= resident documents
-/// @param use_gpu        distances on the GPU, which there must be
-/// @param want_matrix    keep the distances
-/// @param library_file   name under which the library may write its own result files
-/// @param show_progress  a line on this process's standard error
-/// Collective.
-RunOutcome run_queries(const Problem& problem, Mode mode, int k, int delta, bool use_gpu,
-                       bool want_matrix, const std::string& library_file, bool show_progress);
+/// Leaves the split of the run in place.  Throws RunError.  Collective.
+RunOutcome run_library(const Problem& problem, const LibraryRun& run);
 
 /// The name of the result file that this process's library will create, or an empty text.
-std::string own_library_file(Mode mode, bool want_matrix, const std::string& library_file);
+std::string own_library_file(const LibraryRun& run);
 
 }  // namespace talvik::tool
 

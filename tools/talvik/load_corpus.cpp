@@ -9,11 +9,13 @@
 #include <charconv>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string_view>
 #include <tuple>
 
-#include "input_checks.hpp"
-#include "parse/tokens.hpp"
+#include "embedding_input.hpp"
+#include "input_files.hpp"
+#include "parse/text_document.hpp"
 #include "run_error.hpp"
 
 namespace talvik::tool {
@@ -39,7 +41,7 @@ void require_readable_directories(const std::string& root) {
   while (!error && at != fs::recursive_directory_iterator()) {
     std::error_code closed;
     if (at->is_directory(closed) && !at->is_symlink(closed)) {
-      fs::directory_iterator(at->path(), closed);
+      const fs::directory_iterator opened(at->path(), closed);
       if (closed) throw RunError(at->path().string() + ": cannot be opened: " + closed.message());
     }
     at.increment(error);
@@ -60,22 +62,28 @@ unsigned long id_of(const std::string& path, const std::string& name) {
   return id;
 }
 
-void count_words(const std::string& text, const VocabularyMap& voc, LoadedCollection& collection) {
-  std::string word;
-  internal::for_each_token(text, [&](std::string_view token) {
-    if (token.empty()) return;
-    word = internal::clean_token(token);
-    ++collection.words_read;
-    if (voc.find(word) == voc.end()) ++collection.words_unknown;
-  });
+// Makes a text's document and counts its words.
+int make_document(std::string_view text, const CorpusOptions& options, const WordNumbers& words,
+                  LoadedCollection& collection, Document& doc) {
+  const auto find = [&](std::string_view word) {
+    const auto known = words.find(word);
+    const bool unknown = known == words.end();
+    collection.words_read += !word.empty();
+    collection.words_unknown += unknown && !word.empty();
+    return unknown ? std::nullopt : std::optional(known->second);
+  };
+  const internal::DocumentRule rule{.max_words = options.max_words,
+                                    .skip_index = options.skip_index,
+                                    .norm_type = weights_sum_to_one};
+  return internal::append_text(text, find, rule, doc);
 }
 
 LoadedCollection read_collection(const std::string& root, const std::vector<CorpusFile>& files,
-                                 int limit, const CorpusOptions& options, VocabularyMap& voc,
+                                 int limit, const CorpusOptions& options, const WordNumbers& words,
                                  const std::map<std::string, unsigned long>& class_numbers) {
   LoadedCollection collection;
   for (const int number : choose_spread(static_cast<int>(files.size()), limit)) {
-    const CorpusFile& file = files[static_cast<size_t>(number)];
+    const CorpusFile& file = files[number];
     std::string text;
     // The size is asked for first, as the reader prints a line about an empty file.
     std::error_code error;
@@ -84,11 +92,8 @@ LoadedCollection read_collection(const std::string& root, const std::vector<Corp
     if (error || (size > 0 && ReadFileIntoString(file.path.c_str(), text, binary) <= 0)) {
       throw RunError(file.path + ": cannot be read");
     }
-    count_words(text, voc, collection);
     Document doc;
-    const int words = parse_single_doc(std::move(text), voc, doc, options.max_words,
-                                       options.skip_index, weights_sum_to_one);
-    if (words <= 0) {
+    if (make_document(text, options, words, collection, doc) == 0) {
       collection.dropped.push_back(file.path + (size == 0 ? ": empty" : ": no known word"));
       continue;
     }
@@ -102,37 +107,6 @@ LoadedCollection read_collection(const std::string& root, const std::vector<Corp
   }
   finish_collection(collection, root);
   return collection;
-}
-
-VocabularyMap read_embeddings(const std::string& path, Problem& problem) {
-  const EmbeddingFacts facts = check_embedding_file(path);
-  constexpr long long most = std::numeric_limits<int>::max();
-  if (facts.num_words > most) throw RunError(path + ": holds more words than one run can number");
-  if (facts.num_zero_rows > 0) {
-    std::string named;
-    for (const std::string& word : facts.zero_words) named += (named.empty() ? "" : ", ") + word;
-    problem.warnings.push_back(fmt::format(
-        "{}: {} word(s) with a zero vector: {}{}", path, facts.num_zero_rows, named,
-        facts.num_zero_rows > static_cast<long long>(facts.zero_words.size()) ? ", ..." : ""));
-  }
-  if (facts.trailing_bytes > 0) {
-    problem.warnings.push_back(
-        fmt::format("{}: {} bytes follow the last of {} records and are not read (a wrong header?)",
-                    path, facts.trailing_bytes, facts.num_words));
-  }
-
-  VocabularyMap voc;
-  float* vectors = nullptr;
-  long long vec_size = 0, voc_size = 0;
-  const bool write_vocabulary = false;
-  if (!parse_embedding_file(path.c_str(), write_vocabulary, nullptr, voc, &vectors, vec_size,
-                            voc_size)) {
-    throw RunError(path + ": cannot be read");
-  }
-  problem.embeddings.reset(vectors);
-  problem.voc_size = static_cast<int>(voc_size);
-  problem.vec_size = static_cast<int>(vec_size);
-  return voc;
 }
 
 }  // namespace
@@ -149,7 +123,7 @@ std::vector<CorpusFile> list_corpus(const std::string& root_as_given) {
   for (size_t i = 0; i < names.size(); ++i) {
     const std::string class_name = class_below(root, dirs[i]);
     if (class_name.empty()) continue;
-    const std::string path = root + "/" + class_name + "/" + names[i];
+    const std::string path = fmt::format("{}/{}/{}", root, class_name, names[i]);
     files.push_back({class_name, names[i], path, id_of(path, names[i])});
   }
   if (files.empty()) {
@@ -176,14 +150,18 @@ Problem load_corpus(const CorpusOptions& options) {
   for (auto& [name, number] : class_numbers) number = next++;
 
   Problem problem;
-  VocabularyMap voc = read_embeddings(options.embeddings, problem);
+  WordVectors words = read_word_vectors(options.embeddings);
+  problem.embeddings = std::move(words.vectors);
+  problem.voc_size = words.voc_size;
+  problem.vec_size = words.vec_size;
+  problem.warnings = std::move(words.warnings);
   problem.resident = read_collection(options.resident, resident, options.limit_resident, options,
-                                     voc, class_numbers);
+                                     words.vocabulary, class_numbers);
   if (self_run) {
     make_self_run(problem, options.limit_queries);
   } else {
-    problem.queries = read_collection(options.queries, queries, options.limit_queries, options, voc,
-                                      class_numbers);
+    problem.queries = read_collection(options.queries, queries, options.limit_queries, options,
+                                      words.vocabulary, class_numbers);
   }
   return problem;
 }

@@ -3,7 +3,7 @@
 
 #include <fmt/core.h>
 
-#include "input_checks.hpp"
+#include "idx_input.hpp"
 #include "run_error.hpp"
 
 namespace talvik::tool {
@@ -30,7 +30,7 @@ LoadedCollection read_images(const std::string& image_path, const std::string& l
   problem.vec_size = static_cast<int>(vec_size);
 
   LoadedCollection collection;
-  const size_t read = limit > 0 ? std::min(docs.size(), static_cast<size_t>(limit)) : docs.size();
+  const size_t read = limit > 0 ? std::min<size_t>(docs.size(), limit) : docs.size();
   for (size_t i = 0; i < read; ++i) {
     if (docs[i].empty()) {
       collection.dropped.push_back(fmt::format("{}: image {}: all pixels are zero", image_path, i));

@@ -3,6 +3,7 @@
 #include <unistd.h>  // sleep
 
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -34,9 +35,7 @@ int answer(const CLI::App& app, const CLI::ParseError& error) {
   return usage_error ? status_usage : status_ok;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app("Nearest documents by relaxed word mover's distance", "talvik");
   app.set_version_flag("--version", "talvik " TALVIK_VERSION);
   app.require_subcommand(1);
@@ -61,4 +60,15 @@ int main(int argc, char** argv) {
     return answer(app, error);
   }
   return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {  // before or after a command, which end by themselves
+    std::fprintf(stderr, "talvik: %s\n", error.what());
+    return status_failed;
+  }
 }

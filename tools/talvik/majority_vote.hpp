@@ -29,14 +29,13 @@ inline std::vector<double> vote_errors(const ResultLists& lists, const std::vect
   std::vector<double> errors(sizes.size(), 0.0);
   std::vector<std::pair<unsigned long, int>> votes;  // classes in the order of their nearest member
   for (int q = 0; q < lists.num_queries; ++q) {
-    const int* neighbours = lists.neighbours.data() +
-                            static_cast<size_t>(q) * static_cast<size_t>(lists.k) +
-                            (skip_first ? 1 : 0);
+    const int* neighbours =
+        lists.neighbours.data() + internal::elements(q, lists.k) + (skip_first ? 1 : 0);
     votes.clear();
     int voters = 0;
     for (size_t s = 0; s < sizes.size(); ++s) {
       for (; voters < sizes[s]; ++voters) {
-        const unsigned long label = resident_classes[static_cast<size_t>(neighbours[voters])];
+        const unsigned long label = resident_classes[neighbours[voters]];
         const auto known = std::find_if(votes.begin(), votes.end(),
                                         [label](const auto& vote) { return vote.first == label; });
         if (known == votes.end()) {
@@ -48,7 +47,7 @@ inline std::vector<double> vote_errors(const ResultLists& lists, const std::vect
       const auto winner =  // the first of equals
           std::max_element(votes.begin(), votes.end(),
                            [](const auto& a, const auto& b) { return a.second < b.second; });
-      if (winner->first != query_classes[static_cast<size_t>(q)]) errors[s] += 1.0;
+      if (winner->first != query_classes[q]) errors[s] += 1.0;
     }
   }
   for (double& error : errors) error /= std::max(lists.num_queries, 1);

@@ -40,11 +40,11 @@ class MappedFile {
 
  private:
   struct Unmap {
-    size_t size = 0;
+    size_t size;
     void operator()(const char* bytes) const { munmap(const_cast<char*>(bytes), size); }
   };
   using Bytes = std::unique_ptr<const char, Unmap>;
-  Bytes bytes_;
+  Bytes bytes_{nullptr, Unmap{0}};
 };
 
 }  // namespace talvik::tool

@@ -1,13 +1,44 @@
-// What this machine has, and whether a plan fits.
 #include "memory_plan.hpp"
 
 #include <fmt/core.h>
 #include <unistd.h>  // sysconf
 
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
+#include "libwmd/cpu/sizes.hpp"
+#include "talvik.hpp"
+#include "talvik/batch_sizes.hpp"
+
 namespace talvik::tool {
+
+MemoryPlan plan_memory(const RunShape& shape) {
+  constexpr double float_bytes = sizeof(float);
+  constexpr double entry_bytes = sizeof(Document::value_type);
+  constexpr double list_entry_bytes = sizeof(int) + sizeof(float);
+  constexpr double copies = 2;  // the library works on copies of its own
+  constexpr double batch_floats = internal::batch_budget_floats;
+  constexpr double engine_floats = internal::engine_floats_most;
+  // Counts as doubles: their products pass 64 bits.
+  const auto area = [](long long rows, long long cols) {
+    return static_cast<double>(rows) * static_cast<double>(cols);
+  };
+  MemoryPlan plan;
+  plan.data_bytes = copies * (float_bytes * static_cast<double>(shape.embedding_floats) +
+                              entry_bytes * static_cast<double>(shape.entries)) +
+                    list_entry_bytes * static_cast<double>(shape.list_entries);
+  plan.matrix_bytes = float_bytes * area(shape.matrix_rows, shape.matrix_cols);
+  plan.ground_bytes = float_bytes * area(shape.ground_words, shape.ground_words);
+  const double distances = shape.matrix_rows > 0 ? plan.matrix_bytes / float_bytes : batch_floats;
+  const double vectors = shape.ground_words > 0 ? 0 : area(shape.batch_entries, shape.vec_size);
+  const double tables = area(shape.batch_entries, shape.used_words);
+  plan.working_bytes =
+      float_bytes * (std::min(distances, batch_floats) + std::min(vectors, batch_floats) +
+                     std::min(tables, engine_floats));
+  plan.total_bytes = plan.data_bytes + plan.matrix_bytes + plan.ground_bytes + plan.working_bytes;
+  return plan;
+}
 
 std::string in_gib(double bytes) { return fmt::format("{:.2f} GiB", bytes / gib); }
 

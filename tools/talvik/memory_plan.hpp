@@ -2,7 +2,6 @@
 #ifndef TALVIK_TOOL_MEMORY_PLAN_HPP
 #define TALVIK_TOOL_MEMORY_PLAN_HPP
 
-#include <algorithm>
 #include <string>
 
 namespace talvik::tool {
@@ -31,30 +30,7 @@ struct MemoryPlan {
 constexpr double gib = 1024.0 * 1024.0 * 1024.0;
 
 /// Per process.
-inline MemoryPlan plan_memory(const RunShape& shape) {
-  constexpr double float_bytes = 4, entry_bytes = 8, list_entry_bytes = 8;
-  constexpr double copies = 2;                    // the library works on copies of its own
-  constexpr double most_engine_floats = 1 << 27;  // 512 MiB
-  constexpr double most_batch_floats = 1 << 26;   // a batch's distances, and again its vectors
-  MemoryPlan plan;
-  plan.data_bytes = copies * (float_bytes * static_cast<double>(shape.embedding_floats) +
-                              entry_bytes * static_cast<double>(shape.entries)) +
-                    list_entry_bytes * static_cast<double>(shape.list_entries);
-  plan.matrix_bytes =
-      float_bytes * static_cast<double>(shape.matrix_rows) * static_cast<double>(shape.matrix_cols);
-  plan.ground_bytes = float_bytes * static_cast<double>(shape.ground_words) *
-                      static_cast<double>(shape.ground_words);
-  const auto batch = static_cast<double>(shape.batch_entries);
-  const double distances =
-      shape.matrix_rows > 0 ? plan.matrix_bytes / float_bytes : most_batch_floats;
-  const double vectors = shape.ground_words > 0 ? 0 : batch * static_cast<double>(shape.vec_size);
-  const double tables = batch * static_cast<double>(shape.used_words);
-  plan.working_bytes =
-      float_bytes * (std::min(distances, most_batch_floats) + std::min(vectors, most_batch_floats) +
-                     std::min(tables, most_engine_floats));
-  plan.total_bytes = plan.data_bytes + plan.matrix_bytes + plan.ground_bytes + plan.working_bytes;
-  return plan;
-}
+MemoryPlan plan_memory(const RunShape& shape);
 
 /// "1.50 GiB".
 std::string in_gib(double bytes);

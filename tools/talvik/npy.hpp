@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "output_file.hpp"
+#include "atomic_output.hpp"
 
 namespace talvik::tool {
 
@@ -13,10 +13,10 @@ namespace talvik::tool {
 std::string npy_header(long long rows, long long cols);
 
 /// Writes rows x cols floats, row-major, as they are.
-void write_npy(OutputFile& file, const float* data, long long rows, long long cols);
+void write_npy(AtomicFile& file, const float* data, long long rows, long long cols);
 
 /// Writes the transpose, cols x rows.
-void write_npy_transposed(OutputFile& file, const float* data, long long rows, long long cols);
+void write_npy_transposed(AtomicFile& file, const float* data, long long rows, long long cols);
 
 /// A matrix's part in a file of its own, as one process wrote it.
 struct Shard {
@@ -28,7 +28,7 @@ struct Shard {
 enum class Join { one_below_the_other, side_by_side };
 
 /// Writes the shards as one matrix, in their order; a row at a time, whatever their size.
-void merge_npy(OutputFile& file, const std::vector<Shard>& shards, Join join);
+void merge_npy(AtomicFile& file, const std::vector<Shard>& shards, Join join);
 
 }  // namespace talvik::tool
 

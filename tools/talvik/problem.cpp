@@ -7,16 +7,15 @@
 #include <limits>
 
 #include "run_error.hpp"
+#include "talvik/split.hpp"
 
 namespace talvik::tool {
 
 void finish_collection(LoadedCollection& collection, const std::string& source) {
   constexpr long long most = std::numeric_limits<int>::max();
   collection.entries = 0;
-  for (const Document& doc : collection.docs) {
-    collection.entries += static_cast<long long>(doc.size());
-  }
-  if (static_cast<long long>(collection.docs.size()) >= most || collection.entries > most) {
+  for (const Document& doc : collection.docs) collection.entries += std::ssize(doc);
+  if (std::ssize(collection.docs) >= most || collection.entries > most) {
     throw RunError(fmt::format("{}: {} documents with {} entries are more than one run can hold",
                                source, collection.docs.size(), collection.entries));
   }
@@ -28,25 +27,23 @@ void make_self_run(Problem& problem, int limit) {
   LoadedCollection& queries = problem.queries;
   queries = {};
   for (const int number : problem.self_of_query) {
-    const auto at = static_cast<size_t>(number);
-    queries.docs.push_back(all.docs[at]);
-    queries.ids.push_back(all.ids[at]);
-    queries.classes.push_back(all.classes[at]);
-    queries.entries += static_cast<long long>(all.docs[at].size());
+    queries.docs.push_back(all.docs[number]);
+    queries.ids.push_back(all.ids[number]);
+    queries.classes.push_back(all.classes[number]);
+    queries.entries += std::ssize(all.docs[number]);
   }
 }
 
 std::vector<int> choose_spread(int count, int limit) {
   const int chosen = limit > 0 ? std::min(limit, count) : count;
-  std::vector<int> numbers(static_cast<size_t>(chosen));
-  for (int i = 0; i < chosen; ++i) {
-    numbers[static_cast<size_t>(i)] = static_cast<int>(static_cast<long long>(i) * count / chosen);
-  }
+  std::vector<int> numbers;
+  numbers.reserve(chosen);
+  for (long long i = 0; i < chosen; ++i) numbers.push_back(static_cast<int>(i * count / chosen));
   return numbers;
 }
 
 int count_used_words(const Problem& problem) {
-  std::vector<bool> used(static_cast<size_t>(problem.voc_size), false);
+  std::vector<bool> used(problem.voc_size, false);
   for (const LoadedCollection* collection : {&problem.resident, &problem.queries}) {
     for (const Document& doc : collection->docs) {
       for (const auto& entry : doc) used[entry.first] = true;
@@ -59,23 +56,27 @@ int count_shared_ids(const LabelList& ids) {
   LabelList sorted = ids;
   std::sort(sorted.begin(), sorted.end());
   int shared = 0;
-  for (size_t at = 0; at < sorted.size();) {
-    const auto next = std::upper_bound(sorted.begin() + static_cast<std::ptrdiff_t>(at),
-                                       sorted.end(), sorted[at]);
-    const auto end = static_cast<size_t>(next - sorted.begin());
-    if (end - at > 1) ++shared;
-    at = end;
+  for (auto at = sorted.begin(); at != sorted.end();) {
+    const auto next = std::upper_bound(at, sorted.end(), *at);
+    if (next - at > 1) ++shared;
+    at = next;
   }
   return shared;
 }
 
 int largest_group(const LoadedCollection& collection) {
+  const auto groups =
+      internal::split_documents(collection.docs, static_cast<int>(collection.docs.size()),
+                                static_cast<int>(collection.entries), num_procs);
+  return std::max_element(groups.begin(), groups.end(),
+                          [](const auto& a, const auto& b) { return a.length < b.length; })
+      ->length;
+}
+
+void split_over_processes(const LoadedCollection& collection) {
   cleanup_distribution_info();
   load_balancing(collection.docs, static_cast<int>(collection.docs.size()),
                  static_cast<int>(collection.entries));
-  const int largest = *std::max_element(grp_length, grp_length + num_procs);
-  cleanup_distribution_info();
-  return largest;
 }
 
 }  // namespace talvik::tool

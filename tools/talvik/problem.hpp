@@ -53,9 +53,11 @@ int count_used_words(const Problem& problem);
 /// Identifiers that stand for more than one document.
 int count_shared_ids(const LabelList& ids);
 
-/// Documents of the largest group when the library splits the collection over the processes.  Drops
-/// the distribution info.
+/// Documents of the largest group when the library splits the collection over the processes.
 int largest_group(const LoadedCollection& collection);
+
+/// Makes the library's split of the collection over the processes, in the place of an earlier one.
+void split_over_processes(const LoadedCollection& collection);
 
 }  // namespace talvik::tool
 

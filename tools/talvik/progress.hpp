@@ -1,9 +1,10 @@
-// Progress of a run on standard error: phase, share, rate, remaining time.
+// Progress of a run: phase, share, rate, remaining time.
 #ifndef TALVIK_TOOL_PROGRESS_HPP
 #define TALVIK_TOOL_PROGRESS_HPP
 
 #include <string>
 
+#include "status_line.hpp"
 #include "talvik.hpp"
 
 namespace talvik::tool {
@@ -13,22 +14,21 @@ namespace talvik::tool {
 /// @param pairs     of the whole phase, all processes together
 std::string progress_line(const std::string& phase, double fraction, double pairs, double seconds);
 
-/// Shows a line that overwrites itself.  Assumes that all processes go on at the same rate.
+/// Shows how far a run is, batch by batch.  Assumes that all processes go on at the same rate.
 class Progress {
  public:
   /// @param shown  false: every call does nothing
-  Progress(bool shown, double pairs) : shown_(shown), pairs_(pairs) {}
+  Progress(bool shown, double pairs) : line_(shown), pairs_(pairs) {}
   void batch_done(const std::string& phase, const BatchResult& batch);
-  void clear();
+  void clear() { line_.clear(); }
 
  private:
-  bool shown_;
+  StatusLine line_;
   double pairs_;
   std::string phase_;
   int first_query_ = 0;
-  double phase_began_ = When();
-  double last_shown_ = 0;
-  size_t width_ = 0;
+  double phase_began_ = 0;  // seconds of the line
+  double last_batch_ = 0;
 };
 
 }  // namespace talvik::tool

@@ -30,7 +30,7 @@ void print_warnings(const Problem& problem, const RunOptions& options) {
     fmt::print(stderr, "talvik: warning: {}\n", warning);
   }
   const int shared = count_shared_ids(problem.resident.ids);
-  if (options.by == "id" && shared > 0) {
+  if (options.naming == Naming::by_id && shared > 0) {
     fmt::print(stderr,
                "talvik: warning: {} identifier(s) stand for several resident documents; --by index "
                "tells them apart\n",
@@ -46,15 +46,13 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
   const LoadedCollection& resident = problem.resident;
   const LoadedCollection& queries = problem.queries;
   fmt::print("{:<20}{:>12}{}\n", "", "resident", self ? "" : "     queries");
-  print_row("documents", static_cast<long long>(resident.docs.size()),
-            static_cast<long long>(queries.docs.size()), self);
+  print_row("documents", std::ssize(resident.docs), std::ssize(queries.docs), self);
   print_row("entries", resident.entries, queries.entries, self);
   if (resident.words_read > 0) {
     print_row("words", resident.words_read, queries.words_read, self);
     print_row("out of vocabulary", resident.words_unknown, queries.words_unknown, self);
   }
-  print_row("empty, left out", static_cast<long long>(resident.dropped.size()),
-            static_cast<long long>(queries.dropped.size()), self);
+  print_row("empty, left out", std::ssize(resident.dropped), std::ssize(queries.dropped), self);
   if (self) {
     fmt::print("{:<20}{:>12}\n", "queries, of these", queries.docs.size());
   }
@@ -64,8 +62,9 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
              facts.k < options.k
                  ? fmt::format(" ({} asked for, the collection has no more)", options.k)
                  : "");
-  fmt::print("run                 {:>12}, delta {}, {}{}\n", options.mode, options.delta,
-             options.metric, normalize_embeddings ? ", normalised" : "");
+  fmt::print("run                 {:>12}, steps {}, {}{}\n", name_of(options.mode, mode_names),
+             options.steps, name_of(options.metric, metric_names),
+             normalize_embeddings ? ", normalised" : "");
   const char* gpu = !options.gpu        ? ""
                     : gpu_is_emulated() ? ", GPU emulated on the CPU (slow)"
                                         : ", GPU";
@@ -92,13 +91,11 @@ void report_after(const Problem& problem, const ResultLists& lists, bool skip_fi
   }
   LabelList query_classes = problem.queries.classes;
   LabelList resident_classes = problem.resident.classes;
-  cleanup_distribution_info();
-  load_balancing(problem.queries.docs, lists.num_queries,
-                 static_cast<int>(problem.queries.entries));
+  split_over_processes(problem.queries);
   std::vector<int> rows = lists.neighbours;
-  const size_t own = static_cast<size_t>(grp_start[myid]) * static_cast<size_t>(lists.k);
+  int* const own = rows.data() + internal::elements(grp_start[myid], lists.k);
   const bool print_results = true;
-  evaluate_topk_precision(lists.num_queries, lists.k, rows.data() + own, query_classes.data(),
+  evaluate_topk_precision(lists.num_queries, lists.k, own, query_classes.data(),
                           resident_classes.data(), skip_first, print_results);
   cleanup_distribution_info();
   if (myid != 0) return;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "internal/index.hpp"
+
 namespace talvik::tool {
 
 /// Row q starts at q*k: resident document numbers and distances, nearest first.
@@ -16,7 +18,7 @@ struct ResultLists {
 };
 
 inline ResultLists empty_lists(int num_queries, int k) {
-  const size_t size = static_cast<size_t>(num_queries) * static_cast<size_t>(k);
+  const internal::Index size = internal::elements(num_queries, k);
   return {num_queries, k, std::vector<int>(size, 0), std::vector<float>(size, 0.0f)};
 }
 
@@ -27,14 +29,14 @@ inline ResultLists empty_lists(int num_queries, int k) {
 inline void put_self_first(ResultLists& lists, const std::vector<int>& self_of_query) {
   if (lists.k == 0) return;
   for (int q = 0; q < lists.num_queries; ++q) {
-    const size_t row = static_cast<size_t>(q) * static_cast<size_t>(lists.k);
-    const auto first = lists.neighbours.begin() + static_cast<std::ptrdiff_t>(row);
-    const auto found = std::find(first, first + lists.k, self_of_query[static_cast<size_t>(q)]);
+    const internal::Index row = internal::elements(q, lists.k);
+    const auto first = lists.neighbours.begin() + row;
+    const auto found = std::find(first, first + lists.k, self_of_query[q]);
     const bool pushed_out = found == first + lists.k;
     const auto place = pushed_out ? lists.k - 1 : found - first;
-    const auto distance = lists.distances.begin() + static_cast<std::ptrdiff_t>(row);
+    const auto distance = lists.distances.begin() + row;
     if (pushed_out) {
-      first[place] = self_of_query[static_cast<size_t>(q)];
+      first[place] = self_of_query[q];
       distance[place] = 0;
     }
     std::rotate(first, first + place, first + place + 1);

@@ -7,13 +7,15 @@
 #include <cmath>
 #include <iterator>
 
+#include "internal/index.hpp"
+
 namespace talvik::tool {
 namespace {
 
 constexpr size_t piece_bytes = size_t{1} << 20;
 
 unsigned long name_of(const LabelList* names, int document) {
-  return names ? (*names)[static_cast<size_t>(document)] : static_cast<unsigned long>(document);
+  return names ? (*names)[document] : static_cast<unsigned long>(document);
 }
 
 void append_line(fmt::memory_buffer& text, Format format, unsigned long query,
@@ -41,12 +43,6 @@ void append_line(fmt::memory_buffer& text, Format format, unsigned long query,
 
 }  // namespace
 
-Format format_of(std::string_view name) {
-  if (name == "tsv") return Format::tsv;
-  if (name == "jsonl") return Format::jsonl;
-  return Format::library;
-}
-
 void write_results(const ResultLists& lists, bool skip_first, Format format,
                    const DocumentNames& names,
                    const std::function<void(const std::string&)>& write) {
@@ -58,8 +54,7 @@ void write_results(const ResultLists& lists, bool skip_first, Format format,
   for (int q = 0; q < lists.num_queries; ++q) {
     const unsigned long query = name_of(names.queries, q);
     for (int j = skipped; j < lists.k; ++j) {
-      const size_t at =
-          static_cast<size_t>(q) * static_cast<size_t>(lists.k) + static_cast<size_t>(j);
+      const internal::Index at = internal::elements(q, lists.k) + j;
       append_line(text, format, query, name_of(names.resident, lists.neighbours[at]),
                   j - skipped + 1, lists.distances[at]);
     }

@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <string>
-#include <string_view>
 
 #include "result_lists.hpp"
 #include "talvik.hpp"
@@ -12,8 +11,6 @@
 namespace talvik::tool {
 
 enum class Format { library, tsv, jsonl };
-
-Format format_of(std::string_view name);  ///< "library", "tsv" or "jsonl"
 
 /// How documents are called in the file.  Null: by their number in the collection.
 struct DocumentNames {

@@ -1,14 +1,12 @@
 // The shared options and their texts.
 #include "run_options.hpp"
 
-#include <fmt/core.h>
-
-#include <cstdlib>
 #include <filesystem>
 
 namespace talvik::tool {
 namespace {
 
+constexpr double most_gib = 1e9;
 constexpr int most_threads = 4096;  // of far larger teams the threading library crashes
 
 bool same_file(const std::string& a, const std::string& b) {
@@ -21,18 +19,6 @@ bool same_file(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-CLI::Validator at_least(long long smallest) {
-  const auto check = [smallest](const std::string& text) {
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    const bool number = end != text.c_str() && *end == '\0';  // else the conversion complains
-    return number && value < static_cast<double>(smallest)
-               ? fmt::format("{} is below {}", text, smallest)
-               : std::string();
-  };
-  return CLI::Validator(check, fmt::format("(from {})", smallest));
-}
-
 void add_run_options(CLI::App& command, RunOptions& options) {
   command.add_option("--out", options.out, "Result file")->required()->type_name("FILE");
   command
@@ -40,21 +26,17 @@ void add_run_options(CLI::App& command, RunOptions& options) {
       ->check(at_least(1))
       ->capture_default_str();
   command
-      .add_option("--delta", options.delta,
+      .add_option("--steps,--delta", options.steps,
                   "Capacity steps: 0 sends every word whole to the nearest word, more are "
                   "closer to the full transport distance")
       ->check(at_least(0))
       ->capture_default_str();
-  command
-      .add_option("--mode", options.mode,
-                  "two-way: the larger of both directions; ground: the same over word distances "
-                  "computed once; split, scale-out: one direction, resident or query "
-                  "collection spread over the processes")
-      ->check(CLI::IsMember({"two-way", "ground", "split", "scale-out"}))
-      ->capture_default_str();
-  command.add_option("--metric", options.metric, "Word distance; cosine implies --normalise")
-      ->check(CLI::IsMember({"euclidean", "cosine"}))
-      ->capture_default_str();
+  add_choice(command, "--mode", options.mode, mode_names,
+             "two-way: the larger of both directions; ground: the same over word distances "
+             "computed once; split, scale-out: one direction, resident or query "
+             "collection spread over the processes");
+  add_choice(command, "--metric", options.metric, metric_names,
+             "Word distance; cosine implies --normalise");
   command.add_flag("--normalise,--normalize", options.normalise, "Word vectors to unit length");
   command.add_flag("--gpu", options.gpu,
                    "Compute distances on GPUs: process p of a machine takes GPU p");
@@ -67,15 +49,14 @@ void add_run_options(CLI::App& command, RunOptions& options) {
       ->check(at_least(1));
   command.add_option("--limit-queries", options.limit_queries, "At most so many queries")
       ->check(at_least(1));
-  command
-      .add_option("--format", options.format,
-                  "library: \"query\", \"neighbour\", \"distance\"; tsv, jsonl: query, "
-                  "neighbour, rank, distance in nine significant digits")
-      ->check(CLI::IsMember({"library", "tsv", "jsonl"}))
-      ->capture_default_str();
-  command.add_option("--by", options.by, "Name documents by identifier or by number from 0")
-      ->check(CLI::IsMember({"id", "index"}))
-      ->capture_default_str();
+  const Names<Format> formats = {
+      {"library", Format::library}, {"tsv", Format::tsv}, {"jsonl", Format::jsonl}};
+  add_choice(command, "--format", options.format, formats,
+             "library: \"query\", \"neighbour\", \"distance\"; tsv, jsonl: query, "
+             "neighbour, rank, distance in nine significant digits");
+  const Names<Naming> namings = {{"id", Naming::by_id}, {"index", Naming::by_index}};
+  add_choice(command, "--by", options.naming, namings,
+             "Name documents by identifier or by number from 0");
   auto* matrix = command
                      .add_option("--matrix", options.matrix,
                                  "Also write all distances: .npy, float32, queries x resident")
@@ -88,7 +69,7 @@ void add_run_options(CLI::App& command, RunOptions& options) {
       .add_option("--memory-limit", options.memory_limit_gib,
                   "GiB that the processes of a machine may plan for together (default: 80 % of "
                   "its memory)")
-      ->check(at_least(0));
+      ->check(CLI::Range(0.0, most_gib).description("(from 0)"));
   command.add_flag("--verbose", options.verbose, "List what was left out");
 }
 

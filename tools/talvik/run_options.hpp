@@ -3,33 +3,50 @@
 #define TALVIK_TOOL_RUN_OPTIONS_HPP
 
 #include <CLI/CLI.hpp>
+#include <limits>
 #include <string>
 #include <vector>
 
+#include "choice_option.hpp"
+#include "result_writer.hpp"
+
 namespace talvik::tool {
+
+enum class Mode { two_way, ground, split, scale_out };
+enum class Metric { euclidean, cosine };
+enum class Naming { by_id, by_index };  ///< of documents in the result file
+
+inline const Names<Mode> mode_names = {{"two-way", Mode::two_way},
+                                       {"ground", Mode::ground},
+                                       {"split", Mode::split},
+                                       {"scale-out", Mode::scale_out}};
+inline const Names<Metric> metric_names = {{"euclidean", Metric::euclidean},
+                                           {"cosine", Metric::cosine}};
 
 struct RunOptions {
   int k = 10;
-  int delta = 0;
-  std::string mode = "two-way";
-  std::string metric = "euclidean";
+  int steps = 0;
+  Mode mode = Mode::two_way;
+  Metric metric = Metric::euclidean;
   bool normalise = false;
   bool gpu = false;
   int threads = 0;         ///< 0: hardware threads over local processes
   int limit_resident = 0;  ///< 0: all
   int limit_queries = 0;   ///< 0: all
   std::string out;
-  std::string format = "library";
-  std::string by = "id";
+  Format format = Format::library;
+  Naming naming = Naming::by_id;
   std::string matrix;  ///< empty: none
   bool keep_shards = false;
   double memory_limit_gib = 0;  ///< 0: a share of this machine's memory
   bool verbose = false;
 };
 
-/// Accepts numbers from smallest on; what is no number at all is left to the option's own
-/// conversion.
-CLI::Validator at_least(long long smallest);
+/// Accepts whole numbers from `smallest` on.
+inline CLI::Validator at_least(int smallest) {
+  return CLI::Range(smallest, std::numeric_limits<int>::max())
+      .description("(from " + std::to_string(smallest) + ")");
+}
 
 void add_run_options(CLI::App& command, RunOptions& options);
 

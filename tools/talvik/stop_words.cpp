@@ -9,7 +9,7 @@
 
 namespace talvik::tool {
 
-const std::unordered_set<std::string>& english_stop_words() {
+const WordSet& english_stop_words() {
   static constexpr const char* text =
       // articles, pronouns and what stands for a noun
       "a an the i me my mine myself we us our ours ourselves you your yours yourself yourselves "
@@ -38,18 +38,18 @@ const std::unordered_set<std::string>& english_stop_words() {
       // stumps of don't, isn't, they'll, o'clock ...
       "don doesn didn isn aren wasn weren hasn haven hadn won wouldn shouldn couldn mustn needn "
       "ain o etc eg ie";
-  static const std::unordered_set<std::string> words = [] {
+  static const WordSet words = [] {
     std::istringstream list(text);
-    std::unordered_set<std::string> set;
+    WordSet set;
     for (std::string word; list >> word;) set.insert(word);
     return set;
   }();
   return words;
 }
 
-std::unordered_set<std::string> stop_words_from(const std::string& name_or_path) {
+WordSet stop_words_from(const std::string& name_or_path) {
   if (name_or_path == "english") return english_stop_words();
-  std::unordered_set<std::string> words;
+  WordSet words;
   TextLines lines(name_or_path);
   long long replaced = 0;
   for (std::string line; lines.next(line);) {

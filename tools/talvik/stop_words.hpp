@@ -3,17 +3,18 @@
 #define TALVIK_TOOL_STOP_WORDS_HPP
 
 #include <string>
-#include <unordered_set>
+
+#include "word_set.hpp"
 
 namespace talvik::tool {
 
 /// Function words of English, lower case, with the stumps that the cut at the apostrophe leaves
 /// ("don" of "don't").
-const std::unordered_set<std::string>& english_stop_words();
+const WordSet& english_stop_words();
 
 /// "english", or a file with a word a line.  Its words go through the same cuts as the texts'.
 /// Throws RunError.
-std::unordered_set<std::string> stop_words_from(const std::string& name_or_path);
+WordSet stop_words_from(const std::string& name_or_path);
 
 }  // namespace talvik::tool
 

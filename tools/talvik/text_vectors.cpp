@@ -1,36 +1,18 @@
-// Conversion of word vectors from text to the embedding file.
 #include "text_vectors.hpp"
 
 #include <fmt/core.h>
-#include <unistd.h>  // getpid
 
 #include <algorithm>
-#include <bit>
-#include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <optional>
-#include <string_view>
 
 #include "run_error.hpp"
-#include "text_lines.hpp"
 #include "tokenizer.hpp"
 
 namespace talvik::tool {
 namespace {
 
-static_assert(std::endian::native == std::endian::little, "floats are written as they lie");
-
-constexpr size_t zero_words_named = 5;
-constexpr int unannounced_count_digits = 10;  // room for the count of a file without a header
-
-struct Header {
-  long long words, dimensions;
-};
+using Header = TextVectors::Header;
 
 std::vector<std::string_view> fields_of(std::string_view line) {
   std::vector<std::string_view> fields;
@@ -73,67 +55,9 @@ bool looks_binary(std::string_view line) {
   long long invalid = 0;
   valid_utf8(line, invalid);
   return invalid > 0 || std::any_of(line.begin(), line.end(), [](char c) {
-           return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r';
+           return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r';
          });
 }
-
-// The output under a temporary name, renamed at the end.
-class EmbeddingFile {
- public:
-  EmbeddingFile(const std::string& path, int count_digits)
-      : path_(path),
-        temporary_(fmt::format("{}.partial-{}", path, getpid())),
-        count_digits_(count_digits) {
-    std::error_code ignored;
-    const auto status = std::filesystem::status(path, ignored);
-    if (std::filesystem::is_directory(status)) {
-      throw RunError(path + ": is a directory, the name of a file was expected");
-    }
-    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
-      throw RunError(path + ": exists and is not a regular file");  // a rename would replace it
-    }
-    file_ = std::fopen(temporary_.c_str(), "wb");
-    if (!file_) throw RunError(path + ": cannot be created: " + std::strerror(errno));
-  }
-  ~EmbeddingFile() {
-    if (file_) std::fclose(file_);
-    if (!temporary_.empty()) std::remove(temporary_.c_str());
-  }
-  EmbeddingFile(const EmbeddingFile&) = delete;
-  EmbeddingFile& operator=(const EmbeddingFile&) = delete;
-
-  void header(long long words, long long dimensions) {
-    write(fmt::format("{:>{}} {}\n", words, count_digits_, dimensions));
-  }
-  void record(std::string_view word, const std::vector<float>& row) {
-    write(word);
-    write(" ");
-    write({reinterpret_cast<const char*>(row.data()), row.size() * sizeof(float)});
-    write("\n");
-  }
-  // Writes the header again, over the one that stood for it, and puts the file into place.
-  void commit(long long words, long long dimensions) {
-    std::rewind(file_);
-    header(words, dimensions);
-    std::FILE* file = file_;
-    file_ = nullptr;
-    if (std::fclose(file) != 0) fail("written");
-    if (std::rename(temporary_.c_str(), path_.c_str()) != 0) fail("put into place");
-    temporary_.clear();
-  }
-
- private:
-  [[noreturn]] void fail(const char* what) {
-    throw RunError(fmt::format("{}: cannot be {}: {}", path_, what, std::strerror(errno)));
-  }
-  void write(std::string_view bytes) {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size()) fail("written");
-  }
-
-  std::string path_, temporary_;
-  int count_digits_;
-  std::FILE* file_ = nullptr;
-};
 
 // Dimensions of a file without a header: the numbers at the end of its first row.  At least one
 // field is left for the word, and a word may hold spaces.
@@ -145,7 +69,7 @@ long long numbers_at_end(const std::vector<std::string_view>& fields) {
 
 bool begins_with_word(std::string_view line) { return line.front() != ' ' && line.front() != '\t'; }
 
-// Fields that may be numbers: a blank in front stands for an empty word.
+// Fields that can be numbers: a blank in front stands for an empty word.
 size_t most_numbers(std::string_view line, const std::vector<std::string_view>& fields) {
   return fields.empty() ? 0 : fields.size() - (begins_with_word(line) ? 1 : 0);
 }
@@ -173,163 +97,69 @@ void read_row(std::string_view line, const std::vector<std::string_view>& fields
   }
 }
 
-// The header's dimensions size no array before the first row has shown that many fields.
-void require_row_of(const Header& header, const std::string& input, const TextLines& lines,
-                    std::string_view line) {
-  const auto fields = fields_of(line);
-  if (numbers_at_end(fields) < header.dimensions && looks_binary(line)) {
-    throw RunError(fmt::format("{}: is an embedding file already ({} words, {} dimensions)", input,
-                               header.words, header.dimensions));
-  }
-  const auto numbers = static_cast<long long>(most_numbers(line, fields));
-  if (numbers < header.dimensions) {
-    throw RunError(fmt::format("{}: {} numbers, the header announces {}", lines.place(), numbers,
-                               header.dimensions));
-  }
-}
-
-std::unordered_set<std::string> read_word_list(const std::string& path) {
-  std::unordered_set<std::string> words;
-  TextLines lines(path);
-  for (std::string line; lines.next(line);) {
-    if (!line.empty()) words.insert(line);
-  }
-  if (words.empty()) throw RunError(path + ": holds no words");
-  return words;
-}
-
-// Counts a row and tells whether it is to be written.
-bool wanted(std::string_view line, const std::vector<std::string_view>& fields,
-            const ConvertOptions& options, const std::unordered_set<std::string>& listed,
-            std::unordered_set<std::string>& seen, ConvertSummary& summary) {
-  const bool whole =
-      begins_with_word(line) && fields.size() == static_cast<size_t>(summary.dimensions) + 1;
-  if (!whole) return ++summary.with_space, false;
-  const std::string word(fields.front());
-  if (!options.words.empty() && !listed.contains(word)) return ++summary.not_listed, false;
-  if (!seen.insert(word).second) return ++summary.duplicates, false;
-  return true;
-}
-
-void note_zero_row(std::string_view word, const std::vector<float>& row, ConvertSummary& summary) {
-  if (std::any_of(row.begin(), row.end(), [](float value) { return value != 0; })) return;
-  if (summary.zero_words.size() < zero_words_named) summary.zero_words.emplace_back(word);
-  ++summary.zero_rows;
-}
-
-std::string progress_text(const TextLines& lines, const StatusLine& status) {
-  const double fraction = lines.fraction();
-  const double seconds = status.seconds();
-  const std::string rows = fmt::format("{} rows, {:.0f} rows/s", lines.number(),
-                                       static_cast<double>(lines.number()) / seconds);
-  if (fraction <= 0) return rows;
-  return fmt::format("{:.0f} %, {}, {:.0f} s left", 100 * fraction, rows,
-                     seconds * (1 - fraction) / fraction);
-}
-
 }  // namespace
 
-ConvertSummary convert_text_vectors(const ConvertOptions& options) {
-  const std::string& input = options.input;
-  std::error_code ignored;
-  if (std::filesystem::equivalent(input, options.output, ignored)) {
-    throw RunError(input + ": is both input and output");
-  }
-  std::unordered_set<std::string> listed;
-  if (!options.words.empty()) listed = read_word_list(options.words);
-
-  TextLines lines(input);
-  std::string line;
-  if (!lines.next(line)) throw RunError(input + ": is empty");
-  auto fields = fields_of(line);
-  std::optional<Header> header;
-  if (options.format != VectorFormat::without_header) header = header_of(fields);
-  if (!header && options.format == VectorFormat::with_header) {
-    throw RunError(lines.place() +
+TextVectors::TextVectors(const std::string& path, VectorFormat format) : path_(path), lines_(path) {
+  if (!lines_.next(line_)) throw RunError(path + ": is empty");
+  fields_ = fields_of(line_);
+  if (format != VectorFormat::without_header) header_ = header_of(fields_);
+  if (!header_ && format == VectorFormat::with_header) {
+    throw RunError(lines_.place() +
                    ": no header of two whole numbers, words and dimensions (a file of the format "
                    "glove has none)");
   }
-
-  ConvertSummary summary;
-  summary.dimensions = header ? header->dimensions : numbers_at_end(fields);
-  if (summary.dimensions < 1) throw RunError(lines.place() + ": no word followed by numbers");
-  bool more = true;
-  if (header) {
-    more = lines.next(line);
-    if (more) require_row_of(*header, input, lines, line);
+  dimensions_ = header_ ? header_->dimensions : numbers_at_end(fields_);
+  if (dimensions_ < 1) throw RunError(lines_.place() + ": no word followed by numbers");
+  if (header_) {
+    at_row_ = lines_.next(line_);
+    fields_ = fields_of(line_);
   }
-
-  EmbeddingFile output(options.output, header
-                                           ? static_cast<int>(std::to_string(header->words).size())
-                                           : unannounced_count_digits);
-  output.header(0, summary.dimensions);
-  std::vector<float> row(more ? static_cast<size_t>(summary.dimensions) : 0);
-  std::unordered_set<std::string> seen;
-  StatusLine status;
-  long long rows = 0, blank_line = 0;
-  for (; more; more = lines.next(line)) {
-    fields = fields_of(line);
-    if (fields.empty()) {  // harmless at the end of the file
-      blank_line = lines.number();
-      continue;
+  if (header_ && at_row_) {
+    // The header's dimensions size no array before the first row has shown that many fields.
+    if (numbers_at_end(fields_) < dimensions_ && looks_binary(line_)) {
+      throw RunError(fmt::format("{}: is an embedding file already ({} words, {} dimensions)", path,
+                                 header_->words, dimensions_));
     }
-    if (blank_line > 0) throw RunError(fmt::format("{}:{}: an empty line", input, blank_line));
-    if (header && rows == header->words) {
-      throw RunError(fmt::format("{}: a row more than the {} that the header announces",
-                                 lines.place(), header->words));
+    const auto numbers = static_cast<long long>(most_numbers(line_, fields_));
+    if (numbers < dimensions_) {
+      throw RunError(fmt::format("{}: {} numbers, the header announces {}", lines_.place(), numbers,
+                                 dimensions_));
     }
-    ++rows;
-    read_row(line, fields, lines.place(), row);
-    if (!wanted(line, fields, options, listed, seen, summary)) continue;
-    note_zero_row(fields.front(), row, summary);
-    output.record(fields.front(), row);
-    ++summary.words;
-    status.show([&] { return progress_text(lines, status); });
   }
-  if (header && rows < header->words) {
-    throw RunError(fmt::format("{}: the header announces {} words, the file holds {}", input,
-                               header->words, rows));
-  }
-  if (summary.words == 0) {
-    throw RunError(options.words.empty() ? input + ": holds no word that can be written"
-                                         : input + ": holds no word of " + options.words);
-  }
-  if (!listed.empty()) {
-    summary.listed_not_found = static_cast<long long>(listed.size()) - summary.words;
-  }
-  output.commit(summary.words, summary.dimensions);
-  return summary;
+  if (at_row_) vector_.resize(static_cast<size_t>(dimensions_));
 }
 
-std::unordered_set<std::string> read_embedding_words(const std::string& path) {
-  require_file(path);
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw RunError(path + ": cannot be opened: " + std::strerror(errno));
-  long long count = 0, dimensions = 0;
-  if (!(file >> count >> dimensions) || count < 1 || dimensions < 1) {
-    throw RunError(path + ": is no embedding file: it does not begin with two whole numbers");
+bool TextVectors::next() {
+  if (rows_ > 0) {
+    at_row_ = lines_.next(line_);
+    fields_ = fields_of(line_);
   }
-  const auto size = static_cast<long long>(std::filesystem::file_size(path));
-  constexpr auto float_bytes = static_cast<long long>(sizeof(float));
-  if (dimensions > size / float_bytes || count > size / (dimensions * float_bytes)) {
-    throw RunError(
-        fmt::format("{}: announces {} words of {} floats, which is more than its {} bytes", path,
-                    count, dimensions, size));
-  }
-  std::unordered_set<std::string> words;
-  words.reserve(static_cast<size_t>(count));
-  std::string word;
-  for (long long i = 0; i < count; ++i) {
-    if (file.peek() == '\n') file.get();
-    std::getline(file, word, ' ');
-    file.ignore(dimensions * float_bytes);
-    if (!file || file.gcount() != dimensions * float_bytes) {
-      throw RunError(
-          fmt::format("{}: ends within record {} of the {} that it announces", path, i + 1, count));
+  if (at_row_ && fields_.empty()) {  // harmless at the end of the file
+    const long long blank_line = lines_.number();
+    while (at_row_ && fields_.empty()) {
+      at_row_ = lines_.next(line_);
+      fields_ = fields_of(line_);
     }
-    words.insert(word);
+    if (at_row_) throw RunError(fmt::format("{}:{}: an empty line", path_, blank_line));
   }
-  return words;
+  if (!at_row_) {
+    if (header_ && rows_ < header_->words) {
+      throw RunError(fmt::format("{}: the header announces {} words, the file holds {}", path_,
+                                 header_->words, rows_));
+    }
+    return false;
+  }
+  if (header_ && rows_ == header_->words) {
+    throw RunError(fmt::format("{}: a row more than the {} that the header announces",
+                               lines_.place(), header_->words));
+  }
+  ++rows_;
+  read_row(line_, fields_, lines_.place(), vector_);
+  return true;
+}
+
+bool TextVectors::is_one_word() const {
+  return begins_with_word(line_) && std::ssize(fields_) == dimensions_ + 1;
 }
 
 }  // namespace talvik::tool

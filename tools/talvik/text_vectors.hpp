@@ -1,10 +1,13 @@
-// Word vectors as text, and the embedding file that the library reads.
+// Word vectors as text: rows "word number number ...", with or without a header line.
 #ifndef TALVIK_TOOL_TEXT_VECTORS_HPP
 #define TALVIK_TOOL_TEXT_VECTORS_HPP
 
+#include <optional>
 #include <string>
-#include <unordered_set>
+#include <string_view>
 #include <vector>
+
+#include "text_lines.hpp"
 
 namespace talvik::tool {
 
@@ -14,33 +17,42 @@ enum class VectorFormat {
   without_header,  ///< rows from the first line on: GloVe
 };
 
-struct ConvertOptions {
-  std::string input;
-  std::string output;
-  VectorFormat format = VectorFormat::automatic;
-  std::string words;  ///< file of the words to keep, one a line; empty: keep all
+/// Walks a file of word vectors row by row.  Every function throws RunError naming file and line.
+class TextVectors {
+ public:
+  struct Header {
+    long long words, dimensions;
+  };
+
+  TextVectors(const std::string& path, VectorFormat format);
+
+  /// By the header, or the numbers at the end of the first row.
+  long long dimensions() const { return dimensions_; }
+  const std::optional<Header>& header() const { return header_; }
+
+  /// Reads the next row; false at the end of the file, which holds as many rows as announced.
+  bool next();
+
+  // Of the row last read:
+  std::string_view word() const { return fields_.front(); }  ///< up to the first blank
+  /// False where the row begins with a blank, or has more fields than one word and the numbers.
+  bool is_one_word() const;
+  const std::vector<float>& vector() const { return vector_; }  ///< finite numbers
+
+  long long line() const { return lines_.number(); }
+  double fraction() const { return lines_.fraction(); }
+
+ private:
+  std::string path_;
+  TextLines lines_;
+  std::optional<Header> header_;
+  long long dimensions_ = 0;
+  bool at_row_ = true;  // line_ holds a row that next() has not read yet
+  long long rows_ = 0;
+  std::string line_;
+  std::vector<std::string_view> fields_;  // of line_
+  std::vector<float> vector_;
 };
-
-struct ConvertSummary {
-  long long words = 0;  ///< written
-  long long dimensions = 0;
-  long long duplicates = 0;             ///< rows of a word that had one; the first row is kept
-  long long with_space = 0;             ///< words that hold a space: the embedding file cannot
-  long long not_listed = 0;             ///< rows that the list of words leaves out
-  long long listed_not_found = 0;       ///< words of the list without a row
-  long long zero_rows = 0;              ///< rows of zeros, written like the others
-  std::vector<std::string> zero_words;  ///< the first few of them
-};
-
-/// Reads rows "word number number ..." and writes the embedding file: the header "words
-/// dimensions" and a newline, then per word the word, a space, its numbers as little-endian 32-bit
-/// floats, and a newline.  Where rows were left out, or their number was not announced, spaces
-/// stand before the header's first number.  Streams; the output appears whole or not at all.
-/// Throws RunError naming file and line.
-ConvertSummary convert_text_vectors(const ConvertOptions& options);
-
-/// The words of an embedding file, read without its vectors.  Throws RunError.
-std::unordered_set<std::string> read_embedding_words(const std::string& path);
 
 }  // namespace talvik::tool
 

@@ -3,6 +3,7 @@
 
 #include <utf8proc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -62,10 +63,9 @@ Role role_of(utf8proc_int32_t c) {
 }
 
 // Marks and their letter as one character where there is one: vocabularies are composed.
-std::string composed(const std::string& word) {
-  const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
-  bool ascii = true;
-  for (const char c : word) ascii = ascii && is_ascii(c);
+std::string composed(std::string word) {
+  const bool ascii =
+      std::all_of(word.begin(), word.end(), [](unsigned char c) { return c < 0x80; });
   if (ascii) return word;
   const std::unique_ptr<utf8proc_uint8_t, void (*)(void*)> text(
       utf8proc_NFC(reinterpret_cast<const utf8proc_uint8_t*>(word.c_str())), std::free);
@@ -91,7 +91,7 @@ int length_of(std::string_view word) {
 // Words joined by hyphens, under construction.
 struct Compound {
   std::vector<std::string> parts;
-  std::vector<char> has_letter;  // one per part
+  std::vector<char> has_letter;  // one per part, as bool
   bool cut = false;              // an apostrophe has ended it, what follows is left out
 };
 
@@ -144,7 +144,7 @@ std::vector<std::string> tokenize(std::string_view text, const TokenRules& rules
       }
       if (!compound.cut) {
         append(compound.parts.back(), character);
-        compound.has_letter.back() |= role == Role::letter;
+        if (role == Role::letter) compound.has_letter.back() = true;
       }
       in_word = true;
       hyphen_pending = false;

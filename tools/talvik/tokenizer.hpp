@@ -4,17 +4,18 @@
 
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
+
+#include "word_set.hpp"
 
 namespace talvik::tool {
 
 struct TokenRules {
   bool keep_case = false;
-  int min_length = 1;                                           ///< in characters
-  const std::unordered_set<std::string>* stop_words = nullptr;  ///< lower case; null: none
+  int min_length = 1;                   ///< in characters
+  const WordSet* stop_words = nullptr;  ///< lower case; null: none
   /// Words that have a vector, or null.  Decides on compounds alone.
-  const std::unordered_set<std::string>* vocabulary = nullptr;
+  const WordSet* vocabulary = nullptr;
 };
 
 /// The tokens of a UTF-8 text, in order.

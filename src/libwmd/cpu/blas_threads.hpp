@@ -1,8 +1,8 @@
-// Keeps the BLAS to one thread while teams of ours call it, whichever variant is installed.
+// Keeps the BLAS to one thread while the library's own teams call it.
 #ifndef TALVIK_LIBWMD_CPU_BLAS_THREADS_HPP
 #define TALVIK_LIBWMD_CPU_BLAS_THREADS_HPP
 
-// OpenBLAS's own; absent, and null, with another BLAS or with none.
+// Functions of OpenBLAS; null with another BLAS or with none.
 extern "C" {
 __attribute__((weak)) int openblas_get_num_threads();
 __attribute__((weak)) void openblas_set_num_threads(int threads);
@@ -10,8 +10,8 @@ __attribute__((weak)) void openblas_set_num_threads(int threads);
 
 namespace talvik::internal {
 
-/// While it lives, dense products run on the thread that calls them; afterwards the host program's
-/// own setting is back.
+/// While it lives, dense products run on the thread that calls them; its end restores the host
+/// program's setting.
 class SingleThreadedBlas {
  public:
   SingleThreadedBlas() {

@@ -1,5 +1,4 @@
-// Where cache lines begin: arrays that vectors are read from start at one, so that no vector lies
-// across two.
+// Cache lines.  Arrays that vectors are read from start at one, so that no vector lies across two.
 #ifndef TALVIK_LIBWMD_CPU_CACHE_LINE_HPP
 #define TALVIK_LIBWMD_CPU_CACHE_LINE_HPP
 

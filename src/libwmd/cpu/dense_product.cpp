@@ -14,17 +14,15 @@ constexpr int amx_components_least = 32;
 
 ProductScratch product_scratch(int m) { return {m >= amx_components_least && amx_usable(), {}}; }
 
-void dense_product(const float* words, int num_words, const float* rows, int num_rows, int m,
-                   float* scores, std::size_t stride, ProductScratch& scratch) {
+void dense_product(const DenseOperands& operands, ProductScratch& scratch) {
+  const auto& [words, num_words, rows, num_rows, m, scores, stride] = operands;
   if (num_words <= 0 || num_rows <= 0) return;
-  if (scratch.on_matrix_unit) {
-    return amx_product(words, num_words, rows, num_rows, m, scores, stride, scratch.packed);
-  }
-  using Rows = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
-  const Eigen::Map<const Rows> W(words, num_words, m);
-  const Eigen::Map<const Eigen::MatrixXf> X(rows, m, num_rows);  // a row of ours is a column of it
+  if (scratch.on_matrix_unit) return amx_product(operands, scratch.packed);
+  using RowMajor = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+  const Eigen::Map<const RowMajor> W(words, num_words, m);
+  const Eigen::Map<const Eigen::MatrixXf> X(rows, m, num_rows);  // row r is column r of the map
   Eigen::Map<Eigen::MatrixXf, 0, Eigen::OuterStride<>> scores_of_words(
-      scores, num_words, num_rows, Eigen::OuterStride<>(static_cast<Eigen::Index>(stride)));
+      scores, num_words, num_rows, Eigen::OuterStride<>(stride));
   scores_of_words.noalias() = W * X;
 }
 

@@ -2,31 +2,33 @@
 #ifndef TALVIK_LIBWMD_CPU_DENSE_PRODUCT_HPP
 #define TALVIK_LIBWMD_CPU_DENSE_PRODUCT_HPP
 
-#include <cstddef>
-
+#include "internal/index.hpp"
 #include "libwmd/cpu/matrix_unit.hpp"
 
 namespace talvik::internal {
 
-/// What the products of a thread work with; kept from one to the next.
+/// Working memory of a thread's products, kept from one to the next, and the kernel that does them.
 struct ProductScratch {
   bool on_matrix_unit;  ///< else by the BLAS, or by Eigen's own kernel
   AmxScratch packed;
 };
 
 /// For products of rows of m components.  Made once per computation and copied for every thread:
-/// which kernel can be used takes longer to find out than a small product.
+/// finding out which kernel can be used takes longer than a small product.
 ProductScratch product_scratch(int m);
 
-/// scores[r*stride + v] = word v . row r, up to rounding in single precision, on the calling thread
+/// Writes the scores of DenseOperands, up to rounding in single precision, on the calling thread
 /// (see SingleThreadedBlas).
-/// @param words    num_words x m, row-major
-/// @param rows     num_rows x m, row-major
 /// @param scratch  of product_scratch(m)
-void dense_product(const float* words, int num_words, const float* rows, int num_rows, int m,
-                   float* scores, std::size_t stride, ProductScratch& scratch);
+void dense_product(const DenseOperands& operands, ProductScratch& scratch);
 
-/// The kernel in words for people.
+/// dense_product with its operands one by one.
+inline void dense_product(const float* words, int num_words, const float* rows, int num_rows, int m,
+                          float* scores, Index stride, ProductScratch& scratch) {
+  dense_product({words, num_words, rows, num_rows, m, scores, stride}, scratch);
+}
+
+/// The name of the kernel, for people.
 const char* name_of_kernel(const ProductScratch& scratch);
 
 }  // namespace talvik::internal

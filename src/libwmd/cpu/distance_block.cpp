@@ -13,25 +13,36 @@
 namespace talvik::internal {
 namespace {
 
-// Everything that stays the same while one group of query documents is computed.
-struct GroupTask {
+// What stays the same while one section of the batch is computed.
+struct SectionTask {
   const Vocabulary& vocabulary;
   const CsrCollection& resident;
   const QueryBatch& batch;
   const BlockRequest& request;
-  const BatchSection& group;
+  const BatchSection& section;
   TilePlan plan;
   int nearest, slots;
-  float* panels;
-  std::vector<float> stages;             // per thread, see stage_of
+  float* panels;                         // all threads, see panel_floats_of_thread
+  std::vector<float> stages;             // all threads, see stage_floats
   std::vector<ProductScratch> products;  // per thread
 };
 
-// Query documents [first, first + count) of the group and the vocabulary words whose tables are
-// held for them.
-struct Block {
+// The tables of a slab of vocabulary words and a window of query documents.
+struct Slab {
   int first_doc;
   NearestTables tables;
+};
+
+// Vocabulary words [first, first + count).
+struct Words {
+  int first, count;
+};
+
+// Words of a panel that are searched at a time.
+struct Strip {
+  Panel panel;  // of these words; panel.words includes padding, words.count does not
+  Words words;
+  float* stage;  // of these words
 };
 
 int entries_of(const QueryBatch& batch, int doc) { return batch.start[doc + 1] - batch.start[doc]; }
@@ -41,92 +52,119 @@ int nearest_of(const QueryBatch& batch, int doc, int steps, NearestRule rule) {
   return nearest_of_document(steps, entries_of(batch, doc));
 }
 
-// A panel holds the score of word v and row r at r*panel_stride + v.  The line that a stride has
-// more than its words spreads the rows over all sets of the caches: at a stride of 4 KiB, the same
-// word of all rows shares a few of them, and the reduction took half as long again.
+bool has_several_passes(const BatchSection& section) {
+  return section.last_pass - section.first_pass > 1;
+}
+
+int largest_pass_of(const QueryBatch& batch, const BatchSection& section) {
+  return largest_pass(*batch.distinct, section.first_pass, section.last_pass);
+}
+
+// The score of word v and row r of a panel is at r*panel_stride + v.  The stride is a line longer
+// than the words, so that the rows spread over all sets of the caches: at a stride of 4 KiB, a
+// word's scores share a few sets, and the reduction took half as long again.
 int panel_stride(const TilePlan& plan) { return plan.panel_words + line_floats; }
 
-// Every thread's part of the panels starts at a line of its own.
-long long panel_floats_of_thread(const TilePlan& plan, int rows) {
-  return 1ll * panel_stride(plan) * rows + line_floats;
+// One line more than the panel, so that every thread's panel can start at a line.
+Index panel_floats_of_thread(const TilePlan& plan, int rows) {
+  return elements(rows, panel_stride(plan)) + line_floats;
 }
 
-// A stage holds, for one chunk of documents and the words of a strip, or of a whole panel where its
-// nearest entries are found in several passes, the nearest scores and then the weights behind them:
-// value of slot t, document j, word v at ((t*width) + j)*stage_stride + v.  The line that a stride
-// has more than its words keeps the documents from sharing cache sets.
-long long stage_stride(const TilePlan& plan) { return plan.stage_words + line_floats; }
+// Per document chunk: nearest scores, then weights; slot t, doc j, word v at
+// ((t*width) + j)*stage_stride + v.  For 2 slots, a width of 16 and a stride of 64 + 16 = 80:
+//
+//              slot 0, docs 0, 1 .. 15       slot 1, docs 0, 1 .. 15
+//   scores          0,   80 .. 1200          1280, 1360 .. 2480
+//   weights      2560, 2640 .. 3760          3840, 3920 .. 5040
+//
+// The words are those of a strip, or of a whole panel where several passes find its nearest
+// entries. The stride is a line longer, which keeps the documents from sharing cache sets.
+Index stage_stride(const TilePlan& plan) { return plan.stage_words + line_floats; }
 
-long long stage_floats(const TilePlan& plan, int slots) {
-  return 2ll * slots * plan.width * stage_stride(plan);
+Index stage_floats(const TilePlan& plan, int slots) {
+  return 2 * elements(slots, plan.width) * stage_stride(plan);
 }
 
-int largest_pass_of(const QueryBatch& batch, const BatchSection& group) {
-  return largest_pass(*batch.distinct, group.first_pass, group.last_pass);
+NearestState state_of(const SectionTask& task, float* stage, int doc) {
+  const Index stride = stage_stride(task.plan);
+  const Index slot = task.plan.width * stride;
+  float* score = stage + doc * stride;
+  float* weight = task.slots > 1 ? score + task.slots * slot : nullptr;
+  return {.score = score, .weight = weight, .stride = slot};
 }
 
-TilePlan plan_group(const Vocabulary& vocabulary, const QueryBatch& batch,
-                    const BlockRequest& request, const BatchSection& group, int nearest) {
+TilePlan plan_section(const Vocabulary& vocabulary, const QueryBatch& batch,
+                      const BlockRequest& request, const BatchSection& section, int nearest) {
   // Ground distances are only copied: a panel of one strip stays in the caches until it is reduced.
-  const int panel_most =
+  const int panel_words_limit =
       request.source == DistanceSource::vectors ? panel_words_most : strip_words_most;
-  return plan_tiles(request.budget, request.threads, vocabulary.voc_size,
-                    largest_pass_of(batch, group), group.last_doc - group.first_doc, nearest,
-                    nearest_slots(nearest), panel_most, group.last_pass - group.first_pass > 1);
+  return plan_tiles(request.budget, {.threads = request.threads,
+                                     .voc_size = vocabulary.voc_size,
+                                     .rows = largest_pass_of(batch, section),
+                                     .docs = section.last_doc - section.first_doc,
+                                     .nearest = nearest,
+                                     .slots = nearest_slots(nearest),
+                                     .panel_words_limit = panel_words_limit,
+                                     .several_passes = has_several_passes(section)});
 }
 
-int word_of_row(const GroupTask& task, int row) {
-  return task.batch.ind[task.batch.distinct->entry_of_row[static_cast<std::size_t>(row)]];
+int word_of_row(const SectionTask& task, int row) {
+  return task.batch.ind[task.batch.distinct->entry_of_row[row]];
 }
 
-// Distances of words [first_word, first_word + words) to the rows of a pass, of word v and row r at
-// scores[r*stride + v], from a ground-distance matrix with the vocabulary words in its rows: a line
-// of words at a time.  The rows of the batch ascend by word, so each of these words' distances is
-// read in order.
-void gather_by_word(const GroupTask& task, const RowPass& pass, int first_word, int words,
-                    float* scores, std::size_t stride) {
-  const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
-  for (int v = 0; v < words; v += line_floats) {
-    const int line = std::min(line_floats, words - v);
-    const float* ground = task.request.ground + static_cast<std::size_t>(first_word + v) * voc_size;
+// Fills a panel from a ground-distance matrix that has the vocabulary words in its rows, a line of
+// words at a time.  The rows of the pass ascend by word, so each matrix row is read in order.
+void gather_by_word(const SectionTask& task, const RowPass& pass, const Words& words,
+                    float* scores) {
+  const Index voc_size = task.vocabulary.voc_size;
+  const Index stride = panel_stride(task.plan);
+  for (int v = 0; v < words.count; v += line_floats) {
+    const int line = std::min(line_floats, words.count - v);
+    const float* ground = task.request.ground + elements(words.first + v, voc_size);
     for (int r = pass.first_row; r < pass.last_row; ++r) {
       const float* column = ground + word_of_row(task, r);
-      float* score = scores + static_cast<std::size_t>(r - pass.first_row) * stride + v;
-      for (int i = 0; i < line; ++i) score[i] = column[static_cast<std::size_t>(i) * voc_size];
+      float* score = scores + elements(r - pass.first_row, stride) + v;
+      for (int i = 0; i < line; ++i) score[i] = column[i * voc_size];
     }
   }
 }
 
-// The same with the query words in the rows of the matrix.  A copy, though the distances could be
-// read where they are: there, a document's rows lie pages apart.
-void gather_by_entry(const GroupTask& task, const RowPass& pass, int first_word, int words,
-                     float* scores, std::size_t stride) {
-  const std::size_t voc_size = static_cast<std::size_t>(task.vocabulary.voc_size);
+// Fills a panel from a ground-distance matrix that has the query words in its rows.  The distances
+// are copied, since in the matrix a document's rows are pages apart.
+void gather_by_entry(const SectionTask& task, const RowPass& pass, const Words& words,
+                     float* scores) {
   for (int r = pass.first_row; r < pass.last_row; ++r) {
     const float* ground =
-        task.request.ground + static_cast<std::size_t>(word_of_row(task, r)) * voc_size;
-    std::copy_n(ground + first_word, words,
-                scores + static_cast<std::size_t>(r - pass.first_row) * stride);
+        task.request.ground + elements(word_of_row(task, r), task.vocabulary.voc_size);
+    std::copy_n(ground + words.first, words.count,
+                scores + elements(r - pass.first_row, panel_stride(task.plan)));
   }
 }
 
-// The panel is padded to whole lines; what stands there means nothing.
-Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int words,
-                 float* scores, ProductScratch& scratch) {
-  const std::size_t vec_size = static_cast<std::size_t>(task.vocabulary.vec_size);
-  const std::size_t stride = static_cast<std::size_t>(panel_stride(task.plan));
-  Panel panel{scores, stride, static_cast<int>(round_up(words, line_floats)), 1, nullptr};
+// The panel of these words and the rows of a pass, padded to whole lines; padding holds no scores.
+Panel fill_panel(const SectionTask& task, const RowPass& pass, const Words& words, float* scores,
+                 ProductScratch& scratch) {
+  const Index vec_size = task.vocabulary.vec_size;
+  Panel panel{.scores = scores,
+              .stride = panel_stride(task.plan),
+              .words = static_cast<int>(round_up(words.count, line_floats)),
+              .scale = 1,
+              .row_bias = nullptr};
   switch (task.request.source) {
     case DistanceSource::ground_of_entry:
-      gather_by_entry(task, pass, first_word, words, scores, stride);
+      gather_by_entry(task, pass, words, scores);
       break;
     case DistanceSource::ground_of_word:
-      gather_by_word(task, pass, first_word, words, scores, stride);
+      gather_by_word(task, pass, words, scores);
       break;
     case DistanceSource::vectors:
-      dense_product(task.vocabulary.rows + static_cast<std::size_t>(first_word) * vec_size, words,
-                    task.batch.rows + static_cast<std::size_t>(pass.first_row) * vec_size,
-                    pass.last_row - pass.first_row, task.vocabulary.vec_size, scores, stride,
+      dense_product({.words = task.vocabulary.rows + elements(words.first, vec_size),
+                     .num_words = words.count,
+                     .rows = task.batch.rows + elements(pass.first_row, vec_size),
+                     .num_rows = pass.last_row - pass.first_row,
+                     .m = task.vocabulary.vec_size,
+                     .scores = scores,
+                     .stride = panel.stride},
                     scratch);
       panel.scale = score_per_dot;
       if (task.request.metric == Metric::euclidean) {
@@ -136,139 +174,129 @@ Panel fill_panel(const GroupTask& task, const RowPass& pass, int first_word, int
   return panel;
 }
 
-// The entries of a document that lie in a pass.
-EntryRange entries_in_pass(const GroupTask& task, int doc, const RowPass& pass) {
+// The entries of a document that belong to a pass.
+EntryRange entries_in_pass(const SectionTask& task, int doc, const RowPass& pass) {
   const int first = std::max(task.batch.start[doc], pass.first_entry);
   const int last = std::min(task.batch.start[doc + 1], pass.last_entry);
-  const int* row = task.batch.distinct->row_of_entry.data();
-  return {row + first, task.batch.weight + first, std::max(last - first, 0)};
+  return {.row = task.batch.distinct->row_of_entry.data() + first,
+          .weight = task.batch.weight + first,
+          .count = std::max(last - first, 0)};
 }
 
-NearestState state_of(const GroupTask& task, float* stage, int j) {
-  const std::size_t stride = static_cast<std::size_t>(stage_stride(task.plan));
-  const std::size_t slot = static_cast<std::size_t>(task.plan.width) * stride;
-  float* score = stage + static_cast<std::size_t>(j) * stride;
-  float* weight = score + static_cast<std::size_t>(task.slots) * slot;
-  return {score, task.slots > 1 ? weight : nullptr, slot};
-}
-
-// From documents with their words side by side to words with their documents side by side, at most
-// far_away, which NaN becomes, too.  What pads the last chunk becomes 0.
-void transpose(const float* stage, std::size_t stride, int docs, int words, int width,
-               float* table) {
+// Transposes a stage into a table, clamping to far_away (NaN too); padding is 0.
+void transpose(const float* stage, Index stride, int docs, int words, int width, float* table) {
   for (int v = 0; v < words; ++v) {
-    float* row = table + static_cast<std::size_t>(v) * static_cast<std::size_t>(width);
-    for (int j = 0; j < docs; ++j) {
-      row[j] = std::min(far_away, stage[static_cast<std::size_t>(j) * stride + v]);
-    }
+    float* row = table + elements(v, width);
+    for (int j = 0; j < docs; ++j) row[j] = std::min(far_away, stage[j * stride + v]);
     std::fill(row + docs, row + width, 0.0f);
   }
 }
 
-// A document that has fewer nearest entries than the tables hold: the last of them takes the rest.
-void end_steps_early(const GroupTask& task, const NearestState& state, int doc, int words) {
+// If a document has fewer neighbours than the tables hold, its last one takes all remaining weight.
+void end_steps_early(const SectionTask& task, const NearestState& state, int doc, int words) {
   const int nearest = nearest_of(task.batch, doc, task.request.steps, task.request.rule);
   if (nearest >= task.nearest) return;
-  float* capacity = state.weight + static_cast<std::size_t>(nearest - 1) * state.stride;
+  float* capacity = state.weight + elements(nearest - 1, state.stride);
   std::fill(capacity, capacity + words, std::numeric_limits<float>::max());
 }
 
-void store_chunk(const GroupTask& task, const Block& block, int chunk, int docs, int first_word,
-                 int words, float* stage) {
-  const TilePlan& plan = task.plan;
-  const std::size_t at =
-      (static_cast<std::size_t>(chunk) * static_cast<std::size_t>(block.tables.words) +
-       static_cast<std::size_t>(first_word - block.tables.first_word)) *
-      static_cast<std::size_t>(plan.width);
+// From the stage of a chunk to its place in the tables.
+void store_chunk(const SectionTask& task, const Slab& slab, int chunk, int docs,
+                 const Strip& strip) {
+  const int width = task.plan.width;
+  const auto [first_word, words] = strip.words;
   for (int j = 0; j < docs; ++j) {
-    const NearestState state = state_of(task, stage, j);
+    const NearestState state = state_of(task, strip.stage, j);
     for (int t = 0; t < task.nearest && task.request.source == DistanceSource::vectors; ++t) {
       scores_to_distances(task.request.metric, task.vocabulary.norms + first_word, words,
-                          state.score + static_cast<std::size_t>(t) * state.stride);
+                          state.score + t * state.stride);
     }
-    end_steps_early(task, state, block.first_doc + chunk * plan.width + j, words);
+    end_steps_early(task, state, slab.first_doc + chunk * width + j, words);
   }
-  const std::size_t stride = static_cast<std::size_t>(stage_stride(plan));
-  const NearestState all = state_of(task, stage, 0);  // its documents one after the other
+  const NearestTables& tables = slab.tables;
+  const Index at = (elements(chunk, tables.words) + first_word - tables.first_word) * width;
+  const Index stride = stage_stride(task.plan);
+  const NearestState all = state_of(task, strip.stage, 0);  // the other documents follow
   for (int t = 0; t < task.nearest; ++t) {
-    const std::size_t slot = static_cast<std::size_t>(t) * all.stride;
-    transpose(all.score + slot, stride, docs, words, plan.width,
-              block.tables.distance[static_cast<std::size_t>(t)] + at);
+    transpose(all.score + t * all.stride, stride, docs, words, width, tables.distance[t] + at);
     if (t + 1 == task.nearest) break;
-    transpose(all.weight + slot, stride, docs, words, plan.width,
-              block.tables.capacity[static_cast<std::size_t>(t)] + at);
+    transpose(all.weight + t * all.stride, stride, docs, words, width, tables.capacity[t] + at);
   }
 }
 
-// Where a pass stands among those of its group.  With several, the group is a single document.
-struct PassPlace {
-  bool first, last;
-};
-
-// One strip of a panel: the nearest entries of every document, chunk by chunk.  The strip may be
-// padded; words are real.
-void reduce_strip(const GroupTask& task, const Block& block, const RowPass& pass,
-                  const PassPlace& place, const Panel& strip, int first_word, int words,
-                  float* stage) {
+// Finds the nearest entries of every document in a pass, chunk by chunk.  Those of the section's
+// last pass go to the tables; where there are several passes, the section has a single document.
+void reduce_strip(const SectionTask& task, const Slab& slab, int p, const Strip& strip) {
+  const RowPass& pass = task.batch.distinct->passes[p];
+  const bool resume = p > task.section.first_pass;
+  const bool last_pass = p + 1 == task.section.last_pass;
   const int width = task.plan.width;
-  for (int chunk = 0; chunk < chunks_of(block.tables.docs, width); ++chunk) {
-    const int docs = std::min(width, block.tables.docs - chunk * width);
+  for (int chunk = 0; chunk < chunks_of(slab.tables.docs, width); ++chunk) {
+    const int docs = std::min(width, slab.tables.docs - chunk * width);
     for (int j = 0; j < docs; ++j) {
-      const int doc = block.first_doc + chunk * width + j;
-      find_nearest_entries(strip, entries_in_pass(task, doc, pass), task.slots, !place.first,
-                           state_of(task, stage, j));
+      const int doc = slab.first_doc + chunk * width + j;
+      find_nearest_entries(strip.panel, entries_in_pass(task, doc, pass), task.slots, resume,
+                           state_of(task, strip.stage, j));
     }
-    if (place.last) store_chunk(task, block, chunk, docs, first_word, words, stage);
+    if (last_pass) store_chunk(task, slab, chunk, docs, strip);
   }
 }
 
-// One panel of words against all passes of the group, into the block's tables.
-void compute_panel(GroupTask& task, const Block& block, int first_word, int words, int thread) {
-  const DistinctRows& distinct = *task.batch.distinct;
-  const int rows = largest_pass_of(task.batch, task.group);
-  float* scores = line_start(task.panels + thread * panel_floats_of_thread(task.plan, rows));
-  float* stage =
-      task.stages.data() + static_cast<std::size_t>(thread * stage_floats(task.plan, task.slots));
-  const bool several_passes = task.group.last_pass - task.group.first_pass > 1;
-  for (int p = task.group.first_pass; p < task.group.last_pass; ++p) {
-    const RowPass& pass = distinct.passes[static_cast<std::size_t>(p)];
-    const Panel panel = fill_panel(task, pass, first_word, words, scores,
-                                   task.products[static_cast<std::size_t>(thread)]);
-    const PassPlace place{p == task.group.first_pass, p + 1 == task.group.last_pass};
-    for (int offset = 0; offset < words; offset += task.plan.strip_words) {
-      Panel strip = panel;
-      strip.scores += offset;
-      strip.words = std::min(task.plan.strip_words, panel.words - offset);
-      reduce_strip(task, block, pass, place, strip, first_word + offset,
-                   std::min(strip.words, words - offset), several_passes ? stage + offset : stage);
+// Strip of a panel that begins `offset` words into it.
+Strip strip_of(const SectionTask& task, const Panel& panel, const Words& words, int offset,
+               float* stage) {
+  Strip strip{.panel = panel, .words = {}, .stage = stage};
+  strip.panel.scores += offset;
+  strip.panel.words = std::min(task.plan.strip_words, panel.words - offset);
+  strip.words = {words.first + offset, std::min(strip.panel.words, words.count - offset)};
+  if (has_several_passes(task.section)) strip.stage += offset;
+  return strip;
+}
+
+// From a panel of words and all passes of the section into the tables.
+void compute_panel(SectionTask& task, const Slab& slab, const Words& words, int thread) {
+  const int rows = largest_pass_of(task.batch, task.section);
+  float* scores =
+      line_start(task.panels + elements(thread, panel_floats_of_thread(task.plan, rows)));
+  float* stage = task.stages.data() + elements(thread, stage_floats(task.plan, task.slots));
+  for (int p = task.section.first_pass; p < task.section.last_pass; ++p) {
+    const RowPass& pass = task.batch.distinct->passes[p];
+    const Panel panel = fill_panel(task, pass, words, scores, task.products[thread]);
+    for (int offset = 0; offset < words.count; offset += task.plan.strip_words) {
+      reduce_strip(task, slab, p, strip_of(task, panel, words, offset, stage));
     }
   }
 }
 
-void fill_tables(GroupTask& task, const Block& block) {
-  const int panels = (block.tables.words + task.plan.panel_words - 1) / task.plan.panel_words;
+void fill_tables(SectionTask& task, const Slab& slab) {
+  const int panel_words = task.plan.panel_words;
+  const int panels = (slab.tables.words + panel_words - 1) / panel_words;
   for_each_share(task.request.threads, panels, [&](int first, int last, int thread) {
     for (int panel = first; panel < last; ++panel) {
-      const int offset = panel * task.plan.panel_words;
-      const int words = std::min(task.plan.panel_words, block.tables.words - offset);
-      compute_panel(task, block, block.tables.first_word + offset, words, thread);
+      const int offset = panel * panel_words;
+      const int count = std::min(panel_words, slab.tables.words - offset);
+      compute_panel(task, slab, {slab.tables.first_word + offset, count}, thread);
     }
   });
 }
 
-void compute_group(GroupTask& task, const BlockBuffers& buffers, float* Z) {
-  const std::size_t num_docs = static_cast<std::size_t>(task.resident.num_docs);
+void compute_section(SectionTask& task, const BlockBuffers& buffers, float* Z) {
+  const int num_docs = task.resident.num_docs;
   EntryRanges ranges{std::vector<int>(num_docs), std::vector<int>(num_docs)};
   const int voc_size = task.vocabulary.voc_size;
-  for (int doc = task.group.first_doc; doc < task.group.last_doc; doc += task.plan.window_docs) {
-    const int docs = std::min(task.plan.window_docs, task.group.last_doc - doc);
-    float* Z_window = Z + static_cast<std::size_t>(doc) * num_docs;
-    for (int word = 0; word < voc_size; word += task.plan.block_words) {
-      const Block block{doc,
-                        {word, std::min(task.plan.block_words, voc_size - word), docs,
-                         task.plan.width, buffers.distance, buffers.capacity}};
-      fill_tables(task, block);
-      pour(block.tables, task.resident, task.request.threads, ranges, Z_window);
+  for (int doc = task.section.first_doc; doc < task.section.last_doc;
+       doc += task.plan.window_docs) {
+    const int docs = std::min(task.plan.window_docs, task.section.last_doc - doc);
+    for (int word = 0; word < voc_size; word += task.plan.slab_words) {
+      const Slab slab{.first_doc = doc,
+                      .tables = {.first_word = word,
+                                 .words = std::min(task.plan.slab_words, voc_size - word),
+                                 .docs = docs,
+                                 .width = task.plan.width,
+                                 .distance = buffers.distance,
+                                 .capacity = buffers.capacity}};
+      fill_tables(task, slab);
+      pour(slab.tables, task.resident, task.request.threads, ranges, Z + elements(doc, num_docs));
     }
   }
 }
@@ -286,13 +314,13 @@ int nearest_of_batch(const QueryBatch& batch, int steps, NearestRule rule) {
 BlockSizes block_sizes(const Vocabulary& vocabulary, const QueryBatch& batch,
                        const BlockRequest& request) {
   const int nearest = nearest_of_batch(batch, request.steps, request.rule);
+  const int threads = std::max(request.threads, 1);
   BlockSizes sizes{0, 0};
-  for (const BatchSection& group : batch.distinct->sections) {
-    const TilePlan plan = plan_group(vocabulary, batch, request, group, nearest);
-    const int rows = largest_pass_of(batch, group);
-    sizes.panels =
-        std::max(sizes.panels, std::max(request.threads, 1) * panel_floats_of_thread(plan, rows));
-    sizes.table = std::max(sizes.table, 1ll * plan.window_docs * plan.block_words);
+  for (const BatchSection& section : batch.distinct->sections) {
+    const TilePlan plan = plan_section(vocabulary, batch, request, section, nearest);
+    const int rows = largest_pass_of(batch, section);
+    sizes.panels = std::max(sizes.panels, elements(threads, panel_floats_of_thread(plan, rows)));
+    sizes.table = std::max(sizes.table, elements(plan.window_docs, plan.slab_words));
   }
   return sizes;
 }
@@ -300,30 +328,29 @@ BlockSizes block_sizes(const Vocabulary& vocabulary, const QueryBatch& batch,
 void compute_distance_block(const Vocabulary& vocabulary, const CsrCollection& resident,
                             const QueryBatch& batch, const BlockRequest& request,
                             const BlockBuffers& buffers, float* Z) {
-  const std::size_t distances =
-      static_cast<std::size_t>(batch.num_docs) * static_cast<std::size_t>(resident.num_docs);
-  // Documents without words have nothing to move.
+  const Index distances = elements(batch.num_docs, resident.num_docs);
+  // Without a vocabulary no document has an entry, and there is no weight to move.
   if (vocabulary.voc_size <= 0) std::fill(Z, Z + distances, 0.0f);
   if (vocabulary.voc_size <= 0 || distances == 0) return;
   const SingleThreadedBlas single_threaded_blas;
   const ProductScratch unused_scratch = product_scratch(vocabulary.vec_size);
   const int nearest = nearest_of_batch(batch, request.steps, request.rule);
-  for (const BatchSection& group : batch.distinct->sections) {
-    GroupTask task{vocabulary,
-                   resident,
-                   batch,
-                   request,
-                   group,
-                   plan_group(vocabulary, batch, request, group, nearest),
-                   nearest,
-                   nearest_slots(nearest),
-                   buffers.panels,
-                   {},
-                   {}};
-    const std::size_t threads = static_cast<std::size_t>(std::max(request.threads, 1));
-    task.stages.resize(threads * static_cast<std::size_t>(stage_floats(task.plan, task.slots)));
+  const Index threads = std::max(request.threads, 1);
+  for (const BatchSection& section : batch.distinct->sections) {
+    SectionTask task{.vocabulary = vocabulary,
+                     .resident = resident,
+                     .batch = batch,
+                     .request = request,
+                     .section = section,
+                     .plan = plan_section(vocabulary, batch, request, section, nearest),
+                     .nearest = nearest,
+                     .slots = nearest_slots(nearest),
+                     .panels = buffers.panels,
+                     .stages = {},
+                     .products = {}};
+    task.stages.resize(threads * stage_floats(task.plan, task.slots));
     task.products.assign(threads, unused_scratch);
-    compute_group(task, buffers, Z);
+    compute_section(task, buffers, Z);
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "internal/index.hpp"
 #include "libwmd/cpu/pour.hpp"
 #include "libwmd/cpu/sizes.hpp"
 #include "libwmd/distinct_rows.hpp"
@@ -12,7 +13,7 @@
 
 namespace talvik::internal {
 
-/// Where the distance of vocabulary word v and query entry c is read from.
+/// Where the distance between vocabulary word v and query entry c comes from.
 enum class DistanceSource {
   vectors,         ///< the embedding rows
   ground_of_word,  ///< ground[v*voc_size + word of c]
@@ -21,7 +22,7 @@ enum class DistanceSource {
 
 /// How many nearest entries share the weight of a resident entry.
 enum class NearestRule {
-  as_asked,  ///< as asked, whatever the document's length; missing entries are far_away
+  as_asked,  ///< steps + 1, however short the document is; missing entries are far_away
   halving    ///< nearest_of_document
 };
 
@@ -33,11 +34,11 @@ struct Vocabulary {
 
 struct QueryBatch {
   int num_docs;
-  const int* start;
-  const float* weight;
-  const int* ind;                ///< word per entry (ground distances)
+  const int* start;              ///< num_docs + 1 entry offsets
+  const float* weight;           ///< per entry
+  const int* ind;                ///< per entry, its word; read for ground distances
   const DistinctRows* distinct;  ///< ordered by word for ground distances
-  const float* rows;             ///< distinct rows x vec_size (vectors)
+  const float* rows;             ///< distinct rows x vec_size; read for vectors
   const float* row_norms;        ///< their squared norms
 };
 
@@ -51,27 +52,27 @@ struct BlockRequest {
   EngineBudget budget;
 };
 
-/// Nearest entries that the longest document of the batch calls for.
+/// Nearest entries of the document that has most of them.
 int nearest_of_batch(const QueryBatch& batch, int steps, NearestRule rule);
 
 /// Working memory that a block needs, in floats.
 struct BlockSizes {
-  long long panels;  ///< all threads together
-  long long table;   ///< each of 2 * nearest_of_batch - 1 tables
+  Index panels;  ///< all threads together
+  Index table;   ///< each of 2 * nearest_of_batch - 1 tables
 };
 
 BlockSizes block_sizes(const Vocabulary& vocabulary, const QueryBatch& batch,
                        const BlockRequest& request);
 
-/// The caller's arrays of at least these sizes; what they hold before and after means nothing.
+/// The caller's arrays of at least these sizes; their contents mean nothing before and after.
 struct BlockBuffers {
   float* panels;
   std::vector<float*> distance;  ///< nearest_of_batch tables
   std::vector<float*> capacity;  ///< one fewer
 };
 
-/// Z[d*resident.num_docs + i] = distance from resident document i to query document d, written
-/// whole.
+/// Writes all of Z: Z[d*resident.num_docs + i] = distance from resident document i to query
+/// document d.
 void compute_distance_block(const Vocabulary& vocabulary, const CsrCollection& resident,
                             const QueryBatch& batch, const BlockRequest& request,
                             const BlockBuffers& buffers, float* Z);

@@ -7,7 +7,7 @@
 
 namespace talvik::internal {
 
-/// D[u*voc_size + v] = distance between words u and v.  Each pair is computed once.
+/// Writes D[u*voc_size + v] = distance between words u and v.  Each pair is computed once.
 void compute_ground_matrix(const Vocabulary& vocabulary, Metric metric, int threads, float* D);
 
 }  // namespace talvik::internal

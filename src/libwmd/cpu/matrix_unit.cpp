@@ -1,8 +1,8 @@
 // Dense products on the processor's matrix unit (AMX).  The unit multiplies numbers of 8
 // significant bits (bfloat16) and adds in single precision, sixteen times as many a cycle as the
-// vector units. A float is the sum of three such numbers, x = x0 + x1 + x2, and
+// vector units.  A float is the sum of three such numbers, x = x0 + x1 + x2, and
 //   x*y = x0*y0 + x0*y1 + x1*y0 + x1*y1 + x0*y2 + x2*y0 + at most 2^-23 |x*y|
-// so that six products on the unit give what one in single precision gives, up to its rounding.
+// so that six products on the unit give the result of one in single precision, up to its rounding.
 // (Henry, Tang, Heinecke: Leveraging the bfloat16 artificial intelligence datatype for
 // higher-precision computations, 2019.)
 #include "libwmd/cpu/matrix_unit.hpp"
@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>  // ssize
 
 #include "internal/index.hpp"
 #include "libwmd/cpu/cache_line.hpp"
@@ -28,38 +29,46 @@
 namespace talvik::internal {
 namespace {
 
-// Only functions that carry this may use the unit's instructions; they run where amx_usable()
-// holds.
+// For the functions that use the unit's instructions; they run only where amx_usable() holds.
 #define TALVIK_AMX __attribute__((target("avx512f,avx512bw,avx512bf16,amx-tile,amx-bf16")))
 #define TALVIK_AMX_INLINE TALVIK_AMX inline __attribute__((always_inline))
 
-constexpr int tile_rows = 16;                         // of 64 bytes
-constexpr int tile_depth = 32;                        // bfloat16 numbers in a row of a tile
-constexpr int tile_numbers = tile_rows * tile_depth;  // 1 KiB
-constexpr int parts = 3;                              // of a float
-constexpr int group_chunk = parts * tile_numbers;     // 16 rows, tile_depth components
-constexpr int block_rows = 2 * tile_rows;             // two tiles of rows by two of words are
-                                                      // summed at a time
+constexpr int tile_rows = 16;   // of 64 bytes
+constexpr int tile_depth = 32;  // bfloat16 numbers in a row of a tile
+constexpr Index tile_numbers = elements(tile_rows, tile_depth);  // 1 KiB
+constexpr int parts = 3;                                         // of a float
+constexpr Index slice_numbers = parts * tile_numbers;  // of 16 rows and tile_depth components
+constexpr int square_side = 2 * tile_rows;  // two by two tiles of scores are summed at a time
+constexpr Index line_numbers = line_bytes / sizeof(std::uint16_t);
 
-// Components per round: the packed words of a panel and a block of rows stay in the second-level
+// Slices per round: the packed words of a panel and the rows of a square stay in the second-level
 // cache.
-constexpr int chunks_most = 12;
+constexpr int slices_most = 12;
 
-int chunks_for(int components) { return (components + tile_depth - 1) / tile_depth; }
-int blocks_for(int rows) { return (rows + block_rows - 1) / block_rows; }
+constexpr int slices_for(int components) { return (components + tile_depth - 1) / tile_depth; }
+constexpr int squares_for(int rows) { return (rows + square_side - 1) / square_side; }
 
-// Packed operands.  Part p of rows [16g, 16g+16), components [32c, 32c+32), is a tile at
-// ((g*chunks + c)*parts + p) * tile_numbers.  In a tile of rows, row r has its components side by
-// side; in a tile of words, row i has components 2i and 2i+1 of all 16 words, as the unit wants it.
-std::size_t packed_numbers(int rows, int chunks) {
-  return elements(2 * blocks_for(rows), chunks * group_chunk);
+// Packed operands.  Band g holds rows [16g, 16g+16), slice c of it components [32c, 32c+32), part p
+// of these is tile (g*slices + c)*parts + p.  For 40 rows of 70 components (3 slices, 2 squares):
+//
+//                     components 0..31    32..63      64..69
+//   rows  0..15       tiles  0  1  2     3  4  5     6  7  8
+//   rows 16..31              9 10 11    12 13 14    15 16 17
+//   rows 32..39             18 19 20    21 22 23    24 25 26
+//   no rows                 27 28 29    30 31 32    33 34 35      (zeros, as all padding)
+//
+// In a tile of rows, row r has its components side by side; in a tile of words, row i has
+// components 2i and 2i+1 of all 16 words, the order of the unit's second operand.
+Index packed_numbers(int rows, int slices) {
+  return elements(squares_for(rows), 2 * slice_numbers * slices);
 }
 
 TALVIK_AMX_INLINE __m512 widened(__m256i numbers) {
   return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(numbers), 16));
 }
 
-// The parts of up to 32 numbers, each where the last one lies plus a tile.
+// Splits 32 floats into three bf16 parts, one tile apart.  Floats beyond `count` are not read and
+// count as zero.
 TALVIK_AMX_INLINE void split(const float* numbers, int count, std::uint16_t* to) {
   const auto mask = [](int n) { return static_cast<__mmask16>((1u << std::clamp(n, 0, 16)) - 1); };
   __m512 low = _mm512_maskz_loadu_ps(mask(count), numbers);
@@ -72,16 +81,24 @@ TALVIK_AMX_INLINE void split(const float* numbers, int count, std::uint16_t* to)
   }
 }
 
-// Rows [0, num_rows), at most a block, components [first, first + depth) of m.
-TALVIK_AMX void pack_rows(const float* rows, int num_rows, int m, int first, int depth,
+// Components [first, first + depth) of rows of m.
+struct Round {
+  int m, first, depth;
+};
+
+// Packs the rows of a square, at most square_side of them.
+TALVIK_AMX void pack_rows(const float* rows, int num_rows, const Round& round,
                           std::uint16_t* packed) {
-  const int chunks = chunks_for(depth);
-  for (int r = 0; r < block_rows; ++r) {
-    std::uint16_t* group = packed + r / tile_rows * chunks * group_chunk;
-    for (int c = 0; c < chunks; ++c) {
-      const int count = r < num_rows ? depth - c * tile_depth : 0;
-      const float* numbers = count > 0 ? rows + elements(r, m) + first + c * tile_depth : rows;
-      split(numbers, count, group + c * group_chunk + r % tile_rows * tile_depth);
+  const int slices = slices_for(round.depth);
+  for (int r = 0; r < square_side; ++r) {
+    std::uint16_t* const band = packed + elements(r / tile_rows, slices * slice_numbers);
+    std::uint16_t* const row = band + elements(r % tile_rows, tile_depth);
+    for (int c = 0; c < slices; ++c) {
+      const int component = c * tile_depth;
+      const int count = r < num_rows ? round.depth - component : 0;
+      const float* numbers =
+          count > 0 ? rows + elements(r, round.m) + round.first + component : rows;
+      split(numbers, count, row + c * slice_numbers);
     }
   }
 }
@@ -90,43 +107,42 @@ TALVIK_AMX void pack_rows(const float* rows, int num_rows, int m, int first, int
 void transpose_pairs(const std::uint16_t* from, std::uint16_t* to) {
   for (int pair = 0; pair < tile_rows; ++pair) {
     for (int r = 0; r < tile_rows; ++r) {
-      std::copy_n(from + r * tile_depth + 2 * pair, 2, to + pair * tile_depth + 2 * r);
+      std::copy_n(from + elements(r, tile_depth) + Index{2} * pair, 2,
+                  to + elements(pair, tile_depth) + Index{2} * r);
     }
   }
 }
 
-TALVIK_AMX void pack_words(const float* words, int num_words, int m, int first, int depth,
+TALVIK_AMX void pack_words(const float* words, int num_words, const Round& round,
                            std::uint16_t* packed) {
-  const int chunks = chunks_for(depth);
-  const int block_numbers = 2 * chunks * group_chunk;
-  alignas(line_bytes) std::uint16_t as_rows[2 * chunks_most * group_chunk];
-  for (int w = 0; w < num_words; w += block_rows) {
-    pack_rows(words + elements(w, m), std::min(block_rows, num_words - w), m, first, depth,
-              as_rows);
-    for (int tile = 0; tile < block_numbers; tile += tile_numbers) {
+  const Index square_numbers = 2 * slice_numbers * slices_for(round.depth);
+  alignas(line_bytes) std::uint16_t as_rows[2 * slice_numbers * slices_most];
+  for (int w = 0; w < num_words; w += square_side) {
+    pack_rows(words + elements(w, round.m), std::min(square_side, num_words - w), round, as_rows);
+    for (Index tile = 0; tile < square_numbers; tile += tile_numbers) {
       transpose_pairs(as_rows + tile, packed + tile);
     }
-    packed += block_numbers;
+    packed += square_numbers;
   }
 }
 
-// Two groups of packed rows or words, one after the other.
-struct Groups {
+// Two bands of packed rows or words, one after the other.
+struct Bands {
   const std::uint16_t* first;
-  std::size_t numbers;  // of a group
+  Index numbers;  // of a band
 };
 
-// The unit's eight registers: 0 to 3 hold the sums of rows x words, 4 and 5 rows, 6 and 7 words.
-TALVIK_AMX_INLINE void load_rows(const Groups& rows, int at) {
+// The unit has eight registers: 0 to 3 hold the sums of rows x words, 4 and 5 rows, 6 and 7 words.
+TALVIK_AMX_INLINE void load_rows(const Bands& rows, Index at) {
   _tile_loadd(4, rows.first + at, line_bytes);
   _tile_loadd(5, rows.first + rows.numbers + at, line_bytes);
 }
-TALVIK_AMX_INLINE void load_words(const Groups& words, int at) {
+TALVIK_AMX_INLINE void load_words(const Bands& words, Index at) {
   _tile_loadd(6, words.first + at, line_bytes);
   _tile_loadd(7, words.first + words.numbers + at, line_bytes);
 }
-// What the unit reads and writes is no operand of its instructions to some compilers, which might
-// move stores past a load of it, or take what it wrote for what was there before.
+// Compiler barrier: tile intrinsics hide their memory operands.  Without it a compiler may move
+// stores past a tile load, or use an old value of memory that the unit has written.
 inline void settle_memory() { asm volatile("" ::: "memory"); }
 
 TALVIK_AMX_INLINE void add_products() {
@@ -136,38 +152,44 @@ TALVIK_AMX_INLINE void add_products() {
   _tile_dpbf16ps(3, 5, 7);
 }
 TALVIK_AMX_INLINE void prefetch_tile(const std::uint16_t* tile) {
-  for (int i = 0; i < tile_numbers; i += tile_depth) {
+  for (Index i = 0; i < tile_numbers; i += tile_depth) {
     _mm_prefetch(reinterpret_cast<const char*>(tile + i), _MM_HINT_T0);
   }
 }
 
-// The rows that are packed next, fetched into the second-level cache a few lines per chunk while
-// those before them are multiplied: they come from main memory.
+// The rows of the next square come from main memory.  They are fetched into the second-level cache
+// a few lines per slice, while the rows before them are multiplied.
 struct RowsAhead {
   const char* line;
-  int lines_per_chunk;
+  int lines_per_slice;
 };
 
-RowsAhead rows_ahead(const float* rows, int num_rows, int m, int blocks, int chunks) {
-  if (num_rows <= 0) return {nullptr, 0};
-  const std::size_t lines = elements(block_rows, m) * sizeof(float) / line_bytes;
-  const std::size_t steps = elements(blocks, chunks);
+RowsAhead rows_ahead(const float* rows, int m, int squares, int slices) {
+  const Index lines = elements(square_side, m) * Index{sizeof(float)} / Index{line_bytes};
+  const Index steps = elements(squares, slices);
   return {reinterpret_cast<const char*>(rows), static_cast<int>((lines + steps - 1) / steps)};
 }
 
 TALVIK_AMX_INLINE void prefetch(RowsAhead& ahead) {
-  for (int i = 0; i < ahead.lines_per_chunk; ++i, ahead.line += line_bytes) {
+  for (int i = 0; i < ahead.lines_per_slice; ++i, ahead.line += line_bytes) {
     _mm_prefetch(ahead.line, _MM_HINT_T1);
   }
 }
 
-// A block of 32 rows by 32 words into, or on top of, scores.
-TALVIK_AMX_INLINE void multiply_block(const Groups& rows, const Groups& words, int chunks,
-                                      bool go_on, RowsAhead& ahead, float* scores,
-                                      std::size_t stride) {
+// The scores of 32 rows and 32 words.
+struct Square {
+  Bands rows, words;
+  int slices;
+  bool go_on;  // adds to the scores; else they are written anew
+  float* scores;
+  Index stride;
+};
+
+TALVIK_AMX_INLINE void multiply_square(const Square& square, RowsAhead& ahead) {
   settle_memory();
+  const auto& [rows, words, slices, go_on, scores, stride] = square;
   float* lower = scores + tile_rows * stride;
-  const std::size_t stride_bytes = stride * sizeof(float);
+  const Index stride_bytes = stride * Index{sizeof(float)};
   if (go_on) {
     _tile_loadd(0, scores, stride_bytes);
     _tile_loadd(1, scores + tile_rows, stride_bytes);
@@ -179,18 +201,18 @@ TALVIK_AMX_INLINE void multiply_block(const Groups& rows, const Groups& words, i
     _tile_zero(2);
     _tile_zero(3);
   }
-  // In an order in which just one side changes from product to product.
-  for (int chunk = 0; chunk < chunks; ++chunk) {
-    const int part0 = chunk * group_chunk, part1 = part0 + tile_numbers,
-              part2 = part1 + tile_numbers;
+  // From product to product only one side changes.
+  for (int slice = 0; slice < slices; ++slice) {
+    const Index part0 = slice * slice_numbers;
+    const Index part1 = part0 + tile_numbers, part2 = part1 + tile_numbers;
     prefetch(ahead);
     load_rows(rows, part0);
-    for (const int words_part : {part2, part1, part0}) {
+    for (const Index words_part : {part2, part1, part0}) {
       load_words(words, words_part);
       add_products();
-      // The words of the next chunk come from the second-level cache.
-      prefetch_tile(words.first + words_part + group_chunk);
-      prefetch_tile(words.first + words.numbers + words_part + group_chunk);
+      // The words of the next slice come from the second-level cache.
+      prefetch_tile(words.first + words_part + slice_numbers);
+      prefetch_tile(words.first + words.numbers + words_part + slice_numbers);
     }
     load_rows(rows, part1);
     add_products();
@@ -207,17 +229,18 @@ TALVIK_AMX_INLINE void multiply_block(const Groups& rows, const Groups& words, i
   settle_memory();
 }
 
-// The same where fewer rows or words than a block are left: by way of a whole block.
-TALVIK_AMX void multiply_rest(const Groups& rows, const Groups& words, int chunks, bool go_on,
-                              RowsAhead& ahead, int num_rows, int num_words, float* scores,
-                              std::size_t stride) {
-  alignas(line_bytes) float block[block_rows * block_rows] = {};
-  for (int r = 0; r < num_rows && go_on; ++r) {
-    std::copy_n(scores + static_cast<std::size_t>(r) * stride, num_words, block + r * block_rows);
+// Where fewer rows or words are left than a square has: computes a whole square beside the scores.
+TALVIK_AMX void multiply_rest(const Square& square, int num_rows, int num_words, RowsAhead& ahead) {
+  alignas(line_bytes) float whole[square_side * square_side] = {};
+  Square padded = square;
+  padded.scores = whole;
+  padded.stride = square_side;
+  for (int r = 0; r < num_rows && square.go_on; ++r) {
+    std::copy_n(square.scores + r * square.stride, num_words, whole + elements(r, square_side));
   }
-  multiply_block(rows, words, chunks, go_on, ahead, block, block_rows);
+  multiply_square(padded, ahead);
   for (int r = 0; r < num_rows; ++r) {
-    std::copy_n(block + r * block_rows, num_words, scores + static_cast<std::size_t>(r) * stride);
+    std::copy_n(whole + elements(r, square_side), num_words, square.scores + r * square.stride);
   }
 }
 
@@ -232,7 +255,7 @@ TALVIK_AMX void configure_tiles() {
     config.row_bytes[tile] = line_bytes;
     config.rows[tile] = tile_rows;
   }
-  asm volatile("" : : "r"(&config) : "memory");  // all of it, as settle_memory
+  asm volatile("" : : "r"(&config) : "memory");  // the whole of config, as settle_memory
   _tile_loadconfig(&config);
 }
 
@@ -246,10 +269,41 @@ bool processor_has_unit() {
   return (eax & avx512_bf16) != 0;
 }
 
-// The unit's registers are large, so the operating system hands them out to who asks for them.
+// The unit's registers are large, so the operating system grants them on request only.
 bool system_allows_unit() {
   constexpr long request_permission = 0x1023, tile_data = 18;  // ARCH_REQ_XCOMP_PERM, XTILEDATA
   return syscall(SYS_arch_prctl, request_permission, tile_data) == 0;
+}
+
+// Multiplies the components of one round.
+TALVIK_AMX void multiply_round(const DenseOperands& operands, const Round& round,
+                               std::uint16_t* packed_words, std::uint16_t* packed_rows) {
+  const auto& [words, num_words, rows, num_rows, m, scores, stride] = operands;
+  const int slices = slices_for(round.depth);
+  const Index band = slices * slice_numbers;
+  pack_words(words, num_words, round, packed_words);
+  for (int r = 0; r < num_rows; r += square_side) {
+    const int rows_left = std::min(square_side, num_rows - r);
+    pack_rows(rows + elements(r, m), rows_left, round, packed_rows);
+    RowsAhead ahead{nullptr, 0};
+    if (num_rows - r > square_side) {
+      ahead = rows_ahead(rows + elements(r + square_side, m), m, squares_for(num_words), slices);
+    }
+    for (int w = 0; w < num_words; w += square_side) {
+      const int words_left = std::min(square_side, num_words - w);
+      const Square square{.rows = {packed_rows, band},
+                          .words = {packed_words + elements(w / tile_rows, band), band},
+                          .slices = slices,
+                          .go_on = round.first > 0,
+                          .scores = scores + r * stride + w,
+                          .stride = stride};
+      if (rows_left == square_side && words_left == square_side) {
+        multiply_square(square, ahead);
+      } else {
+        multiply_rest(square, rows_left, words_left, ahead);
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -259,42 +313,19 @@ bool amx_usable() {
   return here && (hwy::SupportedTargets() & HWY_AVX3_DL) != 0;
 }
 
-TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows, int num_rows,
-                            int m, float* scores, std::size_t stride, AmxScratch& scratch) {
-  constexpr int depth_most = chunks_most * tile_depth;
-  const int chunks_held = chunks_for(std::min(m, depth_most));
-  const std::size_t words_numbers = packed_numbers(num_words, chunks_held);
-  scratch.resize(std::max(scratch.size(), words_numbers + packed_numbers(block_rows, chunks_held) +
-                                              line_bytes / sizeof(std::uint16_t)));  // line_start
+TALVIK_AMX void amx_product(const DenseOperands& operands, AmxScratch& scratch) {
+  constexpr int depth_most = slices_most * tile_depth;
+  const int slices_held = slices_for(std::min(operands.m, depth_most));
+  const Index words_numbers = packed_numbers(operands.num_words, slices_held);
+  const Index numbers = words_numbers + packed_numbers(square_side, slices_held) + line_numbers;
+  if (std::ssize(scratch) < numbers) scratch.resize(numbers);
   std::uint16_t* const packed_words = line_start(scratch.data());
   std::uint16_t* const packed_rows = packed_words + words_numbers;
-  const int blocks = blocks_for(num_words);
   configure_tiles();
-  for (int first = 0; first < m; first += depth_most) {
-    const int depth = std::min(depth_most, m - first);
-    const int chunks = chunks_for(depth);
-    const std::size_t group = elements(chunks, group_chunk);
-    const bool go_on = first > 0;
-    pack_words(words, num_words, m, first, depth, packed_words);
-    for (int r = 0; r < num_rows; r += block_rows) {
-      const int rows_left = std::min(block_rows, num_rows - r);
-      pack_rows(rows + elements(r, m), rows_left, m, first, depth, packed_rows);
-      RowsAhead ahead = rows_ahead(rows + elements(r + block_rows, m), num_rows - r - block_rows, m,
-                                   blocks, chunks);
-      for (int w = 0; w < num_words; w += block_rows) {
-        const int words_left = std::min(block_rows, num_words - w);
-        const Groups block_of_rows{packed_rows, group};
-        const Groups block_of_words{packed_words + elements(w / tile_rows, chunks * group_chunk),
-                                    group};
-        float* block = scores + static_cast<std::size_t>(r) * stride + w;
-        if (rows_left == block_rows && words_left == block_rows) {
-          multiply_block(block_of_rows, block_of_words, chunks, go_on, ahead, block, stride);
-        } else {
-          multiply_rest(block_of_rows, block_of_words, chunks, go_on, ahead, rows_left, words_left,
-                        block, stride);
-        }
-      }
-    }
+  for (int first = 0; first < operands.m; first += depth_most) {
+    const int depth = std::min(depth_most, operands.m - first);
+    multiply_round(operands, {.m = operands.m, .first = first, .depth = depth}, packed_words,
+                   packed_rows);
   }
   _tile_release();
 }
@@ -308,12 +339,12 @@ TALVIK_AMX void amx_product(const float* words, int num_words, const float* rows
 #pragma GCC diagnostic pop
 #endif
 
-#else  // no such unit
+#else  // processors without such a unit
 
 namespace talvik::internal {
 
 bool amx_usable() { return false; }
-void amx_product(const float*, int, const float*, int, int, float*, std::size_t, AmxScratch&) {}
+void amx_product(const DenseOperands&, AmxScratch&) {}
 
 }  // namespace talvik::internal
 

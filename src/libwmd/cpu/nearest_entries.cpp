@@ -1,5 +1,5 @@
-// The nearest entries of a query document to every word of a panel, compiled once per instruction
-// set; the processor's own is chosen at run time.
+// The nearest entries of a query document to every word of a panel.  This file is compiled once per
+// instruction set; the processor's best one is chosen at run time.
 #include "libwmd/cpu/nearest_entries.hpp"
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 #ifndef TALVIK_NEAREST_ENTRIES_ONCE  // above all instruction sets
 #define TALVIK_NEAREST_ENTRIES_ONCE
 namespace talvik::internal {
-// find_nearest_entries by selection, for any number of nearest entries.
+// Does the work of find_nearest_entries by selection, for lists of any length.
 void select_nearest(const Panel& panel, const EntryRange& entries, int nearest, bool resume,
                     const NearestState& state);
 }  // namespace talvik::internal
@@ -29,13 +29,13 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 using Floats = hn::ScalableTag<float>;
 using Vector = hn::Vec<Floats>;
-constexpr std::size_t lanes = HWY_LANES(float);
+constexpr Index lanes = HWY_LANES(float);
 
-// How far ahead the rows of coming entries are fetched: they are picked all over the panel.
+// Entries whose rows are fetched ahead, since rows are picked all over the panel.
 constexpr int prefetch_entries = 8;
 static_assert(prefetch_entries <= row_padding);
 
-// Registers for K nearest of U vectors of words.
+// Registers for the K nearest entries of U vectors of words.
 template <int K, int U>
 struct Nearest {
   Vector score[K][U];
@@ -43,13 +43,13 @@ struct Nearest {
 };
 
 template <int K, int U>
-HWY_INLINE void load(Nearest<K, U>& near, const NearestState& state, std::size_t v, bool resume) {
+HWY_INLINE void load(Nearest<K, U>& near, const NearestState& state, Index v, bool resume) {
   const Floats d;
 #pragma GCC unroll 16
   for (int t = 0; t < K; ++t) {
 #pragma GCC unroll 4
     for (int u = 0; u < U; ++u) {
-      const std::size_t at = static_cast<std::size_t>(t) * state.stride + v + lanes * u;
+      const Index at = t * state.stride + v + lanes * u;
       near.score[t][u] = resume ? hn::LoadU(d, state.score + at)
                                 : hn::Set(d, std::numeric_limits<float>::infinity());
       if constexpr (K > 1) {
@@ -60,29 +60,29 @@ HWY_INLINE void load(Nearest<K, U>& near, const NearestState& state, std::size_t
 }
 
 template <int K, int U>
-HWY_INLINE void store(const Nearest<K, U>& near, const NearestState& state, std::size_t v) {
+HWY_INLINE void store(const Nearest<K, U>& near, const NearestState& state, Index v) {
   const Floats d;
 #pragma GCC unroll 16
   for (int t = 0; t < K; ++t) {
 #pragma GCC unroll 4
     for (int u = 0; u < U; ++u) {
-      const std::size_t at = static_cast<std::size_t>(t) * state.stride + v + lanes * u;
+      const Index at = t * state.stride + v + lanes * u;
       hn::StoreU(near.score[t][u], d, state.score + at);
       if constexpr (K > 1) hn::StoreU(near.weight[t][u], d, state.weight + at);
     }
   }
 }
 
-// One entry goes into the ascending lists of its U vectors of words.
+// Puts one entry into the ascending lists of U vectors of words.
 template <int K, int U>
 HWY_INLINE void insert(Nearest<K, U>& near, const Vector (&score)[U], Vector weight) {
 #pragma GCC unroll 4
   for (int u = 0; u < U; ++u) {
     if constexpr (K == 1) {
-      near.score[0][u] = hn::Min(score[u], near.score[0][u]);  // in this order NaN loses
+      near.score[0][u] = hn::Min(score[u], near.score[0][u]);  // of these operands, NaN loses
     } else {
-      // Strictly nearer: of equal scores the earlier entry stays first.  From the far end, so that
-      // every place takes over what its nearer neighbour held before this entry.
+      // Strictly nearer: of equal scores the earlier entry stays first.  The far end comes first,
+      // so that every place receives what its nearer neighbour held before this entry.
       auto nearer = hn::Lt(score[u], near.score[K - 1][u]);
       if constexpr (K > 2) {
         if (hn::AllFalse(Floats(), nearer)) continue;
@@ -102,19 +102,18 @@ HWY_INLINE void insert(Nearest<K, U>& near, const Vector (&score)[U], Vector wei
   }
 }
 
-// All entries against U vectors of words from word v on; the lists stay in registers throughout.
+// Searches U vectors of words from word v on; the lists stay in registers for all entries.
 template <int K, int U, bool biased>
-HWY_INLINE void reduce_words(const Panel& panel, const EntryRange& entries, std::size_t v,
-                             bool resume, const NearestState& state) {
+HWY_INLINE void reduce_words(const Panel& panel, const EntryRange& entries, Index v, bool resume,
+                             const NearestState& state) {
   const Floats d;
   const Vector scale = hn::Set(d, panel.scale);
   const float* scores = panel.scores + v;
   Nearest<K, U> near;
   load(near, state, v, resume);
   for (int c = 0; c < entries.count; ++c) {
-    const std::size_t row = static_cast<std::size_t>(entries.row[c]);
-    const float* ahead =
-        scores + static_cast<std::size_t>(entries.row[c + prefetch_entries]) * panel.stride;
+    const Index row = entries.row[c];
+    const float* ahead = scores + entries.row[c + prefetch_entries] * panel.stride;
     Vector score[U];
 #pragma GCC unroll 4
     for (int u = 0; u < U; ++u) {
@@ -133,15 +132,14 @@ HWY_INLINE void reduce_words(const Panel& panel, const EntryRange& entries, std:
 
 template <int K, bool biased>
 void reduce(const Panel& panel, const EntryRange& entries, bool resume, const NearestState& state) {
-  // Several vectors of words at a time share the look-up of an entry's row; more lists than this
-  // would not fit the registers.
+  // Vectors of words that share the look-up of an entry's row; more lists would not fit the
+  // registers.
   constexpr int U = K == 1 ? 4 : K <= 4 ? 2 : 1;
-  const std::size_t words = static_cast<std::size_t>(panel.words);
-  std::size_t v = 0;
-  for (; v + U * lanes <= words; v += U * lanes) {
+  Index v = 0;
+  for (; v + U * lanes <= panel.words; v += U * lanes) {
     reduce_words<K, U, biased>(panel, entries, v, resume, state);
   }
-  for (; v + lanes <= words; v += lanes) {
+  for (; v + lanes <= panel.words; v += lanes) {
     reduce_words<K, 1, biased>(panel, entries, v, resume, state);
   }
 }
@@ -171,7 +169,7 @@ void Reduce(const Panel& panel, const EntryRange& entries, int nearest, bool res
 void Distances(Metric metric, const float* norms, int words, float* scores) {
   const Floats d;
   with_metric(metric, [&]<Metric m>() HWY_ATTR {
-    for (int v = 0; v < words; v += static_cast<int>(lanes)) {
+    for (Index v = 0; v < words; v += lanes) {
       const Vector score = hn::LoadU(d, scores + v);
       if constexpr (m == Metric::cosine) {
         hn::StoreU(hn::MulAdd(score, hn::Set(d, 0.5f), hn::Set(d, 1)), d, scores + v);
@@ -192,7 +190,7 @@ namespace {
 
 struct Candidate {
   float score, weight;
-  int order;
+  int order;  // of its entry
 };
 
 bool nearer(const Candidate& a, const Candidate& b) {
@@ -204,7 +202,7 @@ bool nearer(const Candidate& a, const Candidate& b) {
 void select_nearest(const Panel& panel, const EntryRange& entries, int nearest, bool resume,
                     const NearestState& state) {
   std::vector<Candidate> candidates;
-  for (std::size_t v = 0; v < static_cast<std::size_t>(panel.words); ++v) {
+  for (int v = 0; v < panel.words; ++v) {
     candidates.clear();
     const auto offer = [&](float score, float weight) {
       if (score < std::numeric_limits<float>::infinity()) {
@@ -212,11 +210,11 @@ void select_nearest(const Panel& panel, const EntryRange& entries, int nearest, 
       }
     };
     for (int t = 0; t < nearest && resume; ++t) {
-      const std::size_t at = static_cast<std::size_t>(t) * state.stride + v;
+      const Index at = t * state.stride + v;
       offer(state.score[at], state.weight ? state.weight[at] : 0);
     }
     for (int c = 0; c < entries.count; ++c) {
-      const std::size_t row = static_cast<std::size_t>(entries.row[c]);
+      const Index row = entries.row[c];
       const float bias = panel.row_bias ? panel.row_bias[row] : 0;
       offer(panel.scale * panel.scores[row * panel.stride + v] + bias, entries.weight[c]);
     }
@@ -224,8 +222,8 @@ void select_nearest(const Panel& panel, const EntryRange& entries, int nearest, 
     std::partial_sort(candidates.begin(), candidates.begin() + found, candidates.end(), nearer);
     for (int t = 0; t < nearest; ++t) {
       const Candidate none{std::numeric_limits<float>::infinity(), 0, 0};
-      const Candidate& taken = t < found ? candidates[static_cast<std::size_t>(t)] : none;
-      const std::size_t at = static_cast<std::size_t>(t) * state.stride + v;
+      const Candidate& taken = t < found ? candidates[t] : none;
+      const Index at = t * state.stride + v;
       state.score[at] = taken.score;
       if (state.weight) state.weight[at] = taken.weight;
     }

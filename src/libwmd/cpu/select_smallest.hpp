@@ -9,7 +9,7 @@ namespace talvik::internal {
 
 using Candidate = std::pair<float, int>;  // value, index within the row
 
-/// Smaller value first, of equal values the lower index; NaN after every number.
+/// The smaller value is first, of equal values the lower index; NaN is after every number.
 bool ranks_before(const Candidate& a, const Candidate& b);
 
 /// The k smallest of n contiguous values, 1 <= k <= n, in the order of ranks_before.

@@ -5,122 +5,137 @@
 #include <algorithm>
 #include <climits>
 
+#include "internal/index.hpp"
 #include "libwmd/cpu/cache_line.hpp"
 
 namespace talvik::internal {
 
-/// Floats of a cache line, and of the widest register: what tiles are rounded to.
+/// Floats of a cache line, and of the widest register: the unit of padding.
 inline constexpr int line_floats = 16;
 static_assert(line_floats * sizeof(float) == line_bytes);
 
-constexpr long long round_up(long long n, long long unit) { return (n + unit - 1) / unit * unit; }
+constexpr Index round_up(Index n, Index unit) { return (n + unit - 1) / unit * unit; }
 
 // --- What a computation asks for, so that a process that cannot have it says so at once.
 
-inline constexpr long long distance_block_floats = 1ll << 30;        // 4 GiB, ed_min_vocab_cpu
-inline constexpr long long multi_distance_block_floats = 1ll << 29;  // 2 GiB, .._multi
+inline constexpr Index y_floats_most = Index{1} << 30;   ///< Y of ed_min_vocab_cpu, 4 GiB
+inline constexpr Index multi_y_floats = Index{1} << 29;  ///< Y of ed_min_vocab_cpu_multi, 2 GiB
 
-/// Vocabulary words whose distances to n2 query entries fit the distance block.
-constexpr long long words_per_distance_block(long long voc_size, long long n2) {
+/// Vocabulary words whose distances to n2 query entries fit Y.
+constexpr Index words_of_y(Index voc_size, Index n2) {
   if (n2 <= 0) return voc_size;
-  return static_cast<long long>(
-      std::min<double>(static_cast<double>(voc_size),
-                       static_cast<double>(distance_block_floats) / static_cast<double>(n2)));
+  const double words = static_cast<double>(y_floats_most) / static_cast<double>(n2);
+  return static_cast<Index>(std::min(static_cast<double>(voc_size), words));
 }
-static_assert(words_per_distance_block(2'000'000, 1'000'000) == 1073);
-static_assert(words_per_distance_block(100, 1'000'000) == 100);
+static_assert(words_of_y(2'000'000, 1'000'000) == 1073);
+static_assert(words_of_y(100, 1'000'000) == 100);
 
 // --- What it really uses: tiles that stay in cache, whatever the batch.
 
-/// Floats of working memory for all threads of the team together.  With what the dense products
-/// pack (32 MiB a thread by OpenBLAS, 1.2 MiB for the matrix unit) the engine stays below 512 MiB.
+/// Floats of working memory.  With the packed operands of the dense products (32 MiB a thread in
+/// OpenBLAS, 1.2 MiB for the matrix unit) the engine stays below 512 MiB.
 struct EngineBudget {
-  long long panel_floats = 48ll << 20;   ///< word-by-row scores, all threads: 192 MiB
-  long long table_floats = 24ll << 20;   ///< nearest distances and capacities: 96 MiB
-  long long stage_floats = 256ll << 10;  ///< of each thread, on their way to the tables: 1 MiB
+  Index panel_floats = Index{48} << 20;   ///< scores of all threads' panels together: 192 MiB
+  Index table_floats = Index{24} << 20;   ///< nearest distances and capacities: 96 MiB
+  Index stage_floats = Index{256} << 10;  ///< the stage of each thread: 1 MiB
 };
 
+/// What the engine takes at most with all that, for whoever plans a run: 512 MiB.
+inline constexpr long long engine_floats_most = 128ll << 20;
+
 /// Words of a panel.  A dense product packs all rows anew for every panel, which takes the BLAS an
-/// eighth of its time at 256 words and less the more there are; the reduction of wider panels is
-/// slower, since their rows lie further apart (1.5, 1.7 and 2.9 ns per row and line at 256, 512 and
-/// 1024 words).
+/// eighth of its time at 256 words and less the more there are; wider panels are slower to reduce,
+/// since their rows are further apart (1.5, 1.7 and 2.9 ns per row and line at 256, 512 and 1024
+/// words).
 inline constexpr int panel_words_wanted = 64;
 inline constexpr int panel_words_most = 512;
 
-/// Words of a panel that are reduced at a time: few enough for the scores of the frequent rows to
-/// stay in the second-level cache from document to document.
+/// Words of a strip at most.  The scores of frequent rows stay in the second-level cache from
+/// document to document.
 inline constexpr int strip_words_most = 64;
 
 /// Distinct query rows that one pass may hold, so that every thread has room for a panel.
 constexpr int rows_per_pass(const EngineBudget& budget, int threads) {
-  const long long rows = budget.panel_floats / (1ll * std::max(threads, 1) * panel_words_wanted);
-  return static_cast<int>(std::clamp<long long>(rows, 1, INT_MAX / panel_words_most));
+  const Index rows = budget.panel_floats / (Index{std::max(threads, 1)} * panel_words_wanted);
+  return static_cast<int>(std::clamp<Index>(rows, 1, INT_MAX / panel_words_most));
 }
 static_assert(rows_per_pass(EngineBudget{}, 2) == 393'216);
 static_assert(rows_per_pass(EngineBudget{1, 1, 1}, 64) == 1);
 
-/// Nearest words that share a resident word's weight: steps + 1, halved until it fits the document.
+/// Nearest entries that share a resident entry's weight: steps + 1, halved until the document has
+/// as many.
 constexpr int nearest_of_document(int steps, int entries) {
-  long long nearest = std::max<long long>(steps, 0) + 1;
+  Index nearest = std::max<Index>(steps, 0) + 1;
   while (nearest > entries && nearest > 1) nearest /= 2;
   return static_cast<int>(nearest);
 }
 static_assert(nearest_of_document(3, 3) == 2 && nearest_of_document(2, 2) == 1);
 static_assert(nearest_of_document(7, 100) == 8 && nearest_of_document(5, 0) == 1);
 
-/// Query documents side by side in a row of a table: 64, or less where that would be mostly
-/// padding.
+/// Query documents of a chunk: 64, or fewer where that would be mostly padding.
 constexpr int table_width(int docs) {
   if (docs > 3 * line_floats) return 4 * line_floats;
   return docs > line_floats ? 2 * line_floats : line_floats;
 }
 static_assert(table_width(1) == 16 && table_width(20) == 32 && table_width(1000) == 64);
 
-/// How one group of query documents is computed.
+/// How one section of a batch is computed.
 struct TilePlan {
-  int width;        ///< query documents side by side in a table row
-  int window_docs;  ///< query documents per round; more are computed in several rounds
-  int block_words;  ///< vocabulary words whose tables are held at once
-  int panel_words;  ///< vocabulary words whose scores a thread holds at once
-  int strip_words;  ///< of them, as many as are reduced at a time
-  int stage_words;  ///< of them, as many as are kept on their way to the tables
+  int width;        ///< query documents of a chunk
+  int window_docs;  ///< query documents whose tables are held at a time
+  int slab_words;   ///< vocabulary words whose tables are held at a time
+  int panel_words;  ///< words whose scores a thread holds at a time
+  int strip_words;  ///< words of a panel that are searched at a time
+  int stage_words;  ///< words whose nearest entries a stage holds
 };
 
-/// @param rows     distinct query rows of the group's largest pass
-/// @param docs     query documents of the group, at least 1
-/// @param nearest  nearest words per vocabulary word and document
-/// @param slots    of them, as many as are kept while they are searched
-/// @param panel_most  words of a panel at most
-/// @param several_passes  nearest entries of a panel are kept from pass to pass
-constexpr TilePlan plan_tiles(const EngineBudget& budget, int threads, int voc_size, int rows,
-                              int docs, int nearest, int slots, int panel_most,
-                              bool several_passes) {
-  threads = std::max(threads, 1);
-  const int width = table_width(docs);
-  const long long tables = 2ll * nearest - 1;
-  const long long docs_fit = budget.table_floats / (tables * line_floats) / width * width;
-  const long long window = std::clamp<long long>(docs_fit, width, round_up(docs, width));
-  const long long words_fit = budget.table_floats / (tables * window) / line_floats * line_floats;
-  long long block = std::clamp<long long>(words_fit, line_floats, round_up(voc_size, line_floats));
-  const long long panels_fit =
-      budget.panel_floats / (1ll * threads * std::max(rows, 1)) - line_floats;
-  const long long stage_fits =
-      std::max(budget.stage_floats / (2ll * slots * width) / line_floats, 1ll) * line_floats;
-  const long long strip = std::min<long long>(stage_fits, strip_words_most);
-  long long panel = std::clamp<long long>(
-      panels_fit / line_floats * line_floats, line_floats,
-      several_passes ? std::min<long long>(stage_fits, panel_most) : panel_most);
-  // The same number of panels for every thread, all of about the same width.
-  const long long rounds = std::max((block + threads * panel - 1) / (threads * panel), 1ll);
-  panel = std::clamp<long long>(
-      round_up((block + threads * rounds - 1) / (threads * rounds), line_floats), line_floats,
-      panel);
-  return {width,
-          static_cast<int>(window),
-          static_cast<int>(block),
-          static_cast<int>(panel),
-          static_cast<int>(strip),
-          static_cast<int>(several_passes ? panel : strip)};
+struct TileNeeds {
+  int threads;
+  int voc_size;
+  int rows;               ///< distinct query rows of the section's largest pass
+  int docs;               ///< query documents of the section, at least 1
+  int nearest;            ///< nearest entries per vocabulary word and document
+  int slots;              ///< list length during the search
+  int panel_words_limit;  ///< words of a panel at most
+  bool several_passes;    ///< the stage keeps a whole panel's nearest entries from pass to pass
+};
+
+constexpr TilePlan plan_tiles(const EngineBudget& budget, const TileNeeds& needs) {
+  const Index threads = std::max(needs.threads, 1);
+  const Index width = table_width(needs.docs);
+
+  // Tables: as many documents as fit with one line of words, then as many words as fit with these.
+  const Index tables = 2 * Index{needs.nearest} - 1;
+  const Index docs_fit = budget.table_floats / (tables * line_floats) / width * width;
+  const Index window = std::clamp(docs_fit, width, round_up(needs.docs, width));
+  const Index words_fit = budget.table_floats / (tables * window) / line_floats * line_floats;
+  const Index slab =
+      std::clamp<Index>(words_fit, line_floats, round_up(needs.voc_size, line_floats));
+
+  const Index stage_fits = std::max<Index>(
+      budget.stage_floats / (Index{2} * needs.slots * width) / line_floats * line_floats,
+      line_floats);
+  const Index strip = std::min<Index>(stage_fits, strip_words_most);
+
+  // Panels: every thread gets the same number of them, all of about the same width.
+  const Index panels_fit =
+      (budget.panel_floats / (threads * std::max(needs.rows, 1)) - line_floats) / line_floats *
+      line_floats;
+  const Index panel_limit = needs.several_passes
+                                ? std::min<Index>(stage_fits, needs.panel_words_limit)
+                                : needs.panel_words_limit;
+  const Index widest = std::clamp<Index>(panels_fit, line_floats, panel_limit);
+  const Index rounds = std::max<Index>((slab + threads * widest - 1) / (threads * widest), 1);
+  const Index panel =
+      std::clamp<Index>(round_up((slab + threads * rounds - 1) / (threads * rounds), line_floats),
+                        line_floats, widest);
+
+  return {.width = static_cast<int>(width),
+          .window_docs = static_cast<int>(window),
+          .slab_words = static_cast<int>(slab),
+          .panel_words = static_cast<int>(panel),
+          .strip_words = static_cast<int>(strip),
+          .stage_words = static_cast<int>(needs.several_passes ? panel : strip)};
 }
 
 }  // namespace talvik::internal

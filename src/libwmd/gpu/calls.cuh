@@ -1,11 +1,14 @@
-// The device calls that the parts of the GPU engine share, each with its way to fail.  Included by
-// libwmd.cu alone.
+// The device calls that the parts of the GPU engine share, each with its way to fail.  What a call
+// opens or allocates has an owner, so that an exception leaves nothing on the device; where a
+// release that fails has a message, it is made explicitly.  Included by libwmd.cu alone.
 #ifndef TALVIK_LIBWMD_GPU_CALLS_CUH
 #define TALVIK_LIBWMD_GPU_CALLS_CUH
 
 #include <algorithm>
 #include <cstddef>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "internal/failure.hpp"
 #include "internal/index.hpp"
@@ -15,29 +18,38 @@
 
 namespace talvik::internal {
 
-/// @return count values on the device, null if there are none to hold
+struct FreeOnDevice {
+  void operator()(void* values) const { cudaFree(values); }
+};
+
+/// Values in device memory, owned; null where there are none.
 template <class T>
-T* allocate_on_device(std::size_t count, const std::string& name) {
+using DeviceArray = std::unique_ptr<T[], FreeOnDevice>;
+
+/// Null for no values.
+template <class T>
+DeviceArray<T> allocate_on_device(Index count, const std::string& name) {
   void* values = nullptr;
   const std::size_t bytes = count * sizeof(T);
-  if (count > 0 && cudaMalloc(&values, bytes) != cudaSuccess) {
+  if (count != 0 && cudaMalloc(&values, bytes) != cudaSuccess) {
     report_memory_allocation_error(bytes, "Failed to allocate GPU memory for " + name);
   }
-  return static_cast<T*>(values);
+  return DeviceArray<T>(static_cast<T*>(values));
 }
 
 template <class T>
-T* upload(const T* values, std::size_t count, const std::string& name) {
-  T* copy = allocate_on_device<T>(count, name);
-  if (count > 0 &&
-      cudaMemcpy(copy, values, count * sizeof(T), cudaMemcpyHostToDevice) != cudaSuccess) {
+DeviceArray<T> upload(const T* values, Index count, const std::string& name) {
+  DeviceArray<T> copy = allocate_on_device<T>(count, name);
+  const std::size_t bytes = count * sizeof(T);
+  if (count != 0 && cudaMemcpy(copy.get(), values, bytes, cudaMemcpyHostToDevice) != cudaSuccess) {
     fail("Failed to copy " + name);
   }
   return copy;
 }
 
-inline void free_on_device(void* values, const std::string& name) {
-  if (cudaFree(values) != cudaSuccess) fail("Failed to deallocate " + name);
+template <class T>
+void free_on_device(DeviceArray<T> values, const std::string& name) {
+  if (cudaFree(values.release()) != cudaSuccess) fail("Failed to deallocate " + name);
 }
 
 template <class Status>
@@ -45,45 +57,100 @@ std::string number_of(Status status) {
   return std::to_string(static_cast<int>(status));
 }
 
-/// A launch returns no status: what went wrong with it is asked for afterwards, and must not be
-/// mixed up with errors of calls whose result nobody looked at, such as a device selection.
+/// Failure of the creation surfaces at the first product.
+struct DenseLibrary {
+  cublasHandle_t handle = nullptr;
+
+  DenseLibrary() { cublasCreate_v2(&handle); }
+  ~DenseLibrary() { cublasDestroy_v2(handle); }
+  DenseLibrary(const DenseLibrary&) = delete;
+  DenseLibrary& operator=(const DenseLibrary&) = delete;
+};
+
+struct SparseLibrary {
+  cusparseHandle_t handle = nullptr;
+  cusparseMatDescr_t descr = nullptr;  ///< general, zero-based
+
+  SparseLibrary() {
+    if (cusparseCreate(&handle) != CUSPARSE_STATUS_SUCCESS) {
+      fail("CUSPARSE Library initialization failed");
+    }
+    if (cusparseCreateMatDescr(&descr) != CUSPARSE_STATUS_SUCCESS) {
+      fail("Matrix descriptor initialization failed");
+    }
+    cusparseSetMatType(descr, CUSPARSE_MATRIX_TYPE_GENERAL);
+    cusparseSetMatIndexBase(descr, CUSPARSE_INDEX_BASE_ZERO);
+  }
+  /// Releases what close() has not.
+  ~SparseLibrary() {
+    if (descr) cusparseDestroyMatDescr(descr);
+    if (handle) cusparseDestroy(handle);
+    release_sparse_workspace();
+  }
+  SparseLibrary(const SparseLibrary&) = delete;
+  SparseLibrary& operator=(const SparseLibrary&) = delete;
+
+  void close() {
+    if (cusparseDestroyMatDescr(std::exchange(descr, nullptr)) != CUSPARSE_STATUS_SUCCESS) {
+      fail("Matrix descriptor destruction failed");
+    }
+    if (cusparseDestroy(std::exchange(handle, nullptr)) != CUSPARSE_STATUS_SUCCESS) {
+      fail("CUSPARSE Library release of resources failed");
+    }
+  }
+};
+
+/// Clears stale errors so that launch errors are not confused with them.
 inline void forget_earlier_errors() { cudaGetLastError(); }
 
-/// Without this look, a GPU that the build has no code for would leave the results untouched.
+/// A launch returns no status.  Without this look, a GPU that the build has no code for would leave
+/// the results untouched.
 inline void require_launched() {
   const cudaError_t status = cudaGetLastError();
   if (status != cudaSuccess) fail("GPU kernels failed: CUDA status " + number_of(status));
 }
 
-/// products[t*num_words + v] = words[v] . rows[t], all rows vec_size long.
-inline void dense_product(cublasHandle_t handle_blas, int num_words, int num_rows, int length,
-                          const float* words, const float* rows, float* products) {
+/// Embedding rows in device memory.
+struct DeviceRows {
+  int count;
+  float* values;  ///< count x vec_size
+  float* norms;   ///< squared; null if normalize_embeddings
+};
+
+/// products[t*words.count + v] = words[v] . rows[t].
+inline void multiply_rows(const DenseLibrary& library, const DeviceRows& words,
+                          const DeviceRows& rows, float* products) {
   const float fp1 = 1, fp0 = 0;
-  const int stride = std::max(length, 1);
+  const int stride = std::max(vec_size, 1);
   const cublasStatus_t status =
-      cublasSgemm_v2(handle_blas, CUBLAS_OP_T, CUBLAS_OP_N, num_words, num_rows, length, &fp1,
-                     words, stride, rows, stride, &fp0, products, num_words);
+      cublasSgemm_v2(library.handle, CUBLAS_OP_T, CUBLAS_OP_N, words.count, rows.count, vec_size,
+                     &fp1, words.values, stride, rows.values, stride, &fp0, products, words.count);
   if (status != CUBLAS_STATUS_SUCCESS) {
     fail("Dense matrix-matrix multiplication failed: " + number_of(status));
   }
 }
 
-/// Turns num_rows x num_words dot products into word distances by the current settings.
-inline void convert_to_distances(int num_rows, int num_words, float* products, float* word_norms,
-                                 float* row_norms) {
-  if (num_rows == 0 || num_words == 0) return;
+/// Turns the products into distances, by the current settings.
+inline void convert_products(const DeviceRows& words, const DeviceRows& rows, float* products) {
   switch (chosen_metric(use_cosine, normalize_embeddings)) {
     case Metric::cosine:
-      launch(cos_to_dist, row_grid(num_rows), block_shape(), num_rows, num_words, products);
+      launch(cos_to_dist, row_grid(rows.count), block_shape(), rows.count, words.count, products);
       return;
     case Metric::unit_euclidean:
-      transform_in_place(products, elements(num_rows, num_words), c_to_e<float>());
+      transform_in_place(products, elements(rows.count, words.count), c_to_e<float>());
       return;
     case Metric::euclidean:
       constexpr int first_word = 0;
-      launch(final_sqrt2, row_grid(num_rows), block_shape(), num_rows, num_words, first_word,
-             products, word_norms, row_norms);
+      launch(final_sqrt2, row_grid(rows.count), block_shape(), rows.count, words.count, first_word,
+             products, words.norms, rows.norms);
   }
+}
+
+/// distances[t*words.count + v] = distance between word v and row t.  Neither is empty.
+inline void compute_word_distances(const DenseLibrary& library, const DeviceRows& words,
+                                   const DeviceRows& rows, float* distances) {
+  multiply_rows(library, words, rows, distances);
+  convert_products(words, rows, distances);
 }
 
 }  // namespace talvik::internal

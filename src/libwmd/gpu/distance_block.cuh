@@ -1,12 +1,14 @@
-// One batch's block of distances on the GPU.  Distance rows are computed once per distinct query
-// row; the entries of a document point to theirs.  The nearest entries of every document are
+// The distance block of a query batch on the GPU.  Distance rows are computed once per distinct
+// query row; the entries of a document point to theirs.  The nearest entries of every document are
 // chosen, and the resident weights travel there.  Kernels of the default stream run in the order of
 // their launches, so nothing waits but the copies.  Included by libwmd.cu alone.
 #ifndef TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 #define TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 
 #include <algorithm>
+#include <iterator>  // ssize
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "libwmd/distinct_rows.hpp"
@@ -16,39 +18,37 @@
 namespace talvik::internal {
 namespace {
 
+// One computation: what is asked for, and what it holds meanwhile.
 struct GpuBlock {
   float* Z;         // host, num_docs2 x num_docs
   int steps;        // capacity steps asked for
   bool precompute;  // distances from D_ground_dev
   GpuBudget budget;
-
   DistinctRows rows;  // one row per distinct query row in vector form, none in index form
-  bool rows_repeat;   // there are fewer of them than entries
 
-  cublasHandle_t handle_blas;
-  cusparseHandle_t handle_sparse;
-  cusparseMatDescr_t descr;
+  DenseLibrary dense = {};
+  SparseLibrary sparse = {};
 
-  float* dp_dev;             // distances of a group of documents to the resident ones
-  float* Y_dev;              // distance rows, voc_size each
-  float* Y_dev_t;            // the nearest distances: rows of voc_size
-  float* weights_min_dev_t;  // the weights behind them; not used by the top-1 rule
-  float* weight_updated;     // num_vecs, what is left of every resident entry; with steps only
-  float* weight_delta;       // num_vecs, what moves; with steps only
+  DeviceArray<float> dp_dev = {};   // distances of a group of documents to the resident ones
+  DeviceArray<float> Y_dev = {};    // distance rows, voc_size each
+  DeviceArray<float> Y_dev_t = {};  // the nearest distances: rows of voc_size
+  DeviceArray<float> weights_min_dev_t = {};  // the weights behind them; read with steps only
+  DeviceArray<float> weight_updated = {};     // num_vecs, what is left; with steps only
+  DeviceArray<float> weight_delta = {};       // num_vecs, what moves; with steps only
 
-  int* start2_dev;        // start2, for the top-1 rule only
-  int* row_of_entry_dev;  // rows.row_of_entry; vector form only
+  DeviceArray<int> start2_dev = {};        // start2; without steps only
+  DeviceArray<int> row_of_entry_dev = {};  // rows.row_of_entry; vector form only
 
   // Only where rows repeat.
-  int* entry_of_row_dev;  // rows.entry_of_row
-  float* X_rows_dev;      // distinct rows of a pass, vec_size each
-  float* Rn_rows_dev;     // their squared norms; without normalisation only
+  DeviceArray<int> entry_of_row_dev = {};  // rows.entry_of_row
+  DeviceArray<float> X_rows_dev = {};      // distinct rows of a pass, vec_size each
+  DeviceArray<float> Rn_rows_dev = {};     // their squared norms; without normalisation only
 };
 
-// The kernels that keep so many nearest entries.
+// The kernels that keep one number of nearest entries.
 struct TopKernels {
-  void (*single)(int, int, float*, float*, float*, float*);
-  void (*of_rows)(int, int, float*, int*, float*, float*, float*, bool);
+  decltype(&top1_single) single;
+  decltype(&top_of_rows<1>) of_rows;
 };
 
 TopKernels top_kernels(int nearest) {
@@ -73,29 +73,19 @@ bool consecutive(const int* numbers, int count) {
   return true;
 }
 
-// With ground distances nothing is computed: all entries' rows are those of the matrix.
-void plan_block(GpuBlock& block, const std::vector<int>& row_ids) {
-  const int num_entries = start2[num_docs2];
-  if (block.precompute) {
-    block.rows.passes = {{0, 0, 0, num_entries}};
-    block.rows.sections = {{0, num_docs2, 0, 1}};
-    return;
-  }
-  block.rows = find_distinct_rows(row_ids.data(), sizeof(int), start2, num_docs2,
-                                  rows_of_block(block.budget, voc_size), num_cpu_threads);
-  block.rows_repeat = static_cast<int>(block.rows.entry_of_row.size()) < num_entries;
-}
+int entries_of(int doc) { return start2[doc + 1] - start2[doc]; }
 
-void open_libraries(GpuBlock& block) {
-  cublasCreate_v2(&block.handle_blas);  // a handle that is none makes the product fail
-  if (cusparseCreate(&block.handle_sparse) != CUSPARSE_STATUS_SUCCESS) {
-    fail("CUSPARSE Library initialization failed");
+// With ground distances nothing is computed: all entries' rows are those of the matrix.
+// @param row_ids  per query entry, a number that entries of equal rows share; vector form
+DistinctRows plan_rows(bool precompute, const GpuBudget& budget, const std::vector<int>& row_ids) {
+  if (!precompute) {
+    return find_distinct_rows(row_ids.data(), sizeof(int), start2, num_docs2,
+                              rows_of_block(budget, voc_size), num_cpu_threads);
   }
-  if (cusparseCreateMatDescr(&block.descr) != CUSPARSE_STATUS_SUCCESS) {
-    fail("Matrix descriptor initialization failed");
-  }
-  cusparseSetMatType(block.descr, CUSPARSE_MATRIX_TYPE_GENERAL);
-  cusparseSetMatIndexBase(block.descr, CUSPARSE_INDEX_BASE_ZERO);
+  DistinctRows none;
+  none.passes = {{0, 0, 0, start2[num_docs2]}};
+  none.sections = {{0, num_docs2, 0, 1}};
+  return none;
 }
 
 void allocate_buffers(GpuBlock& block) {
@@ -103,137 +93,114 @@ void allocate_buffers(GpuBlock& block) {
   const int nearest = topk_size(block.steps);
   const int group = block.budget.group_docs;
   block.dp_dev = allocate_on_device<float>(elements(steps ? 1 : group, num_docs), "dp_dev");
-  block.Y_dev = allocate_on_device<float>(
-      static_cast<std::size_t>(block_floats(block.budget, voc_size)), "Y_dev");
+  block.Y_dev = allocate_on_device<float>(block_floats(block.budget, voc_size), "Y_dev");
   block.Y_dev_t = allocate_on_device<float>(elements(steps ? nearest : group, voc_size), "Y_dev_t");
   block.weights_min_dev_t =
       allocate_on_device<float>(elements(nearest, voc_size), "weights_min_dev_t");
   if (steps) {
-    const auto entries = static_cast<std::size_t>(num_vecs);
-    block.weight_updated = allocate_on_device<float>(entries, "weight_updated");
-    block.weight_delta = allocate_on_device<float>(entries, "weight_delta");
+    block.weight_updated = allocate_on_device<float>(num_vecs, "weight_updated");
+    block.weight_delta = allocate_on_device<float>(num_vecs, "weight_delta");
+  } else {
+    block.start2_dev = upload(start2, elements(1, num_docs2) + 1, "start2");
   }
+  if (block.precompute) return;
+
   const DistinctRows& rows = block.rows;
-  if (!steps) {
-    block.start2_dev = upload(start2, static_cast<std::size_t>(num_docs2) + 1, "start2");
-  }
-  if (!block.precompute) {
-    const auto entries = static_cast<std::size_t>(start2[num_docs2]);
-    block.row_of_entry_dev = upload(rows.row_of_entry.data(), entries, "row_of_entry");
-  }
-  if (block.rows_repeat) {
-    const int pass_rows = largest_pass(rows, 0, static_cast<int>(rows.passes.size()));
-    block.entry_of_row_dev =
-        upload(rows.entry_of_row.data(), rows.entry_of_row.size(), "entry_of_row");
-    block.X_rows_dev = allocate_on_device<float>(elements(pass_rows, vec_size), "X_rows");
-    if (!normalize_embeddings) {
-      block.Rn_rows_dev = allocate_on_device<float>(static_cast<std::size_t>(pass_rows), "Rn_rows");
-    }
-  }
+  const int entries = start2[num_docs2];
+  block.row_of_entry_dev = upload(rows.row_of_entry.data(), entries, "row_of_entry");
+  if (std::ssize(rows.entry_of_row) == entries) return;
+  const int pass_rows = largest_pass(rows, 0, static_cast<int>(rows.passes.size()));
+  block.entry_of_row_dev =
+      upload(rows.entry_of_row.data(), std::ssize(rows.entry_of_row), "entry_of_row");
+  block.X_rows_dev = allocate_on_device<float>(elements(pass_rows, vec_size), "X_rows");
+  if (!normalize_embeddings) block.Rn_rows_dev = allocate_on_device<float>(pass_rows, "Rn_rows");
 }
 
 void free_buffers(GpuBlock& block) {
-  free_on_device(block.Y_dev, "Y_dev");
-  free_on_device(block.Y_dev_t, "Y_dev_t");
-  free_on_device(block.weights_min_dev_t, "weights_min_dev_t");
-  free_on_device(block.dp_dev, "dp_dev");
-  if (block.steps > 0) {
-    free_on_device(block.weight_updated, "weight_updated");
-    free_on_device(block.weight_delta, "weight_delta");
-  }
-  free_on_device(block.start2_dev, "start2");
-  free_on_device(block.row_of_entry_dev, "row_of_entry");
-  free_on_device(block.entry_of_row_dev, "entry_of_row");
-  free_on_device(block.X_rows_dev, "X_rows");
-  free_on_device(block.Rn_rows_dev, "Rn_rows");
+  free_on_device(std::move(block.Y_dev), "Y_dev");
+  free_on_device(std::move(block.Y_dev_t), "Y_dev_t");
+  free_on_device(std::move(block.weights_min_dev_t), "weights_min_dev_t");
+  free_on_device(std::move(block.dp_dev), "dp_dev");
+  free_on_device(std::move(block.weight_updated), "weight_updated");
+  free_on_device(std::move(block.weight_delta), "weight_delta");
 }
 
-void close_libraries(GpuBlock& block) {
-  cublasDestroy_v2(block.handle_blas);
-  if (cusparseDestroyMatDescr(block.descr) != CUSPARSE_STATUS_SUCCESS) {
-    fail("Matrix descriptor destruction failed");
+// The distinct query rows of a pass, gathered unless they are side by side already.
+DeviceRows rows_of_pass(GpuBlock& block, const RowPass& pass) {
+  const int count = pass.last_row - pass.first_row;
+  const int* entries = block.rows.entry_of_row.data() + pass.first_row;
+  if (consecutive(entries, count)) {
+    float* norms = normalize_embeddings ? nullptr : Rn2_dev + entries[0];
+    return {count, X2_dev + elements(entries[0], vec_size), norms};
   }
-  if (cusparseDestroy(block.handle_sparse) != CUSPARSE_STATUS_SUCCESS) {
-    fail("CUSPARSE Library release of resources failed");
-  }
-  release_sparse_workspace();
+  const DeviceRows rows{count, block.X_rows_dev.get(), block.Rn_rows_dev.get()};
+  int* entries_dev = block.entry_of_row_dev.get() + pass.first_row;
+  const auto gather = [&](int cols, float* from, float* to) {
+    launch(gather_matrix_rows, row_grid(count), block_shape(), count, cols, from, entries_dev, to);
+  };
+  gather(vec_size, X2_dev, rows.values);
+  constexpr int one_norm = 1;
+  if (rows.norms) gather(one_norm, Rn2_dev, rows.norms);
+  return rows;
 }
 
 // Y_dev[t*voc_size + v] = distance between vocabulary word v and distinct row t of the pass.
 void compute_rows(GpuBlock& block, const RowPass& pass) {
-  const int rows = pass.last_row - pass.first_row;
-  if (rows == 0) return;
-  const int* entries = block.rows.entry_of_row.data() + pass.first_row;
-  float* X = X2_dev + elements(entries[0], vec_size);
-  float* norms = normalize_embeddings ? nullptr : Rn2_dev + entries[0];
-  if (!consecutive(entries, rows)) {
-    int* entries_dev = block.entry_of_row_dev + pass.first_row;
-    X = block.X_rows_dev;
-    launch(gather_matrix_rows, row_grid(rows), block_shape(), rows, vec_size, X2_dev, entries_dev,
-           X);
-    if (norms) {
-      norms = block.Rn_rows_dev;
-      constexpr int one_norm = 1;
-      launch(gather_matrix_rows, row_grid(rows), block_shape(), rows, one_norm, Rn2_dev,
-             entries_dev, norms);
-    }
-  }
-  dense_product(block.handle_blas, voc_size, rows, vec_size, W_dev, X, block.Y_dev);
-  convert_to_distances(rows, voc_size, block.Y_dev, RW_dev, norms);
+  if (pass.first_row == pass.last_row) return;
+  const DeviceRows vocabulary{voc_size, W_dev, RW_dev};
+  compute_word_distances(block.dense, vocabulary, rows_of_pass(block, pass), block.Y_dev.get());
 }
 
-// Where the distance rows are, and which one belongs to an entry.
-float* distance_rows(const GpuBlock& block) {
-  return block.precompute ? D_ground_dev : block.Y_dev;
+EntryDistances entry_distances(const GpuBlock& block) {
+  if (block.precompute) return {D_ground_dev, ind2_dev, voc_size};
+  return {block.Y_dev.get(), block.row_of_entry_dev.get(), voc_size};
 }
 
-int* row_of_entry(const GpuBlock& block) {
-  return block.precompute ? ind2_dev : block.row_of_entry_dev;
-}
-
-// Row r of Y_dev_t: every vocabulary word's (r+1)-th nearest entry of the document, among those of
-// this pass and, if it goes on, the passes before.  A document without entries is far away.
+// Writes, to row r of Y_dev_t, every vocabulary word's distance to the (r+1)-th nearest entry of
+// the document, among those of this pass and, if it goes on, of the passes before.  A document
+// without entries is far away.
 void choose_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int doc) {
-  const TopKernels kernels =
-      top_kernels(topk_of_document(block.steps, start2[doc + 1] - start2[doc]));
+  const TopKernels kernels = top_kernels(topk_of_document(block.steps, entries_of(doc)));
   const int first = std::max(start2[doc], pass.first_entry);
   const int count = std::min(start2[doc + 1], pass.last_entry) - first;
+  const NearestEntries nearest{block.Y_dev_t.get(), block.weights_min_dev_t.get()};
   float* weights = weight2_dev + first;
   const std::vector<int>& rows = block.rows.row_of_entry;  // empty in index form
   if (!block.precompute && !goes_on && consecutive(rows.data() + first, count)) {
-    float* first_row = block.Y_dev + elements(rows[static_cast<std::size_t>(first)], voc_size);
-    launch(kernels.single, column_grid(voc_size), block_shape(), count, voc_size, first_row,
-           block.Y_dev_t, weights, block.weights_min_dev_t);
-  } else {
-    launch(kernels.of_rows, column_grid(voc_size), block_shape(), count, voc_size,
-           distance_rows(block), row_of_entry(block) + first, block.Y_dev_t, weights,
-           block.weights_min_dev_t, goes_on);
+    launch(kernels.single, column_grid(voc_size), block_shape(), count, voc_size,
+           block.Y_dev.get() + elements(rows[first], voc_size), nearest.distances, weights,
+           nearest.weights);
+    return;
   }
+  EntryDistances entries = entry_distances(block);
+  entries.row_of_entry += first;
+  launch(kernels.of_rows, column_grid(voc_size), block_shape(), entries, count, weights, nearest,
+         goes_on);
 }
 
 void copy_to_Z(const GpuBlock& block, int first_doc, int count) {
-  if (cudaMemcpy(block.Z + elements(first_doc, num_docs), block.dp_dev,
+  if (cudaMemcpy(block.Z + elements(first_doc, num_docs), block.dp_dev.get(),
                  elements(count, num_docs) * sizeof(float),
                  cudaMemcpyDeviceToHost) != cudaSuccess) {
     fail("Failed to copy Z");
   }
 }
 
-// Row q of Y_dev_t: every vocabulary word's distance to the nearest entry of document first_doc +
-// q.
+// Writes, to row q of Y_dev_t, every vocabulary word's distance to the nearest entry of document
+// first_doc + q.
 void find_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int first_doc, int docs) {
-  launch(nearest_of_documents, column_grid(voc_size, docs), block_shape(), voc_size,
-         distance_rows(block), row_of_entry(block), block.start2_dev + first_doc, pass.first_entry,
-         pass.last_entry, block.Y_dev_t, goes_on);
+  launch(nearest_of_documents, column_grid(voc_size, docs), block_shape(), entry_distances(block),
+         block.start2_dev.get() + first_doc, EntryRange{pass.first_entry, pass.last_entry},
+         block.Y_dev_t.get(), goes_on);
 }
 
 // All weight goes to the nearest entry: one product for all documents of Y_dev_t.
 void send_to_nearest(GpuBlock& block, int first_doc, int docs) {
   const float fp1 = 1, fp0 = 0;
   const cusparseStatus_t status = cusparseScsrmm2(
-      block.handle_sparse, CUSPARSE_OPERATION_NON_TRANSPOSE, CUSPARSE_OPERATION_NON_TRANSPOSE,
-      num_docs, docs, voc_size, num_vecs, &fp1, block.descr, weight_dev, start_dev, ind_dev,
-      block.Y_dev_t, voc_size, &fp0, block.dp_dev, num_docs);
+      block.sparse.handle, CUSPARSE_OPERATION_NON_TRANSPOSE, CUSPARSE_OPERATION_NON_TRANSPOSE,
+      num_docs, docs, voc_size, num_vecs, &fp1, block.sparse.descr, weight_dev, start_dev, ind_dev,
+      block.Y_dev_t.get(), voc_size, &fp0, block.dp_dev.get(), num_docs);
   if (status != CUSPARSE_STATUS_SUCCESS) {
     std::string text = "Sparse-matrix dense-matrix multiplication failed: " + number_of(status);
     if (status == CUSPARSE_STATUS_INTERNAL_ERROR) text += "\nInternal Error";
@@ -244,13 +211,13 @@ void send_to_nearest(GpuBlock& block, int first_doc, int docs) {
 }
 
 // dp_dev[d] += the weights of resident document d, times the (r+1)-th nearest distances.
-void add_product(GpuBlock& block, float* weights, int r, const std::string& failure) {
+void add_product(GpuBlock& block, const float* weights, int r, const std::string& failure) {
   const float fp1 = 1;
   constexpr int one_document = 1;
-  const cusparseStatus_t status =
-      cusparseScsrmm(block.handle_sparse, CUSPARSE_OPERATION_NON_TRANSPOSE, num_docs, one_document,
-                     voc_size, num_vecs, &fp1, block.descr, weights, start_dev, ind_dev,
-                     block.Y_dev_t + elements(r, voc_size), voc_size, &fp1, block.dp_dev, num_docs);
+  const cusparseStatus_t status = cusparseScsrmm(
+      block.sparse.handle, CUSPARSE_OPERATION_NON_TRANSPOSE, num_docs, one_document, voc_size,
+      num_vecs, &fp1, block.sparse.descr, weights, start_dev, ind_dev,
+      block.Y_dev_t.get() + elements(r, voc_size), voc_size, &fp1, block.dp_dev.get(), num_docs);
   if (status != CUSPARSE_STATUS_SUCCESS) {
     fail("Sparse matrix-matrix multiplication failed in " + failure + number_of(status));
   }
@@ -258,47 +225,47 @@ void add_product(GpuBlock& block, float* weights, int r, const std::string& fail
 
 // Each of the nearest entries in turn takes at most its own weight; the rest goes to the next one.
 void pour(GpuBlock& block, int doc) {
-  const int steps = steps_of_document(block.steps, start2[doc + 1] - start2[doc]);
-  cudaMemset(block.dp_dev, 0, elements(1, num_docs) * sizeof(float));
+  const int steps = steps_of_document(block.steps, entries_of(doc));
+  cudaMemset(block.dp_dev.get(), 0, elements(1, num_docs) * sizeof(float));
   float* left = weight_dev;
   for (int k = 0; k < steps; ++k) {
     launch(update_weights_delta_multi, row_grid(num_docs), block_shape(), num_docs, left, start_dev,
-           ind_dev, voc_size, k, block.weights_min_dev_t, block.weight_delta, block.weight_updated);
-    left = block.weight_updated;
-    add_product(block, block.weight_delta, k, "iteration " + std::to_string(k) + " ");
+           ind_dev, voc_size, k, block.weights_min_dev_t.get(), block.weight_delta.get(),
+           block.weight_updated.get());
+    left = block.weight_updated.get();
+    add_product(block, block.weight_delta.get(), k, "iteration " + std::to_string(k) + " ");
   }
   add_product(block, left, steps, steps == 0 ? "final iteration 0 " : "final iteration ");
   constexpr int one_document = 1;
   copy_to_Z(block, doc, one_document);
 }
 
-// A group of documents, of which this pass holds all rows, or the last of them, or some.
-void run_pass(GpuBlock& block, const BatchSection& group, int p) {
-  const RowPass& pass = block.rows.passes[static_cast<std::size_t>(p)];
-  const bool goes_on = p > group.first_pass, complete = p + 1 == group.last_pass;
+// Pass p of a section holds all rows of its documents, or some of the rows of its one document.
+void run_pass(GpuBlock& block, const BatchSection& section, int p) {
+  const RowPass& pass = block.rows.passes[p];
+  const bool goes_on = p > section.first_pass, complete = p + 1 == section.last_pass;
   if (!block.precompute) compute_rows(block, pass);
   if (block.steps > 0) {
-    for (int doc = group.first_doc; doc < group.last_doc; ++doc) {
+    for (int doc = section.first_doc; doc < section.last_doc; ++doc) {
       choose_nearest(block, pass, goes_on, doc);
       if (complete) pour(block, doc);
     }
     return;
   }
-  for (int doc = group.first_doc; doc < group.last_doc; doc += block.budget.group_docs) {
-    const int docs = std::min(block.budget.group_docs, group.last_doc - doc);
+  for (int doc = section.first_doc; doc < section.last_doc; doc += block.budget.group_docs) {
+    const int docs = std::min(block.budget.group_docs, section.last_doc - doc);
     find_nearest(block, pass, goes_on, doc, docs);
     if (complete) send_to_nearest(block, doc, docs);
   }
 }
 
-void run_groups(GpuBlock& block) {
-  for (const BatchSection& group : block.rows.sections) {
-    for (int p = group.first_pass; p < group.last_pass; ++p) run_pass(block, group, p);
+void run_sections(GpuBlock& block) {
+  for (const BatchSection& section : block.rows.sections) {
+    for (int p = section.first_pass; p < section.last_pass; ++p) run_pass(block, section, p);
   }
 }
 
-/// Z of the batch held, by the state of the engine.
-/// @param row_ids  per query entry, a number that entries of equal rows share; vector form
+// Z of the batch held, by the state of the engine.  Row ids as in plan_rows.
 void compute_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget,
                    const std::vector<int>& row_ids) {
   // Nothing to launch, and nothing to pay for, where no resident document has an entry.
@@ -308,18 +275,16 @@ void compute_block(float* Z, int delta_iterations, bool precompute, const GpuBud
     return;
   }
   forget_earlier_errors();
-  GpuBlock block{};
-  block.Z = Z;
-  block.steps = delta_iterations;
-  block.precompute = precompute;
-  block.budget = budget;
-  plan_block(block, row_ids);
-  open_libraries(block);
+  GpuBlock block{.Z = Z,
+                 .steps = delta_iterations,
+                 .precompute = precompute,
+                 .budget = budget,
+                 .rows = plan_rows(precompute, budget, row_ids)};
   allocate_buffers(block);
-  run_groups(block);
+  run_sections(block);
   require_launched();
   free_buffers(block);
-  close_libraries(block);
+  block.sparse.close();
 }
 
 }  // namespace

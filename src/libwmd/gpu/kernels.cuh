@@ -1,13 +1,13 @@
 // The GPU engine's kernels: dot products into distances, the nearest entries of a query document
 // for every vocabulary word, the capacity steps, and the gathering of rows.  Every output element
-// is written by exactly one thread.  Matrices are row-major; all shapes must be positive unless
-// stated.  Included by libwmd.cu alone.
+// is written by exactly one thread.  Matrices are row-major; shapes are positive unless stated.
+// Included by libwmd.cu alone.
 #ifndef TALVIK_LIBWMD_GPU_KERNELS_CUH
 #define TALVIK_LIBWMD_GPU_KERNELS_CUH
 
 #include <algorithm>
-#include <cstddef>
 
+#include "internal/index.hpp"
 #include "libwmd/gpu/platform/device.hpp"
 #include "libwmd/word_distance.hpp"
 
@@ -16,37 +16,30 @@ namespace talvik {
 namespace internal {
 
 inline constexpr int threads_per_block = 128;
-// Columns of blocks in a row-block launch, so that rows beyond 65535 find a block.
+// A grid has at most 65,535 blocks in y, so rows are counted along x first.
 inline constexpr int blocks_across = 1024;
 
-constexpr unsigned blocks_for(int items, int per_block) {
-  return static_cast<unsigned>((items - 1) / per_block + 1);
-}
+constexpr int blocks_for(int items, int per_block) { return (items - 1) / per_block + 1; }
 
 /// Row-block launch, a block per row: block (x, y) owns row y * blocks_across + x.
+///   rows = 1,000:  1,000 x 1 blocks      rows = 2,500:  1,024 x 3 blocks, of which 572 own no row
 inline dim3 row_grid(int rows) {
-  return dim3(static_cast<unsigned>(std::min(rows, blocks_across)), blocks_for(rows, blocks_across),
-              1);
+  return dim3(std::min(rows, blocks_across), blocks_for(rows, blocks_across));
 }
 
-/// Column launch, a thread per column.
+/// Column launch, a thread per column, and a row of blocks per document.
 inline dim3 column_grid(int cols, int documents = 1) {
-  return dim3(blocks_for(cols, threads_per_block), static_cast<unsigned>(documents), 1);
+  return dim3(blocks_for(cols, threads_per_block), documents);
 }
 
-inline dim3 block_shape() { return dim3(threads_per_block, 1, 1); }
+inline dim3 block_shape() { return dim3(threads_per_block); }
 
-inline __device__ int row_of_block() {
-  return static_cast<int>(blockIdx.y) * blocks_across + static_cast<int>(blockIdx.x);
-}
+inline __device__ int row_of_block() { return blockIdx.y * blocks_across + blockIdx.x; }
 
-inline __device__ int column_of_thread() {
-  return static_cast<int>(blockIdx.x) * threads_per_block + static_cast<int>(threadIdx.x);
-}
+inline __device__ int column_of_thread() { return blockIdx.x * threads_per_block + threadIdx.x; }
 
-TALVIK_BOTH inline std::size_t row_offset(int row, int cols) {
-  return static_cast<std::size_t>(row) * static_cast<std::size_t>(cols);
-}
+/// elements() for device code, too.
+TALVIK_BOTH constexpr Index row_offset(Index row, Index cols) { return row * cols; }
 
 /// Puts y into the ascending list, with its weight.  Strictly smaller only, so that of equal values
 /// the earlier one stays first.  Every index is fixed once unrolled, so the lists live in
@@ -66,57 +59,89 @@ TALVIK_BOTH inline void insert_smallest(float (&value)[N], float (&weight)[N], f
   }
 }
 
-/// The N smallest of a column of D and the weights of their rows.  A list that the rows do not fill
+/// The distances of entries to all words.
+struct EntryDistances {
+  const float* rows;        ///< cols distances each
+  const int* row_of_entry;  ///< null: entry t has row t
+  int cols;
+
+  TALVIK_BOTH float at(int entry, int c) const {
+    return rows[row_offset(row_of_entry ? row_of_entry[entry] : entry, cols) + c];
+  }
+};
+
+/// Per column, the nearest entries: the r-th stands at r*cols + c, its weight likewise.
+struct NearestEntries {
+  float* distances;
+  float* weights;
+};
+
+/// The N nearest of a document's first `count` entries to column c.  A list that they do not fill
 /// ends with far_away and no weight.
-/// @param row_ind  rows numbers of rows of D; null: its first rows, in order
-/// @param goes_on  D_k and w_k hold the result over earlier rows
+/// @param goes_on  nearest holds the result over earlier entries
 template <int N>
-__device__ void smallest_of_column(int rows, int cols, const float* D, const int* row_ind,
-                                   float* D_k, const float* w, float* w_k, bool goes_on) {
-  const int c = column_of_thread();
-  if (c >= cols) return;
+__device__ void nearest_of_column(int c, const EntryDistances& entries, int count,
+                                  const float* entry_weights, const NearestEntries& nearest,
+                                  bool goes_on) {
   float value[N], weight[N];
   for (int r = 0; r < N; ++r) {
-    value[r] = goes_on ? D_k[row_offset(r, cols) + c] : far_away;
-    weight[r] = goes_on ? w_k[row_offset(r, cols) + c] : 0;
+    const Index at = row_offset(r, entries.cols) + c;
+    value[r] = goes_on ? nearest.distances[at] : far_away;
+    weight[r] = goes_on ? nearest.weights[at] : 0;
   }
-  for (int t = 0; t < rows; ++t) {
-    const int row = row_ind ? row_ind[t] : t;
-    insert_smallest(value, weight, D[row_offset(row, cols) + c], w[t]);
+  for (int t = 0; t < count; ++t) {
+    insert_smallest(value, weight, entries.at(t, c), entry_weights[t]);
   }
   for (int r = 0; r < N; ++r) {
-    D_k[row_offset(r, cols) + c] = value[r];
-    w_k[row_offset(r, cols) + c] = weight[r];
+    const Index at = row_offset(r, entries.cols) + c;
+    nearest.distances[at] = value[r];
+    nearest.weights[at] = weight[r];
   }
 }
 
-/// topN_single over rows of D that are listed, so that entries may share one.  Column launch.
+/// topN_single over entries that may share a row.  Column launch.
 template <int N>
-__global__ void top_of_rows(int rows, int cols, float* D, int* row_ind, float* D_k, float* w,
-                            float* w_k, bool goes_on) {
-  smallest_of_column<N>(rows, cols, D, row_ind, D_k, w, w_k, goes_on);
+__global__ void top_of_rows(EntryDistances entries, int count, const float* entry_weights,
+                            NearestEntries nearest, bool goes_on) {
+  const int c = column_of_thread();
+  if (c < entries.cols) {
+    nearest_of_column<N>(c, entries, count, entry_weights, nearest, goes_on);
+  }
 }
 
-/// nearest[q][c] = the smallest of column c over the rows of document q's entries, of those in
-/// [first_entry, last_entry); far_away if there are none.  Column launch, with a row of blocks per
-/// document: one document alone would leave most of a GPU idle.
+/// Consecutive entries of a batch.
+struct EntryRange {
+  int first, last;  ///< [first, last)
+};
+
+/// nearest[q][c] = the smallest distance of column c to the entries of document q, of those in
+/// `held`; far_away if there are none.  Column launch, with a row of blocks per document: one
+/// document alone would leave most of a GPU idle.
 /// @param start    entry offsets, from document 0 of the launch
-/// @param row_ind  row of D of every entry
 /// @param goes_on  nearest holds the result over earlier entries
-__global__ void nearest_of_documents(int cols, float* D, int* row_ind, int* start, int first_entry,
-                                     int last_entry, float* nearest, bool goes_on) {
+__global__ void nearest_of_documents(EntryDistances entries, const int* start, EntryRange held,
+                                     float* nearest, bool goes_on) {
   const int c = column_of_thread();
-  if (c >= cols) return;
-  const int q = static_cast<int>(blockIdx.y);
-  const int begin = start[q] > first_entry ? start[q] : first_entry;
-  const int end = start[q + 1] < last_entry ? start[q + 1] : last_entry;
-  float& result = nearest[row_offset(q, cols) + c];
+  if (c >= entries.cols) return;
+  const int q = blockIdx.y;
+  const int first = start[q] > held.first ? start[q] : held.first;
+  const int last = start[q + 1] < held.last ? start[q + 1] : held.last;
+  float& result = nearest[row_offset(q, entries.cols) + c];
   float smallest = goes_on ? result : far_away;
-  for (int t = begin; t < end; ++t) {
-    const float y = D[row_offset(row_ind[t], cols) + c];
+  for (int t = first; t < last; ++t) {
+    const float y = entries.at(t, c);
     if (y < smallest) smallest = y;
   }
   result = smallest;
+}
+
+/// The body of topN_single.
+template <int N>
+__device__ void top_of_column(int rows, int cols, const float* D, float* D_k, const float* w,
+                              float* w_k) {
+  const int c = column_of_thread();
+  constexpr bool goes_on = false;
+  if (c < cols) nearest_of_column<N>(c, {D, nullptr, cols}, rows, w, {D_k, w_k}, goes_on);
 }
 
 }  // namespace internal
@@ -133,7 +158,7 @@ struct c_to_e {
 __global__ void cos_to_dist(int rows, int cols, float* D) {
   const int r = internal::row_of_block();
   if (r >= rows) return;
-  for (int c = static_cast<int>(threadIdx.x); c < cols; c += internal::threads_per_block) {
+  for (int c = threadIdx.x; c < cols; c += internal::threads_per_block) {
     float& d = D[internal::row_offset(r, cols) + c];
     d = internal::word_distance<internal::Metric::cosine>(d, 0, 0);
   }
@@ -145,7 +170,7 @@ __global__ void final_sqrt2(int rows, int cols, int col_offset, float* D, float*
                             float* row_norms) {
   const int r = internal::row_of_block();
   if (r >= rows) return;
-  for (int c = static_cast<int>(threadIdx.x); c < cols; c += internal::threads_per_block) {
+  for (int c = threadIdx.x; c < cols; c += internal::threads_per_block) {
     float& d = D[internal::row_offset(r, cols) + c];
     d = internal::word_distance<internal::Metric::euclidean>(d, col_norms[col_offset + c],
                                                              row_norms[r]);
@@ -155,19 +180,19 @@ __global__ void final_sqrt2(int rows, int cols, int col_offset, float* D, float*
 /// D_k[r][c] = the (r+1)-th smallest of column c of D, w_k[r][c] = the weight of its row, for r <
 /// N. rows may be 0.  Column launch.
 __global__ void top1_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<1>(rows, cols, D, nullptr, D_k, w, w_k, false);
+  internal::top_of_column<1>(rows, cols, D, D_k, w, w_k);
 }
 __global__ void top2_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<2>(rows, cols, D, nullptr, D_k, w, w_k, false);
+  internal::top_of_column<2>(rows, cols, D, D_k, w, w_k);
 }
 __global__ void top4_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<4>(rows, cols, D, nullptr, D_k, w, w_k, false);
+  internal::top_of_column<4>(rows, cols, D, D_k, w, w_k);
 }
 __global__ void top8_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<8>(rows, cols, D, nullptr, D_k, w, w_k, false);
+  internal::top_of_column<8>(rows, cols, D, D_k, w, w_k);
 }
 __global__ void top16_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
-  internal::smallest_of_column<16>(rows, cols, D, nullptr, D_k, w, w_k, false);
+  internal::top_of_column<16>(rows, cols, D, D_k, w, w_k);
 }
 
 /// Splits what is left of every resident entry p at the weight of its word's (k+1)-th nearest
@@ -180,8 +205,7 @@ __global__ void update_weights_delta_multi(int num_docs, float* weight_in, int* 
   if (d >= num_docs) return;
   const float* capacity = weights_min + internal::row_offset(k, voc_size);
   const int end = start[d + 1];
-  for (int p = start[d] + static_cast<int>(threadIdx.x); p < end;
-       p += internal::threads_per_block) {
+  for (int p = start[d] + threadIdx.x; p < end; p += internal::threads_per_block) {
     const float left = weight_in[p];
     const float cap = capacity[ind[p]];
     const float moved = left > cap ? cap : left;
@@ -196,7 +220,7 @@ __global__ void gather_matrix_rows(int rows, int cols, float* src, int* row_ind,
   if (r >= rows) return;
   const float* from = src + internal::row_offset(row_ind[r], cols);
   float* to = dst + internal::row_offset(r, cols);
-  for (int c = static_cast<int>(threadIdx.x); c < cols; c += internal::threads_per_block) {
+  for (int c = threadIdx.x; c < cols; c += internal::threads_per_block) {
     to[c] = from[c];
   }
 }

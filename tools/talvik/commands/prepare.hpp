@@ -4,14 +4,9 @@
 
 #include <string>
 
-namespace talvik::tool {
+#include "text_sources.hpp"
 
-enum class TextsFormat {
-  automatic,  ///< a directory is a tree; names in .jsonl, .ndjson are jsonl; other files tsv
-  tree,       ///< a directory per class, with texts at any depth
-  tsv,        ///< "label<TAB>text" a line
-  jsonl,      ///< an object {"id", "label", "text"} a line; id may be absent
-};
+namespace talvik::tool {
 
 struct PrepareOptions {
   std::string input;

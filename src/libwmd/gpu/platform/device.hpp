@@ -6,6 +6,7 @@
 #define TALVIK_LIBWMD_GPU_PLATFORM_DEVICE_HPP
 
 #include <cstddef>
+#include <type_traits>  // type_identity_t
 
 #if defined(__CUDACC__) || defined(TALVIK_DEVICE_CUDA)
 #include <cublas_v2.h>
@@ -40,16 +41,11 @@ inline cudaError_t release_sparse_workspace() { return cudaSuccess; }
 
 #if defined(__CUDACC__) || !defined(TALVIK_DEVICE_CUDA)
 
-/// Keeps a parameter from being deduced from its argument, which then converts as in a plain call.
-template <class T>
-struct as_is {
-  using type = T;
-};
-
 /// kernel<<<grid, block>>>(args...) on the default stream, in both builds.  Shapes are not empty.
+/// Arguments convert to the kernel's parameters, as in a plain call.
 template <class... Parameters>
 void launch(void (*kernel)(Parameters...), dim3 grid, dim3 block,
-            typename as_is<Parameters>::type... args) {
+            std::type_identity_t<Parameters>... args) {
 #ifdef __CUDACC__
   kernel<<<grid, block>>>(args...);
   assert(cudaPeekAtLastError() == cudaSuccess);  // a refused shape, no code for this device

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <string_view>
 
 #include "libwmd/gpu/platform/hostdev_checks.hpp"
 #include "libwmd/gpu/platform/hostdev_control.hpp"
@@ -45,16 +46,20 @@ bool set_in_environment(const char* name) {
   return value != nullptr && *value != '\0' && std::strcmp(value, "0") != 0;
 }
 
+// Whether host code is kept out of device memory.
 bool guarded() {
   static const bool value = set_in_environment("TALVIK_HOSTDEV_GUARD");
   return value;
 }
 
+void protect(const Allocation& allocation, int protection) {
+  if (mprotect(allocation.mapping, allocation.mapped_bytes, protection) != 0)
+    die("guard", "mprotect failed");
+}
+
 void open_or_close(int protection) {
   if (!guarded()) return;
-  for (const auto& [first, allocation] : allocations)
-    if (mprotect(allocation.mapping, allocation.mapped_bytes, protection) != 0)
-      die("guard", "mprotect failed");
+  for (const auto& [first, allocation] : allocations) protect(allocation, protection);
 }
 
 cudaError_t result_of(cudaError_t status) {
@@ -75,7 +80,7 @@ auto holder_of(const void* byte) {
   return address < candidate->first + candidate->second.bytes ? candidate : allocations.end();
 }
 
-void require_host_range(const std::string& call, const void* first, size_t bytes) {
+void require_host_range(const char* call, const void* first, size_t bytes) {
   const char* begin = static_cast<const char*>(first);
   const auto next = allocations.lower_bound(begin);
   if (holder_of(first) != allocations.end() ||
@@ -83,28 +88,41 @@ void require_host_range(const std::string& call, const void* first, size_t bytes
     die(call, "the host side of the copy lies in device memory");
 }
 
+size_t page_bytes() { return sysconf(_SC_PAGESIZE); }
+
+constexpr int private_memory = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+
 // Right-aligned against an inaccessible page, so that a kernel's step over the end is seen too.
-char* map_pages(size_t bytes, Allocation* allocation) {
+char* map_pages(size_t bytes, Allocation& allocation) {
   constexpr size_t alignment = 16;
-  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  const size_t open_bytes = (bytes + page - 1) / page * page;
-  allocation->mapped_bytes = open_bytes;
-  void* base = mmap(nullptr, open_bytes + page, PROT_NONE,
-                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  const size_t open_bytes = (bytes + page_bytes() - 1) / page_bytes() * page_bytes();
+  void* base = mmap(nullptr, open_bytes + page_bytes(), PROT_NONE, private_memory, -1, 0);
   if (base == MAP_FAILED) return nullptr;
-  if (mprotect(base, open_bytes, PROT_READ | PROT_WRITE) != 0) die("cudaMalloc", "mprotect failed");
-  allocation->mapping = base;
+  allocation.mapping = base;
+  allocation.mapped_bytes = open_bytes;
+  protect(allocation, PROT_READ | PROT_WRITE);
   return static_cast<char*>(base) + open_bytes - (bytes + alignment - 1) / alignment * alignment;
+}
+
+void unmap_pages(const Allocation& allocation) {
+  if (!guarded()) {
+    munmap(allocation.mapping, allocation.mapped_bytes + page_bytes());
+    return;
+  }
+  // The addresses stay taken, so that later use of the freed memory is always seen.
+  if (mmap(allocation.mapping, allocation.mapped_bytes, PROT_NONE, private_memory | MAP_FIXED, -1,
+           0) == MAP_FAILED)
+    die("cudaFree", "mmap failed");
 }
 
 }  // namespace
 
-void die(const std::string& call, const std::string& fault) {
-  std::fprintf(stderr, "hostdev: %s: %s\n", call.c_str(), fault.c_str());
+void die(const char* call, const std::string& fault) {
+  std::fprintf(stderr, "hostdev: %s: %s\n", call, fault.c_str());
   std::abort();
 }
 
-void require_device_range(const std::string& call, const void* first, size_t bytes) {
+void require_device_range(const char* call, const void* first, size_t bytes) {
   if (bytes == 0) return;
   const auto holder = holder_of(first);
   if (holder == allocations.end()) die(call, "no live device allocation holds its memory");
@@ -118,7 +136,7 @@ void require_device_range(const std::string& call, const void* first, size_t byt
                   std::to_string(device) + " is selected");
 }
 
-int count_call(const std::string& call) {
+int count_call(std::string_view call) {
   if (call != plan.call || plan.skip-- > 0) return 0;
   plan.call.clear();
   return plan.status;
@@ -161,6 +179,8 @@ void check_transform(const float* device_values, size_t count) {
                                "transform: failed to synchronize");
 }
 
+inline namespace vendor {
+
 cudaError_t cudaGetDeviceCount(int* count) {
   if (const cudaError_t status = planned("cudaGetDeviceCount")) return status;
   *count = device_count;
@@ -173,8 +193,6 @@ cudaError_t cudaSetDevice(int new_device) {
   device = new_device;
   return cudaSuccess;
 }
-
-cudaError_t cudaDeviceSynchronize() { return planned("cudaDeviceSynchronize"); }
 
 cudaError_t cudaGetLastError() {
   const cudaError_t error = last_error;
@@ -192,12 +210,12 @@ cudaError_t cudaMalloc(void** pointer, size_t bytes) {
   Allocation allocation{bytes, device, nullptr, 0};
   // Small ones come from malloc, where the address sanitizer sees steps over either end.
   const bool pages = guarded() || bytes > poisoned_bytes;
-  char* first = pages ? map_pages(bytes, &allocation) : static_cast<char*>(std::malloc(bytes));
+  char* first = pages ? map_pages(bytes, allocation) : static_cast<char*>(std::malloc(bytes));
   if (first == nullptr) return result_of(cudaErrorMemoryAllocation);
   if (bytes <= poisoned_bytes) std::memset(first, poison, bytes);
   allocations.emplace(first, allocation);
   used_bytes += bytes;
-  if (guarded()) mprotect(allocation.mapping, allocation.mapped_bytes, PROT_NONE);
+  if (guarded()) protect(allocation, PROT_NONE);
   *pointer = first;
   return cudaSuccess;
 }
@@ -210,15 +228,10 @@ cudaError_t cudaFree(void* pointer) {
   const Allocation allocation = found->second;
   allocations.erase(found);
   used_bytes -= allocation.bytes;
-  if (allocation.mapping == nullptr) {
+  if (allocation.mapping == nullptr)
     std::free(pointer);
-  } else if (guarded()) {
-    // The addresses stay taken, so that later use of the freed memory is always seen.
-    mmap(allocation.mapping, allocation.mapped_bytes, PROT_NONE,
-         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
-  } else {
-    munmap(allocation.mapping, allocation.mapped_bytes + sysconf(_SC_PAGESIZE));
-  }
+  else
+    unmap_pages(allocation);
   return cudaSuccess;
 }
 
@@ -253,4 +266,5 @@ cudaError_t cudaMemGetInfo(size_t* free_bytes, size_t* total_bytes) {
   return cudaSuccess;
 }
 
+}  // namespace vendor
 }  // namespace talvik::hostdev

@@ -14,53 +14,46 @@
 
 #include "internal/team.hpp"
 
+// The names are CUDA's; Thrust defines some of them, too.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 #ifndef __global__
 #define __global__
 #endif
 #ifndef __device__
 #define __device__
 #endif
-#ifndef __host__
-#define __host__
-#endif
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace talvik {
 
 namespace hostdev {
 
-// Status numbers are the vendor's: messages print them.
-enum cudaError_t {
+// The names of CUDA and its libraries that the engine uses, and no others.
+inline namespace vendor {
+
+// Numbers are the vendor's: messages print them.
+enum cudaError_t : int {
   cudaSuccess = 0,
-  cudaErrorInvalidValue = 1,
   cudaErrorMemoryAllocation = 2,
   cudaErrorInvalidDevice = 101
 };
-enum cudaMemcpyKind {
-  cudaMemcpyHostToDevice = 1,
-  cudaMemcpyDeviceToHost = 2,
-  cudaMemcpyDeviceToDevice = 3
-};
-enum cublasStatus_t {
+enum cudaMemcpyKind { cudaMemcpyHostToDevice = 1, cudaMemcpyDeviceToHost = 2 };
+enum cublasStatus_t : int {
   CUBLAS_STATUS_SUCCESS = 0,
   CUBLAS_STATUS_NOT_INITIALIZED = 1,
-  CUBLAS_STATUS_ALLOC_FAILED = 3,
-  CUBLAS_STATUS_INVALID_VALUE = 7,
-  CUBLAS_STATUS_EXECUTION_FAILED = 13,
-  CUBLAS_STATUS_INTERNAL_ERROR = 14
+  CUBLAS_STATUS_INVALID_VALUE = 7
 };
 enum cublasOperation_t { CUBLAS_OP_N = 0, CUBLAS_OP_T = 1 };
-enum cusparseStatus_t {
+enum cusparseStatus_t : int {
   CUSPARSE_STATUS_SUCCESS = 0,
   CUSPARSE_STATUS_NOT_INITIALIZED = 1,
-  CUSPARSE_STATUS_ALLOC_FAILED = 2,
   CUSPARSE_STATUS_INVALID_VALUE = 3,
   CUSPARSE_STATUS_EXECUTION_FAILED = 6,
-  CUSPARSE_STATUS_INTERNAL_ERROR = 7,
-  CUSPARSE_STATUS_MATRIX_TYPE_NOT_SUPPORTED = 8
+  CUSPARSE_STATUS_INTERNAL_ERROR = 7
 };
-enum cusparseOperation_t { CUSPARSE_OPERATION_NON_TRANSPOSE = 0, CUSPARSE_OPERATION_TRANSPOSE = 1 };
-enum cusparseMatrixType_t { CUSPARSE_MATRIX_TYPE_GENERAL = 0, CUSPARSE_MATRIX_TYPE_SYMMETRIC = 1 };
-enum cusparseIndexBase_t { CUSPARSE_INDEX_BASE_ZERO = 0, CUSPARSE_INDEX_BASE_ONE = 1 };
+enum cusparseOperation_t { CUSPARSE_OPERATION_NON_TRANSPOSE = 0 };
+enum cusparseMatrixType_t { CUSPARSE_MATRIX_TYPE_GENERAL = 0 };
+enum cusparseIndexBase_t { CUSPARSE_INDEX_BASE_ZERO = 0 };
 
 struct cublasContext;
 struct cusparseContext;
@@ -73,7 +66,6 @@ using cusparseMatDescr_t = cusparseMatDescr*;
 
 cudaError_t cudaGetDeviceCount(int* count);
 cudaError_t cudaSetDevice(int device);  // for the calling thread
-cudaError_t cudaDeviceSynchronize();
 cudaError_t cudaGetLastError();
 
 /// Poisoned (every float a NaN) up to 16 MiB; beyond that untouched, which costs nothing.
@@ -106,14 +98,14 @@ cusparseStatus_t cusparseDestroyMatDescr(cusparseMatDescr_t descr);
 cusparseStatus_t cusparseSetMatType(cusparseMatDescr_t descr, cusparseMatrixType_t type);
 cusparseStatus_t cusparseSetMatIndexBase(cusparseMatDescr_t descr, cusparseIndexBase_t base);
 cusparseStatus_t cusparseScsrmm(cusparseHandle_t handle, cusparseOperation_t transA, int m, int n,
-                                int k, int nnz, const float* alpha, const cusparseMatDescr_t descrA,
+                                int k, int nnz, const float* alpha, cusparseMatDescr_t descrA,
                                 const float* values, const int* row_offsets, const int* columns,
                                 const float* B, int ldb, const float* beta, float* C, int ldc);
 cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperation_t transA,
                                  cusparseOperation_t transB, int m, int n, int k, int nnz,
-                                 const float* alpha, const cusparseMatDescr_t descrA,
-                                 const float* values, const int* row_offsets, const int* columns,
-                                 const float* B, int ldb, const float* beta, float* C, int ldc);
+                                 const float* alpha, cusparseMatDescr_t descrA, const float* values,
+                                 const int* row_offsets, const int* columns, const float* B,
+                                 int ldb, const float* beta, float* C, int ldc);
 
 // --- Kernels
 
@@ -121,8 +113,9 @@ struct dim3 {
   unsigned int x, y, z;
   constexpr dim3(unsigned int x = 1, unsigned int y = 1, unsigned int z = 1) : x(x), y(y), z(z) {}
 };
-constinit inline thread_local dim3 gridDim, blockDim;
 constinit inline thread_local dim3 blockIdx(0, 0, 0), threadIdx(0, 0, 0);
+
+}  // namespace vendor
 
 /// While one lives, guarded device memory is open to host code.
 class DeviceWork {
@@ -165,8 +158,6 @@ void run_grid(dim3 grid, dim3 block, const DeviceThread& device_thread) {
   };
   const int team = omp_get_max_threads();
   internal::for_each_share(team, team, [&](int first, int last, int) {
-    gridDim = grid;
-    blockDim = block;
     for (int member = first; member < last; ++member) {
       if (by_threads)
         for (long long b = 0; b < blocks; ++b) run_block(b, (member + b) % team, team);
@@ -178,73 +169,7 @@ void run_grid(dim3 grid, dim3 block, const DeviceThread& device_thread) {
 
 }  // namespace hostdev
 
-using hostdev::blockDim;
-using hostdev::blockIdx;
-using hostdev::dim3;
-using hostdev::gridDim;
-using hostdev::threadIdx;
-
-using hostdev::cudaDeviceSynchronize;
-using hostdev::cudaError_t;
-using hostdev::cudaErrorInvalidDevice;
-using hostdev::cudaErrorInvalidValue;
-using hostdev::cudaErrorMemoryAllocation;
-using hostdev::cudaFree;
-using hostdev::cudaGetDeviceCount;
-using hostdev::cudaGetLastError;
-using hostdev::cudaMalloc;
-using hostdev::cudaMemcpy;
-using hostdev::cudaMemcpyDeviceToDevice;
-using hostdev::cudaMemcpyDeviceToHost;
-using hostdev::cudaMemcpyHostToDevice;
-using hostdev::cudaMemcpyKind;
-using hostdev::cudaMemGetInfo;
-using hostdev::cudaMemset;
-using hostdev::cudaSetDevice;
-using hostdev::cudaSuccess;
-
-using hostdev::CUBLAS_OP_N;
-using hostdev::CUBLAS_OP_T;
-using hostdev::CUBLAS_STATUS_ALLOC_FAILED;
-using hostdev::CUBLAS_STATUS_EXECUTION_FAILED;
-using hostdev::CUBLAS_STATUS_INTERNAL_ERROR;
-using hostdev::CUBLAS_STATUS_INVALID_VALUE;
-using hostdev::CUBLAS_STATUS_NOT_INITIALIZED;
-using hostdev::CUBLAS_STATUS_SUCCESS;
-using hostdev::cublasCreate_v2;
-using hostdev::cublasDestroy_v2;
-using hostdev::cublasHandle_t;
-using hostdev::cublasOperation_t;
-using hostdev::cublasSgemm_v2;
-using hostdev::cublasStatus_t;
-
-using hostdev::CUSPARSE_INDEX_BASE_ONE;
-using hostdev::CUSPARSE_INDEX_BASE_ZERO;
-using hostdev::CUSPARSE_MATRIX_TYPE_GENERAL;
-using hostdev::CUSPARSE_MATRIX_TYPE_SYMMETRIC;
-using hostdev::CUSPARSE_OPERATION_NON_TRANSPOSE;
-using hostdev::CUSPARSE_OPERATION_TRANSPOSE;
-using hostdev::CUSPARSE_STATUS_ALLOC_FAILED;
-using hostdev::CUSPARSE_STATUS_EXECUTION_FAILED;
-using hostdev::CUSPARSE_STATUS_INTERNAL_ERROR;
-using hostdev::CUSPARSE_STATUS_INVALID_VALUE;
-using hostdev::CUSPARSE_STATUS_MATRIX_TYPE_NOT_SUPPORTED;
-using hostdev::CUSPARSE_STATUS_NOT_INITIALIZED;
-using hostdev::CUSPARSE_STATUS_SUCCESS;
-using hostdev::cusparseCreate;
-using hostdev::cusparseCreateMatDescr;
-using hostdev::cusparseDestroy;
-using hostdev::cusparseDestroyMatDescr;
-using hostdev::cusparseHandle_t;
-using hostdev::cusparseIndexBase_t;
-using hostdev::cusparseMatDescr_t;
-using hostdev::cusparseMatrixType_t;
-using hostdev::cusparseOperation_t;
-using hostdev::cusparseScsrmm;
-using hostdev::cusparseScsrmm2;
-using hostdev::cusparseSetMatIndexBase;
-using hostdev::cusparseSetMatType;
-using hostdev::cusparseStatus_t;
+using namespace hostdev::vendor;
 
 }  // namespace talvik
 

@@ -4,17 +4,18 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace talvik::hostdev {
 
 /// Ends the process with "hostdev: call: fault" on standard error.
-[[noreturn]] void die(const std::string& call, const std::string& fault);
+[[noreturn]] void die(const char* call, const std::string& fault);
 
 /// Ends the process unless the bytes lie in one live allocation of the selected device.
-void require_device_range(const std::string& call, const void* first, size_t bytes);
+void require_device_range(const char* call, const void* first, size_t bytes);
 
 /// Counts the call; the status that a fault plan has for it now, or 0.
-int count_call(const std::string& call);
+int count_call(std::string_view call);
 
 }  // namespace talvik::hostdev
 

@@ -4,56 +4,64 @@
 #include <algorithm>
 #include <set>
 
+#include "internal/index.hpp"
 #include "libwmd/gpu/platform/hostdev.hpp"
 #include "libwmd/gpu/platform/hostdev_checks.hpp"
 #include "libwmd/gpu/platform/hostdev_control.hpp"
 
 namespace talvik::hostdev {
 
+inline namespace vendor {
 struct cublasContext {};
 struct cusparseContext {};
-struct cusparseMatDescr {
-  cusparseMatrixType_t type = CUSPARSE_MATRIX_TYPE_GENERAL;
-  cusparseIndexBase_t base = CUSPARSE_INDEX_BASE_ZERO;
-};
+struct cusparseMatDescr {};
+}  // namespace vendor
 
 namespace {
 
+using internal::Index;
 using Columns = Eigen::Map<Eigen::MatrixXf, Eigen::Unaligned, Eigen::OuterStride<>>;
 using ConstColumns = Eigen::Map<const Eigen::MatrixXf, Eigen::Unaligned, Eigen::OuterStride<>>;
 using ConstCsr = Eigen::Map<const Eigen::SparseMatrix<float, Eigen::RowMajor, int>>;
 
 std::set<const void*> handles;
 
-template <class Handle>
-void create(Handle** handle) {
+template <class Status, class Handle>
+Status create(const char* call, Handle** handle) {
+  if (const int status = count_call(call)) return static_cast<Status>(status);
   *handle = new Handle;
   handles.insert(*handle);
+  return Status{};
 }
 
-template <class Handle>
-bool destroy(Handle* handle) {
-  if (handles.erase(handle) == 0) return false;
+template <class Status, class Handle>
+Status destroy(const char* call, Handle* handle, Status unknown) {
+  if (const int status = count_call(call)) return static_cast<Status>(status);
+  if (handles.erase(handle) == 0) return unknown;
   delete handle;
-  return true;
+  return Status{};
 }
 
-bool live(const void* handle) { return handles.count(handle) > 0; }
+bool live(const void* handle) { return handles.contains(handle); }
 
-// From the first element to the last of a column-major matrix that has both.
+void require_values(const char* call, const void* values, Index count) {
+  static_assert(sizeof(float) == sizeof(int));
+  require_device_range(call, values, count * sizeof(float));
+}
+
+// From the first element to the last of a column-major matrix.
 void require_matrix(const char* call, const float* matrix, int rows, int columns, int ld) {
-  const size_t floats = static_cast<size_t>(ld) * (columns - 1) + rows;
-  require_device_range(call, matrix, floats * sizeof(float));
+  if (rows > 0) require_values(call, matrix, internal::elements(columns - 1, ld) + rows);
 }
 
 // C = alpha product + beta C.  Under beta 0 C is not read: it may hold NaNs.
 template <class Product>
-void store(Columns* C, float alpha, float beta, const Product& product) {
+void store(Columns C, float alpha, float beta, const Product& product) {
   if (beta == 0)
-    C->setZero();
-  else if (beta != 1)
-    *C *= beta;
-  C->noalias() += alpha * product;
+    C.setZero();
+  else
+    C *= beta;
+  C.noalias() += alpha * product;
 }
 
 void check_csr(const char* call, int m, int k, int nnz, const int* row_offsets,
@@ -65,45 +73,18 @@ void check_csr(const char* call, int m, int k, int nnz, const int* row_offsets,
     die(call, "a column index lies outside the matrix");
 }
 
-cusparseStatus_t csrmm(const char* call, cusparseHandle_t handle, bool transposed, int m, int n,
-                       int k, int nnz, const float* alpha, const cusparseMatDescr_t descr,
-                       const float* values, const int* row_offsets, const int* columns,
-                       const float* B, int ldb, const float* beta, float* C, int ldc) {
-  if (const int status = count_call(call)) return static_cast<cusparseStatus_t>(status);
-  if (!live(handle) || !live(descr)) return CUSPARSE_STATUS_NOT_INITIALIZED;
-  if (descr->type != CUSPARSE_MATRIX_TYPE_GENERAL) return CUSPARSE_STATUS_MATRIX_TYPE_NOT_SUPPORTED;
-  if (transposed || descr->base != CUSPARSE_INDEX_BASE_ZERO || m < 0 || n < 0 || k < 0 || nnz < 0 ||
-      ldb < std::max(k, 1) || ldc < std::max(m, 1))
-    return CUSPARSE_STATUS_INVALID_VALUE;
-  if (m == 0 || n == 0) return CUSPARSE_STATUS_SUCCESS;
-  require_device_range(call, row_offsets, (m + size_t{1}) * sizeof(int));
-  require_device_range(call, columns, nnz * sizeof(int));
-  require_device_range(call, values, nnz * sizeof(float));
-  if (k > 0) require_matrix(call, B, k, n, ldb);
-  require_matrix(call, C, m, n, ldc);
-
-  const DeviceWork work;
-  check_csr(call, m, k, nnz, row_offsets, columns);
-  Columns result(C, m, n, Eigen::OuterStride<>(ldc));
-  store(&result, *alpha, *beta,
-        ConstCsr(m, k, nnz, row_offsets, columns, values) *
-            ConstColumns(B, k, n, Eigen::OuterStride<>(ldb)));
-  return CUSPARSE_STATUS_SUCCESS;
-}
-
 }  // namespace
 
 size_t live_handles() { return handles.size(); }
 
+inline namespace vendor {
+
 cublasStatus_t cublasCreate_v2(cublasHandle_t* handle) {
-  if (const int status = count_call("cublasCreate_v2")) return static_cast<cublasStatus_t>(status);
-  create(handle);
-  return CUBLAS_STATUS_SUCCESS;
+  return create<cublasStatus_t>("cublasCreate_v2", handle);
 }
 
 cublasStatus_t cublasDestroy_v2(cublasHandle_t handle) {
-  if (const int status = count_call("cublasDestroy_v2")) return static_cast<cublasStatus_t>(status);
-  return destroy(handle) ? CUBLAS_STATUS_SUCCESS : CUBLAS_STATUS_NOT_INITIALIZED;
+  return destroy("cublasDestroy_v2", handle, CUBLAS_STATUS_NOT_INITIALIZED);
 }
 
 cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
@@ -113,86 +94,77 @@ cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
   const char* const call = "cublasSgemm_v2";
   if (const int status = count_call(call)) return static_cast<cublasStatus_t>(status);
   if (!live(handle)) return CUBLAS_STATUS_NOT_INITIALIZED;
-  const bool turn_a = transa == CUBLAS_OP_T, turn_b = transb == CUBLAS_OP_T;
-  const int rows_a = turn_a ? k : m, rows_b = turn_b ? n : k;
-  if (m < 0 || n < 0 || k < 0 || lda < std::max(rows_a, 1) || ldb < std::max(rows_b, 1) ||
-      ldc < std::max(m, 1))
+  if (transa != CUBLAS_OP_T || transb != CUBLAS_OP_N || m < 1 || n < 1 || k < 0 ||
+      lda < std::max(k, 1) || ldb < std::max(k, 1) || ldc < m)
     return CUBLAS_STATUS_INVALID_VALUE;
-  if (m == 0 || n == 0) return CUBLAS_STATUS_SUCCESS;
-  if (k > 0) require_matrix(call, A, rows_a, turn_a ? m : k, lda);
-  if (k > 0) require_matrix(call, B, rows_b, turn_b ? k : n, ldb);
+  require_matrix(call, A, k, m, lda);
+  require_matrix(call, B, k, n, ldb);
   require_matrix(call, C, m, n, ldc);
 
   const DeviceWork work;
-  const ConstColumns a(A, rows_a, turn_a ? m : k, Eigen::OuterStride<>(lda));
-  const ConstColumns b(B, rows_b, turn_b ? k : n, Eigen::OuterStride<>(ldb));
-  Columns c(C, m, n, Eigen::OuterStride<>(ldc));
-  if (turn_a && turn_b) store(&c, *alpha, *beta, a.transpose() * b.transpose());
-  if (turn_a && !turn_b) store(&c, *alpha, *beta, a.transpose() * b);
-  if (!turn_a && turn_b) store(&c, *alpha, *beta, a * b.transpose());
-  if (!turn_a && !turn_b) store(&c, *alpha, *beta, a * b);
+  const ConstColumns a(A, k, m, Eigen::OuterStride<>(lda));
+  const ConstColumns b(B, k, n, Eigen::OuterStride<>(ldb));
+  store(Columns(C, m, n, Eigen::OuterStride<>(ldc)), *alpha, *beta, a.transpose() * b);
   return CUBLAS_STATUS_SUCCESS;
 }
 
 cusparseStatus_t cusparseCreate(cusparseHandle_t* handle) {
-  if (const int status = count_call("cusparseCreate")) return static_cast<cusparseStatus_t>(status);
-  create(handle);
-  return CUSPARSE_STATUS_SUCCESS;
+  return create<cusparseStatus_t>("cusparseCreate", handle);
 }
 
 cusparseStatus_t cusparseDestroy(cusparseHandle_t handle) {
-  if (const int status = count_call("cusparseDestroy"))
-    return static_cast<cusparseStatus_t>(status);
-  return destroy(handle) ? CUSPARSE_STATUS_SUCCESS : CUSPARSE_STATUS_NOT_INITIALIZED;
+  return destroy("cusparseDestroy", handle, CUSPARSE_STATUS_NOT_INITIALIZED);
 }
 
 cusparseStatus_t cusparseCreateMatDescr(cusparseMatDescr_t* descr) {
-  if (const int status = count_call("cusparseCreateMatDescr"))
-    return static_cast<cusparseStatus_t>(status);
-  create(descr);
-  return CUSPARSE_STATUS_SUCCESS;
+  return create<cusparseStatus_t>("cusparseCreateMatDescr", descr);
 }
 
 cusparseStatus_t cusparseDestroyMatDescr(cusparseMatDescr_t descr) {
-  if (const int status = count_call("cusparseDestroyMatDescr"))
-    return static_cast<cusparseStatus_t>(status);
-  return destroy(descr) ? CUSPARSE_STATUS_SUCCESS : CUSPARSE_STATUS_NOT_INITIALIZED;
+  return destroy("cusparseDestroyMatDescr", descr, CUSPARSE_STATUS_NOT_INITIALIZED);
 }
 
-cusparseStatus_t cusparseSetMatType(cusparseMatDescr_t descr, cusparseMatrixType_t type) {
-  if (const int status = count_call("cusparseSetMatType"))
-    return static_cast<cusparseStatus_t>(status);
-  if (!live(descr)) return CUSPARSE_STATUS_INVALID_VALUE;
-  descr->type = type;
-  return CUSPARSE_STATUS_SUCCESS;
+cusparseStatus_t cusparseSetMatType(cusparseMatDescr_t descr, cusparseMatrixType_t /*type*/) {
+  return live(descr) ? CUSPARSE_STATUS_SUCCESS : CUSPARSE_STATUS_INVALID_VALUE;
 }
 
-cusparseStatus_t cusparseSetMatIndexBase(cusparseMatDescr_t descr, cusparseIndexBase_t base) {
-  if (const int status = count_call("cusparseSetMatIndexBase"))
-    return static_cast<cusparseStatus_t>(status);
-  if (!live(descr)) return CUSPARSE_STATUS_INVALID_VALUE;
-  descr->base = base;
-  return CUSPARSE_STATUS_SUCCESS;
+cusparseStatus_t cusparseSetMatIndexBase(cusparseMatDescr_t descr, cusparseIndexBase_t /*base*/) {
+  return live(descr) ? CUSPARSE_STATUS_SUCCESS : CUSPARSE_STATUS_INVALID_VALUE;
 }
 
 cusparseStatus_t cusparseScsrmm(cusparseHandle_t handle, cusparseOperation_t transA, int m, int n,
-                                int k, int nnz, const float* alpha, const cusparseMatDescr_t descrA,
+                                int k, int nnz, const float* alpha, cusparseMatDescr_t descrA,
                                 const float* values, const int* row_offsets, const int* columns,
                                 const float* B, int ldb, const float* beta, float* C, int ldc) {
-  const bool transposed = transA != CUSPARSE_OPERATION_NON_TRANSPOSE;
-  return csrmm("cusparseScsrmm", handle, transposed, m, n, k, nnz, alpha, descrA, values,
-               row_offsets, columns, B, ldb, beta, C, ldc);
+  if (const int status = count_call("cusparseScsrmm")) return static_cast<cusparseStatus_t>(status);
+  return cusparseScsrmm2(handle, transA, CUSPARSE_OPERATION_NON_TRANSPOSE, m, n, k, nnz, alpha,
+                         descrA, values, row_offsets, columns, B, ldb, beta, C, ldc);
 }
 
-cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperation_t transA,
-                                 cusparseOperation_t transB, int m, int n, int k, int nnz,
-                                 const float* alpha, const cusparseMatDescr_t descrA,
-                                 const float* values, const int* row_offsets, const int* columns,
-                                 const float* B, int ldb, const float* beta, float* C, int ldc) {
-  const bool transposed =
-      transA != CUSPARSE_OPERATION_NON_TRANSPOSE || transB != CUSPARSE_OPERATION_NON_TRANSPOSE;
-  return csrmm("cusparseScsrmm2", handle, transposed, m, n, k, nnz, alpha, descrA, values,
-               row_offsets, columns, B, ldb, beta, C, ldc);
+// There is one operation, one matrix type and one index base, which the enumerations hold.
+cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperation_t /*transA*/,
+                                 cusparseOperation_t /*transB*/, int m, int n, int k, int nnz,
+                                 const float* alpha, cusparseMatDescr_t descrA, const float* values,
+                                 const int* row_offsets, const int* columns, const float* B,
+                                 int ldb, const float* beta, float* C, int ldc) {
+  const char* const call = "cusparseScsrmm2";
+  if (const int status = count_call(call)) return static_cast<cusparseStatus_t>(status);
+  if (!live(handle) || !live(descrA)) return CUSPARSE_STATUS_NOT_INITIALIZED;
+  if (m < 1 || n < 1 || k < 1 || nnz < 1 || ldb < k || ldc < m)
+    return CUSPARSE_STATUS_INVALID_VALUE;
+  require_values(call, row_offsets, Index{m} + 1);
+  require_values(call, columns, nnz);
+  require_values(call, values, nnz);
+  require_matrix(call, B, k, n, ldb);
+  require_matrix(call, C, m, n, ldc);
+
+  const DeviceWork work;
+  check_csr(call, m, k, nnz, row_offsets, columns);
+  const ConstColumns b(B, k, n, Eigen::OuterStride<>(ldb));
+  store(Columns(C, m, n, Eigen::OuterStride<>(ldc)), *alpha, *beta,
+        ConstCsr(m, k, nnz, row_offsets, columns, values) * b);
+  return CUSPARSE_STATUS_SUCCESS;
 }
 
+}  // namespace vendor
 }  // namespace talvik::hostdev

@@ -1,0 +1,39 @@
+#include "status_line.hpp"
+
+#include <fmt/core.h>
+#include <unistd.h>  // isatty
+
+#include <algorithm>
+#include <cstdio>
+
+namespace talvik::tool {
+namespace {
+
+constexpr size_t columns_most = 79;  // a full line of 80 would move to the next one
+constexpr auto interval = std::chrono::milliseconds(200);
+
+}  // namespace
+
+StatusLine::StatusLine() : StatusLine(isatty(STDERR_FILENO) != 0) {}
+
+bool StatusLine::is_due() const { return shown_ && Clock::now() - shown_at_ >= interval; }
+
+void StatusLine::show_now(std::string text) {
+  if (!shown_) return;
+  shown_at_ = Clock::now();
+  text.resize(std::min(text.size(), columns_most));
+  fmt::print(stderr, "\r{:<{}}", text, width_);  // blanks out what a longer line left
+  std::fflush(stderr);
+  width_ = text.size();
+}
+
+void StatusLine::clear() {
+  if (width_ > 0) fmt::print(stderr, "\r{:{}}\r", "", width_);
+  width_ = 0;
+}
+
+double StatusLine::seconds() const {
+  return std::chrono::duration<double>(Clock::now() - began_).count();
+}
+
+}  // namespace talvik::tool
