@@ -12,6 +12,7 @@
 #include <new>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -49,20 +50,11 @@ using test::Matrix;
 
 const auto* const environment = testing::AddGlobalTestEnvironment(new test::ProcessGroup);
 
-// The rows of this process's group.
-std::vector<float> own_rows(const Matrix& distances) {
-  std::vector<float> rows;
+// D holds the rows of this process's group.
+void expect_own_rows(const float* D, const Matrix& distances) {
   for (int r = grp_start[myid]; r < grp_start[myid] + grp_length[myid]; ++r) {
-    rows.insert(rows.end(), distances[r].begin(), distances[r].end());
+    for (const float distance : distances[r]) ASSERT_EQ(*D++, distance) << "row " << r;
   }
-  return rows;
-}
-
-// The same of a matrix that the library hands over.
-std::vector<float> take_rows(float* D, size_t columns) {
-  std::vector<float> rows(D, D + grp_length[myid] * columns);
-  std::free(D);
-  return rows;
 }
 
 Matrix larger_of(Matrix a, const Matrix& b) {
@@ -72,41 +64,27 @@ Matrix larger_of(Matrix a, const Matrix& b) {
   return a;
 }
 
-Matrix transposed(const Matrix& rows, size_t num_columns) {
-  Matrix columns(num_columns);
-  for (const auto& row : rows) {
-    for (size_t i = 0; i < row.size(); ++i) columns[i].push_back(row[i]);
-  }
-  return columns;
-}
-
-// Collects the batches that batch_finished reports as long as it lives.
-struct BatchWatch {
+// Runs the code, whose batches must be queries first .. first + count - 1 in their order, with
+// lists of k.  Returns the number of batches.
+template <class Code>
+int expect_batches(int first, int count, int k, const Code& code) {
   std::vector<BatchResult> batches;  // their lists are gone
-  BatchWatch() {
-    batch_finished_context = this;
-    batch_finished = [](const BatchResult& batch, void* context) {
-      static_cast<BatchWatch*>(context)->batches.push_back(batch);
-      ASSERT_EQ(batch.neighbours != nullptr, batch.k > 0);
-      for (int q = 0; q < batch.num_queries && batch.k > 0; ++q) {
-        const float* row = batch.distances + q * batch.k;
-        EXPECT_TRUE(std::is_sorted(row, row + batch.k));
-      }
-    };
+  batch_finished_context = &batches;
+  batch_finished = [](const BatchResult& batch, void* context) {
+    static_cast<std::vector<BatchResult>*>(context)->push_back(batch);
+    EXPECT_TRUE(std::is_sorted(batch.distances, batch.distances + batch.k));  // none with k = 0
+  };
+  code();
+  batch_finished = nullptr;
+  int next = first;
+  for (const BatchResult& batch : batches) {
+    EXPECT_EQ(std::tuple(batch.first_query, batch.end_query, batch.k, batch.neighbours != nullptr),
+              std::tuple(next, first + count, k, k > 0));
+    next += batch.num_queries;
   }
-  ~BatchWatch() { batch_finished = nullptr, batch_finished_context = nullptr; }
-
-  // What was reported must be queries first .. first + count - 1 in their order, with lists of k.
-  void expect_batches(int first, int count, int k) const {
-    int next = first;
-    for (const BatchResult& batch : batches) {
-      EXPECT_EQ(batch.first_query, std::exchange(next, next + batch.num_queries));
-      EXPECT_EQ(batch.end_query, first + count);
-      EXPECT_EQ(batch.k, k);
-    }
-    EXPECT_EQ(next, first + count);
-  }
-};
+  EXPECT_EQ(next, first + count);
+  return static_cast<int>(batches.size());
+}
 
 enum class TwoWay { plain, compressed, ground };
 constexpr TwoWay every_form[] = {TwoWay::plain, TwoWay::compressed, TwoWay::ground};
@@ -147,9 +125,9 @@ class Pipelines : public testing::TestWithParam<bool> {
   LabelledDocuments resident() const { return collection(world.resident, world.resident_labels); }
   LabelledDocuments queries() const { return collection(world.queries, world.query_labels); }
 
-  // Row q, column i: distance from resident document i to query document q.
-  Matrix expected(int steps) const {
-    return test::expected_distances(world, world.resident, world.queries, steps, use_gpu);
+  Matrix expected(int steps, bool by_resident = false) const {
+    return test::expected_distances(world, world.resident, world.queries, steps, use_gpu,
+                                    by_resident);
   }
 
   // Process 0's lists and every process's rows.
@@ -165,8 +143,8 @@ class Pipelines : public testing::TestWithParam<bool> {
                         : "");
     parameters.compute_topk = false;
     EXPECT_EQ(internal::split_resident_run(parameters, resident(), queries(), &D), 0);
-    EXPECT_EQ(take_rows(D, world.queries.size()),
-              own_rows(transposed(distances, world.resident.size())));
+    expect_own_rows(D, expected(parameters.delta_iterations, true));
+    std::free(D);
     EXPECT_FALSE(myid == 0 && std::filesystem::exists(path));
   }
 
@@ -212,8 +190,9 @@ class Pipelines : public testing::TestWithParam<bool> {
     EXPECT_EQ(two_way(form, &D), form == TwoWay::compressed ? line : "");
     const Matrix larger =
         larger_of(test::expected_distances(world, world.queries, world.resident, 1, use_gpu),
-                  transposed(expected(1), world.resident.size()));
-    EXPECT_EQ(take_rows(D, world.queries.size()), own_rows(larger));
+                  expected(1, true));
+    expect_own_rows(D, larger);
+    std::free(D);
     expect_own_lists(larger, world.resident_labels, world.query_labels);
   }
 
@@ -236,12 +215,11 @@ TEST_P(Pipelines, SplitResidentBatchesOfEveryProcessCoverTheSameQueries) {
   const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
   for (const long long budget : {0LL, 4LL * std::max(largest_group, 8)}) {  // 1 and some queries
     expect_split(run(2, 0, true, budget));
-    const BatchWatch watch;
-    float* D = nullptr;
-    internal::split_resident_run(run(2, 0, true, budget), resident(), queries(), &D);
-    watch.expect_batches(0, 11, myid == 0 ? 2 : 0);
-    int batches = static_cast<int>(watch.batches.size()), common = batches;
+    const int batches = expect_batches(0, 11, myid == 0 ? 2 : 0, [&] {
+      internal::split_resident_run(run(2, 0, true, budget), resident(), queries(), nullptr);
+    });
     EXPECT_GT(batches, 1);
+    int common = batches;
     broadcast_mpi(&common, sizeof common, 0);
     EXPECT_EQ(batches, common);
   }
@@ -262,7 +240,8 @@ TEST_P(Pipelines, ALoadedCollectionAnswersSeveralQueryCollections) {
                                    {}, 11 - first, test::count_entries(world.queries), &D, false,
                                    nullptr, use_gpu),
               grp_length[myid] * (11 - first) * 4);
-    EXPECT_EQ(take_rows(D, 11 - first), own_rows(transposed(expected(1), world.resident.size())));
+    expect_own_rows(D, expected(1, true));
+    std::free(D);
   }
   EXPECT_EQ(rwmd2_parallel_cleanup(use_gpu, false), released);
   // With ground distances no vocabulary is loaded or released.
@@ -277,17 +256,17 @@ TEST_P(Pipelines, ScaleOutKeepsTheLargerValueAndRanksByIt) {
   for (const float before : {0.f, 2.f}) {
     const Matrix larger = larger_of(Matrix(11, std::vector<float>(14, before)), expected(1));
     for (const long long budget : {0LL, 60LL, internal::batch_budget_floats}) {
-      const BatchWatch watch;
       std::vector<float> D_max(grp_length[myid] * 14, before);
-      internal::scale_out_run(run(4, 1, true, budget), resident(), queries(), D_max.data());
-      EXPECT_EQ(D_max, own_rows(larger));
+      expect_batches(grp_start[myid], grp_length[myid], 4, [&] {
+        internal::scale_out_run(run(4, 1, true, budget), resident(), queries(), D_max.data());
+      });
+      expect_own_rows(D_max.data(), larger);
       expect_own_lists(larger, world.query_labels, world.resident_labels);
-      watch.expect_batches(grp_start[myid], grp_length[myid], 4);
     }
   }
   std::vector<float> D_max(grp_length[myid] * 14);
   internal::scale_out_run(run(4, 0, false), resident(), queries(), D_max.data());
-  EXPECT_EQ(D_max, own_rows(expected(0)));
+  expect_own_rows(D_max.data(), expected(0));
   EXPECT_FALSE(std::filesystem::exists(own_path()));
 }
 

@@ -70,7 +70,7 @@ std::vector<float> distance_block(const World& world, bool use_gpu, bool ground,
   internal::load_resident(use_gpu, resident.entries, resident.ind.data(), resident.weight.data(),
                           resident.num_docs, resident.start.data());
   if (ground) {
-    D = ground_matrix(world, use_gpu);
+    D = world.ground.empty() ? ground_matrix(world, use_gpu) : world.ground;
     internal::attach_ground(use_gpu, voc_size, D.data());
     internal::load_batch_indices(use_gpu, batch.entries, batch.ind.data(), batch.weight.data(),
                                  batch.num_docs, batch.start.data());

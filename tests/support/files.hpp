@@ -5,8 +5,6 @@
 
 #include <stdlib.h>  // mkdtemp
 
-#include <array>
-#include <bit>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -23,11 +21,7 @@ namespace talvik::test {
 class TempDir {
  public:
   TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "talvik-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("cannot make the directory " + pattern);
-    }
-    path_ = pattern;
+    if (!mkdtemp(path_.data())) throw std::runtime_error("cannot make the directory " + path_);
   }
   ~TempDir() {
     std::error_code ignored;
@@ -36,13 +30,13 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
-  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path path() const { return path_; }
 
   /// Path of a file in the directory, as the string that the library's functions take.
-  std::string operator/(std::string_view name) const { return (path_ / name).string(); }
+  std::string operator/(std::string_view name) const { return path() / name; }
 
  private:
-  std::filesystem::path path_;
+  std::string path_ = std::filesystem::temp_directory_path() / "talvik-XXXXXX";
 };
 
 /// Creates or replaces a file, and the directories that it lies in.
@@ -67,12 +61,9 @@ struct WordVector {
 
 /// Word, space and values, without the newline that may stand between records.
 inline std::string embedding_record(const WordVector& record) {
-  std::string bytes = record.word + " ";
-  for (const float value : record.values) {
-    const auto raw = std::bit_cast<std::array<char, sizeof(float)>>(value);
-    bytes.append(raw.begin(), raw.end());
-  }
-  return bytes;
+  return record.word + " " +
+         std::string(reinterpret_cast<const char*>(record.values.data()),
+                     record.values.size() * sizeof(float));
 }
 
 /// The whole file: the header line, then every record with a newline after it.
@@ -89,19 +80,17 @@ inline std::string big_endian(std::uint32_t word) {
   return bytes;
 }
 
-inline constexpr std::uint32_t idx_image_magic = 2051;
-inline constexpr std::uint32_t idx_label_magic = 2049;
 inline constexpr std::uint32_t idx_side = 28;  ///< rows and columns of an image
 
 /// Header of an image file that announces count images.
 inline std::string idx_image_header(std::uint32_t count, std::uint32_t rows = idx_side,
                                     std::uint32_t columns = idx_side) {
-  return big_endian(idx_image_magic) + big_endian(count) + big_endian(rows) + big_endian(columns);
+  return big_endian(2051) + big_endian(count) + big_endian(rows) + big_endian(columns);
 }
 
 /// Header of a label file that announces count labels.
 inline std::string idx_label_header(std::uint32_t count) {
-  return big_endian(idx_label_magic) + big_endian(count);
+  return big_endian(2049) + big_endian(count);
 }
 
 /// A pixel of an image; the others are zero.
@@ -112,10 +101,9 @@ struct Pixel {
 
 /// The bytes of one image, row after row.
 inline std::string idx_image(const std::vector<Pixel>& pixels) {
-  std::string bytes(static_cast<size_t>(idx_side) * idx_side, '\0');
-  for (const Pixel& pixel : pixels) {
-    bytes[static_cast<size_t>(pixel.row) * idx_side + static_cast<size_t>(pixel.column)] =
-        static_cast<char>(pixel.intensity);
+  std::string bytes(idx_side * idx_side, '\0');
+  for (const auto& [row, column, intensity] : pixels) {
+    bytes[row * idx_side + column] = static_cast<char>(intensity);
   }
   return bytes;
 }

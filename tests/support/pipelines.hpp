@@ -63,19 +63,21 @@ inline World exact_world(unsigned seed) {
                        .whole_numbers = true});
 }
 
-/// Row q, column i: distance from resident document i to query document q.
 using Matrix = std::vector<std::vector<float>>;
 
+/// Row q, column i: distance from resident document i to query document q.  The other way round by
+/// resident documents.
 inline Matrix expected_distances(const World& world, const DocumentSet& resident,
-                                 const DocumentSet& queries, int steps, bool use_gpu) {
+                                 const DocumentSet& queries, int steps, bool use_gpu,
+                                 bool by_resident = false) {
   const StepRule rule = use_gpu     ? StepRule::powers_of_two
                         : steps > 1 ? StepRule::halving
                                     : StepRule::single;
-  Matrix distances(queries.size());
+  Matrix distances(by_resident ? resident.size() : queries.size());
   for (size_t q = 0; q < queries.size(); ++q) {
-    for (const Document& doc : resident) {
-      distances[q].push_back(static_cast<float>(
-          oracle_distance(world.embeddings, world.shape.vec_size, doc, queries[q], steps, rule)));
+    for (size_t i = 0; i < resident.size(); ++i) {
+      distances[by_resident ? i : q].push_back(oracle_distance(
+          world.embeddings, world.shape.vec_size, resident[i], queries[q], steps, rule));
     }
   }
   return distances;

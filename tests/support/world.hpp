@@ -30,6 +30,7 @@ struct World {
   std::vector<float> embeddings;
   DocumentSet resident, queries;
   LabelList resident_labels, query_labels;
+  std::vector<float> ground = {};  ///< word distances, where they are not those of embeddings
 };
 
 inline int count_entries(const DocumentSet& docs) {
