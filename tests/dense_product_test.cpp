@@ -37,7 +37,7 @@ class EveryKernel : public testing::TestWithParam<bool> {
     const std::vector<float> words = random_rows(num_words, m, magnitude, 1);
     const std::vector<float> rows = random_rows(num_rows, m, 1, 2);
     std::vector<float> scores(stride * num_rows, untouched);
-    dense_product(words.data(), num_words, rows.data(), num_rows, m, scores.data(), stride,
+    dense_product({words.data(), num_words, rows.data(), num_rows, m, scores.data(), stride},
                   scratch);
     for (int at = 0; at < stride * num_rows; ++at) {
       const int r = at / stride, v = at % stride;

@@ -22,12 +22,6 @@ ProductScratch product_scratch(int m);
 /// @param scratch  of product_scratch(m)
 void dense_product(const DenseOperands& operands, ProductScratch& scratch);
 
-/// dense_product with its operands one by one.
-inline void dense_product(const float* words, int num_words, const float* rows, int num_rows, int m,
-                          float* scores, Index stride, ProductScratch& scratch) {
-  dense_product({words, num_words, rows, num_rows, m, scores, stride}, scratch);
-}
-
 /// The name of the kernel, for people.
 const char* name_of_kernel(const ProductScratch& scratch);
 
