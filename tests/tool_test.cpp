@@ -100,12 +100,17 @@ TEST(AtomicFile, AppearsOnlyWhenItIsWhole) {
   // What a rename would replace is refused.
   EXPECT_EQ(error_of([&] { AtomicFile(dir.path().string()); }),
             dir.path().string() + ": is a directory, the name of a result file was expected");
-  EXPECT_EQ(error_of([] { AtomicFile("/dev/null"); }),
-            "/dev/null: exists and is not a regular file");
+  // A link leads to what is replaced, and stays.
+  std::filesystem::create_symlink("result", dir / "link");
+  AtomicFile linked(dir / "link");
+  linked.write("through the link");
+  linked.commit();
+  EXPECT_TRUE(std::filesystem::is_symlink(dir / "link"));
+  EXPECT_EQ(read_file(dir / "result"), "through the link");
   // What nobody wants takes no space.
-  make_discarded(dir / "result");
-  std::ofstream(dir / "result") << "lists";
-  EXPECT_EQ(read_file(dir / "result"), "");
+  make_discarded(dir / "none");
+  std::ofstream(dir / "none") << "lists";
+  EXPECT_EQ(read_file(dir / "none"), "");
 }
 
 // What the check of a file says, without its path.

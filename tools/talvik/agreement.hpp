@@ -28,6 +28,9 @@ void together(const Step& step) {
   agree(error);
 }
 
+/// The text of process 0, on every process.  Collective.
+std::string from_first_process(const std::string& text);
+
 }  // namespace talvik::tool
 
 #endif

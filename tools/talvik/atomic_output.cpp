@@ -2,11 +2,13 @@
 
 #include <fcntl.h>  // open
 #include <fmt/core.h>
-#include <unistd.h>  // getpid, close
+#include <unistd.h>  // getpid, dup, close
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <random>
 
 #include "run_error.hpp"
@@ -17,79 +19,127 @@ namespace fs = std::filesystem;
 
 namespace {
 
+[[noreturn]] void fail_to(const char* what, const std::string& path) {
+  throw RunError(fmt::format("{}: cannot be {}: {}", path, what, std::strerror(errno)));
+}
+
 std::string without_slashes_at_end(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
 }
 
-[[noreturn]] void fail_to(const char* what, const std::string& path) {
-  throw RunError(fmt::format("{}: cannot be {}: {}", path, what, std::strerror(errno)));
+// Whatever file it is, a rename over it would part it from whoever holds it open.
+bool is_open_file(const std::string& path) {
+  for (const char* prefix : {"/dev/std", "/dev/fd/", "/proc/self/fd/"}) {
+    if (path.starts_with(prefix)) return true;
+  }
+  return false;
 }
 
-// The process number keeps two runs on one machine apart, the random part those on two machines.
-std::string temporary_beside(const std::string& path) {
-  return fmt::format("{}.partial-{}-{:08x}", path, getpid(), std::random_device{}());
+bool is_standard_output(const std::string& path) {
+  return path == "-" || path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
+}
+
+// Standard output as it was; from now on its number leads to standard error.
+int take_standard_output() {
+  std::cout.flush();
+  std::fflush(stdout);
+  const int taken = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+  if (taken >= 0) dup2(STDERR_FILENO, STDOUT_FILENO);
+  return taken;
 }
 
 }  // namespace
 
-AtomicOutput::AtomicOutput(const std::string& path)
-    : path_(without_slashes_at_end(path)), temporary_(temporary_beside(path_)) {}
-
-AtomicOutput::~AtomicOutput() {
-  std::error_code ignored;
-  if (!temporary_.empty()) fs::remove_all(temporary_, ignored);
+std::string unique_beside(const std::string& path) {
+  return fmt::format("{}.partial-{}-{:08x}", path, getpid(), std::random_device{}());
 }
 
-void AtomicOutput::fail(const char* what) const { fail_to(what, path_); }
-
-void AtomicOutput::put_into_place() {
-  if (std::rename(temporary_.c_str(), path_.c_str()) != 0) fail("put into place");
-  temporary_.clear();
+bool is_stream(const std::string& path) {
+  if (is_standard_output(path) || is_open_file(path)) return true;
+  std::error_code none;
+  const fs::file_status status = fs::status(path, none);
+  return fs::is_fifo(status) || fs::is_character_file(status);
 }
 
-AtomicFile::AtomicFile(const std::string& path) : AtomicOutput(path) {
-  std::error_code ignored;
-  const fs::file_status status = fs::status(path, ignored);
+AtomicFile::AtomicFile(const std::string& path) : path_(path) {
+  if (is_stream(path)) {
+    open_stream();
+  } else {
+    create_temporary();
+  }
+}
+
+void AtomicFile::open_stream() {
+  const int stream = is_standard_output(path_) ? take_standard_output()
+                                               : open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+  if (stream < 0) fail("opened");
+  stream_.reset(fdopen(stream, "wb"));
+  if (!stream_) close_and_fail(stream);
+  // Whole or not at all, and the writer may go back to the front.
+  file_.reset(std::tmpfile());
+  if (!file_) fail("created");
+}
+
+void AtomicFile::create_temporary() {
+  std::error_code error;
+  const fs::file_status status = fs::status(path_, error);
   if (fs::is_directory(status)) {
-    throw RunError(path + ": is a directory, the name of a result file was expected");
+    throw RunError(path_ + ": is a directory, the name of a result file was expected");
   }
   if (fs::exists(status) && !fs::is_regular_file(status)) {
-    throw RunError(path + ": exists and is not a regular file");
+    throw RunError(path_ + ": exists and is not a regular file");
   }
+  if (error == std::errc::too_many_symbolic_link_levels) {
+    throw RunError(path_ + ": cannot be created: " + error.message());
+  }
+  target_ = path_;
+  while (fs::is_symlink(target_)) {  // relative to the folder that the link stands in
+    target_ = (fs::path(target_).parent_path() / fs::read_symlink(target_)).string();
+  }
+  const std::string name = unique_beside(target_);
   constexpr mode_t anyone = 0666;  // less what the user's mask takes away
-  const int file = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, anyone);
-  if (file < 0) {
-    temporary_.clear();
-    fail("created");
-  }
-  file_ = fdopen(file, "wb");
-  if (!file_) {
-    close(file);
-    fail("created");
-  }
+  const int file = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, anyone);
+  if (file < 0) fail("created");
+  temporary_.emplace(name);
+  file_.reset(fdopen(file, "wb"));
+  if (!file_) close_and_fail(file);
 }
 
-AtomicFile::~AtomicFile() {
-  if (file_) std::fclose(file_);
+void AtomicFile::close_and_fail(int file) const {
+  const int error = errno;
+  ::close(file);
+  errno = error;
+  fail("opened");
 }
+
+void AtomicFile::fail(const char* what) const { fail_to(what, path_); }
 
 void AtomicFile::write(const void* data, size_t bytes) {
-  if (std::fwrite(data, 1, bytes, file_) != bytes) fail("written");
+  if (std::fwrite(data, 1, bytes, file_.get()) != bytes) fail("written");
 }
 
 void AtomicFile::rewind() {
-  if (std::fseek(file_, 0, SEEK_SET) != 0) fail("written");
+  if (std::fseek(file_.get(), 0, SEEK_SET) != 0) fail("written");
 }
 
 void AtomicFile::commit() {
-  std::FILE* file = file_;
-  file_ = nullptr;
-  if (std::fclose(file) != 0) fail("written");
-  put_into_place();
+  if (stream_) {
+    rewind();
+    std::array<char, 1 << 16> piece{};
+    while (const size_t bytes = std::fread(piece.data(), 1, piece.size(), file_.get())) {
+      if (std::fwrite(piece.data(), 1, bytes, stream_.get()) != bytes) fail("written");
+    }
+    if (std::ferror(file_.get()) != 0) fail("written");
+    if (std::fclose(stream_.release()) != 0) fail("written");
+    return;
+  }
+  if (std::fclose(file_.release()) != 0) fail("written");
+  if (!temporary_->rename_to(target_)) fail("put into place");
 }
 
-AtomicDirectory::AtomicDirectory(const std::string& path) : AtomicOutput(path) {
+AtomicDirectory::AtomicDirectory(const std::string& path)
+    : path_(without_slashes_at_end(path)), temporary_(unique_beside(path_)) {
   std::error_code error;
   const fs::file_status status = fs::status(path_, error);
   if (fs::exists(status) && !fs::is_directory(status)) {
@@ -101,14 +151,18 @@ AtomicDirectory::AtomicDirectory(const std::string& path) : AtomicOutput(path) {
   error.clear();  // that nothing is there yet is no error
   const fs::path parent = fs::path(path_).parent_path();
   if (!parent.empty()) fs::create_directories(parent, error);
-  if (!error) fs::create_directory(temporary_, error);
+  if (!error) fs::create_directory(temporary(), error);
   if (error) throw RunError(path_ + ": cannot be created: " + error.message());
 }
 
+void AtomicDirectory::commit() {
+  if (!temporary_.rename_to(path_)) fail_to("put into place", path_);
+}
+
+void AtomicDirectory::fail_to_write() const { fail_to("written", path_); }
+
 void make_discarded(const std::string& path) {
   std::error_code error;
-  fs::remove(path, error);
-  error.clear();
   fs::create_symlink("/dev/null", path, error);
   if (!error) return;
   // A file system without links gets a file.

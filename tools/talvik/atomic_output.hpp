@@ -4,68 +4,70 @@
 #define TALVIK_TOOL_ATOMIC_OUTPUT_HPP
 
 #include <cstdio>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "unfinished.hpp"
+
 namespace talvik::tool {
 
-/// The names of an output and of its temporary, and how one becomes the other.
-class AtomicOutput {
+/// A name beside path that no other run has: of the process, and of chance.
+std::string unique_beside(const std::string& path);
+
+/// Whether path names a stream, which is written but not replaced: "-" and /dev/stdout for standard
+/// output, a pipe, a terminal or another character device.
+bool is_stream(const std::string& path);
+
+/// A result file.  Links are followed: the file that they lead to is replaced.
+class AtomicFile {
  public:
-  AtomicOutput(const AtomicOutput&) = delete;
-  AtomicOutput& operator=(const AtomicOutput&) = delete;
-
-  const std::string& temporary() const { return temporary_; }
-
-  /// Throws RunError: "<path>: cannot be <what>: <the system's reason>".
-  [[noreturn]] void fail(const char* what) const;
-
- protected:
-  explicit AtomicOutput(const std::string& path);
-  ~AtomicOutput();  ///< removes what was not put into place
-  void put_into_place();
-
-  std::string path_, temporary_;
-};
-
-/// A result file.
-class AtomicFile : public AtomicOutput {
- public:
-  /// Creates the temporary.  Throws RunError naming path where that cannot be done, and where path
-  /// exists and is no regular file: a rename would put a file in the place of a device.
+  /// Opens the stream, or creates the temporary.  Where standard output is the stream, what else
+  /// would be written there goes to standard error from now on.  Throws RunError naming path where
+  /// that cannot be done, and where path is a directory or a device that a file would replace.
   explicit AtomicFile(const std::string& path);
-  ~AtomicFile();
 
   void write(const void* data, size_t bytes);  ///< throws RunError when the device is full
   void write(std::string_view text) { write(text.data(), text.size()); }
   void rewind();  ///< what is written next replaces the file's first bytes
-  void commit();  ///< closes and renames; throws RunError
+
+  /// Puts the file into place, or hands its bytes to the stream.  Throws RunError.
+  void commit();
 
  private:
-  std::FILE* file_ = nullptr;
+  struct Close {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  using File = std::unique_ptr<std::FILE, Close>;
+
+  void open_stream();
+  void create_temporary();
+  [[noreturn]] void close_and_fail(int file) const;
+  [[noreturn]] void fail(const char* what) const;  // with the system's reason
+
+  std::string path_, target_;
+  std::optional<Unfinished> temporary_;
+  File file_, stream_;
 };
 
 /// A directory of results.
-class AtomicDirectory : public AtomicOutput {
+class AtomicDirectory {
  public:
   /// Creates the temporary, and the folders above path.  Throws RunError naming path where that
   /// cannot be done, and where path exists and is no empty directory.
   explicit AtomicDirectory(const std::string& path);
 
   const std::string& path() const { return path_; }  ///< without a slash at its end
-  void commit() { put_into_place(); }
-};
+  const std::string& temporary() const { return temporary_.path(); }
+  void commit();
 
-/// Removes a file when it goes out of scope: the library's own result files, shards.
-struct RemovedAtEnd {
-  std::string path;
-  bool keep = false;
-  explicit RemovedAtEnd(std::string path_to_remove) : path(std::move(path_to_remove)) {}
-  ~RemovedAtEnd() {
-    if (!keep && !path.empty()) std::remove(path.c_str());
-  }
-  RemovedAtEnd(const RemovedAtEnd&) = delete;
-  RemovedAtEnd& operator=(const RemovedAtEnd&) = delete;
+  /// Throws RunError: "<path>: cannot be written: <the system's reason>".
+  [[noreturn]] void fail_to_write() const;
+
+ private:
+  std::string path_;
+  Unfinished temporary_;
 };
 
 /// Makes a file whose contents nobody wants: a link to the null device, so that writing to it takes

@@ -62,7 +62,7 @@ void CorpusWriter::write_document(const std::string& label, long long id,
   }
   std::ofstream file(directory / std::to_string(id), std::ios::binary);
   file << text;
-  if (!file.flush()) directory_.fail("written");
+  if (!file.flush()) directory_.fail_to_write();
 }
 
 void CorpusWriter::list_document(const ListedDocument& document) {
@@ -74,7 +74,7 @@ void CorpusWriter::list_document(const ListedDocument& document) {
 
 void CorpusWriter::commit() {
   list_.close();
-  if (!list_) directory_.fail("written");
+  if (!list_) directory_.fail_to_write();
   directory_.commit();
 }
 

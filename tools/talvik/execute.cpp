@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -15,6 +16,7 @@
 #include "atomic_output.hpp"
 #include "library_run.hpp"
 #include "memory_plan.hpp"
+#include "messages.hpp"
 #include "npy.hpp"
 #include "report.hpp"
 #include "result_writer.hpp"
@@ -27,26 +29,35 @@ namespace {
 struct Outputs {
   std::unique_ptr<AtomicFile> results;  // process 0
   std::unique_ptr<AtomicFile> matrix;   // process 0
-  std::unique_ptr<AtomicFile> shard;    // every process
-  std::unique_ptr<RemovedAtEnd> committed_shard;
-  std::unique_ptr<RemovedAtEnd> library_file;
+  std::string shards;                   // of every process; the shard's name without its number
+  std::unique_ptr<Unfinished> shard;
+  std::unique_ptr<Unfinished> library_file;
 };
 
-std::string shard_name(const RunOptions& options, int process) {
-  return fmt::format("{}.{}", options.matrix, process);
+/// A name that no other run has, for files that go with an output.
+std::string scratch_name(const std::string& output) {
+  return unique_beside(is_stream(output) ? std::filesystem::temp_directory_path() / "talvik"
+                                         : std::filesystem::path(output));
 }
 
-Outputs open_outputs(const RunOptions& options, const LibraryRun& library) {
+std::string numbered(const std::string& name, int process) {
+  return fmt::format("{}.{}", name, process);
+}
+
+Outputs open_outputs(const RunOptions& options, LibraryRun& library) {
   Outputs outputs;
-  const bool want_matrix = library.want_matrix;
+  library.library_file = scratch_name(options.out);
+  outputs.shards = from_first_process(scratch_name(options.matrix));
   together([&] {
     if (myid == 0) outputs.results = std::make_unique<AtomicFile>(options.out);
-    if (myid == 0 && want_matrix) outputs.matrix = std::make_unique<AtomicFile>(options.matrix);
-    if (want_matrix) outputs.shard = std::make_unique<AtomicFile>(shard_name(options, myid));
+    if (library.want_matrix) {
+      if (myid == 0) outputs.matrix = std::make_unique<AtomicFile>(options.matrix);
+      outputs.shard = std::make_unique<Unfinished>(numbered(outputs.shards, myid));
+    }
     const std::string own = own_library_file(library);
     if (!own.empty()) {
+      outputs.library_file = std::make_unique<Unfinished>(own);
       make_discarded(own);  // the lists come through the hook
-      outputs.library_file = std::make_unique<RemovedAtEnd>(own);
     }
   });
   return outputs;
@@ -109,12 +120,12 @@ RunFacts plan_run(const Problem& problem, const RunOptions& options) {
 /// Every process writes its part, then process 0 puts them together.
 void write_matrix(const RunOptions& options, const Problem& problem, const RunOutcome& outcome,
                   Outputs& outputs) {
-  const Mode mode = options.mode;
+  const bool queries_split = splits_queries(options.mode);
   together([&] {
-    const auto write = splits_queries(mode) ? write_npy : write_npy_transposed;
-    write(*outputs.shard, outcome.matrix.get(), outcome.matrix_rows, outcome.matrix_cols);
-    outputs.shard->commit();
-    outputs.committed_shard = std::make_unique<RemovedAtEnd>(shard_name(options, myid));
+    AtomicFile file(outputs.shard->path());
+    const auto write = queries_split ? write_npy : write_npy_transposed;
+    write(file, outcome.matrix.get(), outcome.matrix_rows, outcome.matrix_cols);
+    file.commit();
   });
   together([&] {
     if (myid != 0) return;
@@ -123,14 +134,18 @@ void write_matrix(const RunOptions& options, const Problem& problem, const RunOu
     std::vector<Shard> shards;
     for (int p = 0; p < num_procs; ++p) {
       const long long length = grp_length[p];
-      shards.push_back({shard_name(options, p), splits_queries(mode) ? length : queries,
-                        splits_queries(mode) ? resident : length});
+      shards.push_back({numbered(outputs.shards, p), queries_split ? length : queries,
+                        queries_split ? resident : length});
     }
     merge_npy(*outputs.matrix, shards,
-              splits_queries(mode) ? Join::one_below_the_other : Join::side_by_side);
+              queries_split ? Join::one_below_the_other : Join::side_by_side);
     outputs.matrix->commit();
   });
-  outputs.committed_shard->keep = options.keep_shards;
+  if (!options.keep_shards) return;
+  together([&] {
+    const std::string kept = numbered(options.matrix, myid);
+    if (!outputs.shard->rename_to(kept)) throw RunError(kept + ": cannot be put into place");
+  });
 }
 
 void write_lists(const RunOptions& options, const Problem& problem, const ResultLists& lists,
@@ -150,7 +165,7 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
                      .steps = options.steps,
                      .use_gpu = options.gpu,
                      .want_matrix = !options.matrix.empty(),
-                     .library_file = options.out + ".partial.lists",
+                     .library_file = "",
                      .show_progress = myid == 0 && isatty(STDERR_FILENO) != 0};
   apply_settings(options);
   together([&] { require_gpu(options); });
@@ -176,13 +191,14 @@ int execute(const RunOptions& options, const std::function<Problem()>& load) {
   int status = status_ok;
   try {
     run(options, load);
+    together([] { finish_output(); });
   } catch (const RunError& error) {  // the same on every process
-    if (myid == 0) fmt::print(stderr, "talvik: {}\n", error.what());
+    if (myid == 0) complain("talvik: {}\n", error.what());
     status = status_failed;
   } catch (const std::exception& error) {
     // Out of step with the other processes, which may wait for this one: ending without MPI's own
     // end makes the launcher end them too.
-    fmt::print(stderr, "talvik: process {}: {}\n", myid, error.what());
+    complain("talvik: process {}: {}\n", myid, error.what());
     std::_Exit(status_failed);
   }
   finalize_mpi();

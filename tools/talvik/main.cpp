@@ -2,14 +2,15 @@
 // (usage).
 #include <unistd.h>  // sleep
 
-#include <cstdio>
 #include <exception>
 #include <string>
 #include <string_view>
 
 #include "commands/commands.hpp"
 #include "execute.hpp"
+#include "messages.hpp"
 #include "run_error.hpp"
+#include "unfinished.hpp"
 
 namespace {
 
@@ -26,6 +27,7 @@ int answer(const CLI::App& app, const CLI::ParseError& error) {
   const bool usage_error = error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success);
   if (is_first_process()) {
     app.exit(error);
+    finish_output();
   } else if (usage_error) {
     // The launcher ends all processes when the first one fails; that must not be before process 0
     // has spoken.
@@ -66,9 +68,10 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
+    remove_unfinished_on_signals();
     return run(argc, argv);
   } catch (const std::exception& error) {  // before or after a command, which end by themselves
-    std::fprintf(stderr, "talvik: %s\n", error.what());
+    complain("talvik: {}\n", error.what());
     return status_failed;
   }
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "majority_vote.hpp"
+#include "messages.hpp"
 #include "talvik.hpp"
 
 namespace talvik::tool {
@@ -13,28 +14,28 @@ namespace {
 
 void print_dropped(const char* which, const LoadedCollection& collection) {
   for (const std::string& document : collection.dropped) {
-    fmt::print("left out ({}): {}\n", which, document);
+    say("left out ({}): {}\n", which, document);
   }
 }
 
 void print_row(const char* name, long long resident, long long queries, bool self_run) {
   if (self_run) {
-    fmt::print("{:<20}{:>12}\n", name, resident);
+    say("{:<20}{:>12}\n", name, resident);
   } else {
-    fmt::print("{:<20}{:>12}{:>12}\n", name, resident, queries);
+    say("{:<20}{:>12}{:>12}\n", name, resident, queries);
   }
 }
 
 void print_warnings(const Problem& problem, const RunOptions& options) {
   for (const std::string& warning : problem.warnings) {
-    fmt::print(stderr, "talvik: warning: {}\n", warning);
+    complain("talvik: warning: {}\n", warning);
   }
   const int shared = count_shared_ids(problem.resident.ids);
   if (options.naming == Naming::by_id && shared > 0) {
-    fmt::print(stderr,
-               "talvik: warning: {} identifier(s) stand for several resident documents; --by index "
-               "tells them apart\n",
-               shared);
+    complain(
+        "talvik: warning: {} identifier(s) stand for several resident documents; --by index "
+        "tells them apart\n",
+        shared);
   }
 }
 
@@ -45,7 +46,7 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
   const bool self = problem.self_run();
   const LoadedCollection& resident = problem.resident;
   const LoadedCollection& queries = problem.queries;
-  fmt::print("{:<20}{:>12}{}\n", "", "resident", self ? "" : "     queries");
+  say("{:<20}{:>12}{}\n", "", "resident", self ? "" : "     queries");
   print_row("documents", std::ssize(resident.docs), std::ssize(queries.docs), self);
   print_row("entries", resident.entries, queries.entries, self);
   if (resident.words_read > 0) {
@@ -54,24 +55,23 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
   }
   print_row("empty, left out", std::ssize(resident.dropped), std::ssize(queries.dropped), self);
   if (self) {
-    fmt::print("{:<20}{:>12}\n", "queries, of these", queries.docs.size());
+    say("{:<20}{:>12}\n", "queries, of these", queries.docs.size());
   }
-  fmt::print("vocabulary used     {:>12} of {} words, {} floats each\n", facts.used_words,
-             problem.voc_size, problem.vec_size);
-  fmt::print("neighbours          {:>12}{}\n", facts.k,
-             facts.k < options.k
-                 ? fmt::format(" ({} asked for, the collection has no more)", options.k)
-                 : "");
-  fmt::print("run                 {:>12}, steps {}, {}{}\n", name_of(options.mode, mode_names),
-             options.steps, name_of(options.metric, metric_names),
-             normalize_embeddings ? ", normalised" : "");
+  say("vocabulary used     {:>12} of {} words, {} floats each\n", facts.used_words,
+      problem.voc_size, problem.vec_size);
+  say("neighbours          {:>12}{}\n", facts.k,
+      facts.k < options.k ? fmt::format(" ({} asked for, the collection has no more)", options.k)
+                          : "");
+  say("run                 {:>12}, steps {}, {}{}\n", name_of(options.mode, mode_names),
+      options.steps, name_of(options.metric, metric_names),
+      normalize_embeddings ? ", normalised" : "");
   const char* gpu = !options.gpu        ? ""
                     : gpu_is_emulated() ? ", GPU emulated on the CPU (slow)"
                                         : ", GPU";
-  fmt::print("processes           {:>12}, {} thread(s) each{}\n", num_procs, facts.threads, gpu);
-  fmt::print("memory planned      {:>12} per process, {} of {} on this machine\n",
-             in_gib(facts.plan.total_bytes), in_gib(facts.plan.total_bytes * num_local_procs),
-             in_gib(facts.budget_bytes));
+  say("processes           {:>12}, {} thread(s) each{}\n", num_procs, facts.threads, gpu);
+  say("memory planned      {:>12} per process, {} of {} on this machine\n",
+      in_gib(facts.plan.total_bytes), in_gib(facts.plan.total_bytes * num_local_procs),
+      in_gib(facts.budget_bytes));
   if (options.verbose) {
     print_dropped("resident", resident);
     if (!self) print_dropped("queries", queries);
@@ -85,8 +85,8 @@ void report_after(const Problem& problem, const ResultLists& lists, bool skip_fi
   if (myid == 0) {
     const double pairs = static_cast<double>(problem.queries.docs.size()) *
                          static_cast<double>(problem.resident.docs.size());
-    fmt::print("seconds             {:>12.2f}\n", seconds);
-    fmt::print("pairs per second    {:>12.4g}\n", seconds > 0 ? pairs / seconds : 0.0);
+    say("seconds             {:>12.2f}\n", seconds);
+    say("pairs per second    {:>12.4g}\n", seconds > 0 ? pairs / seconds : 0.0);
     std::fflush(stdout);
   }
   LabelList query_classes = problem.queries.classes;
@@ -103,8 +103,8 @@ void report_after(const Problem& problem, const ResultLists& lists, bool skip_fi
   const std::vector<int> sizes = vote_sizes(lists.k - (skip_first ? 1 : 0));
   const std::vector<double> errors =
       vote_errors(lists, sizes, skip_first, query_classes, resident_classes);
-  fmt::print("Classification error by majority vote\n");
-  for (size_t s = 0; s < sizes.size(); ++s) fmt::print("{} {:f}\n", sizes[s], errors[s]);
+  say("Classification error by majority vote\n");
+  for (size_t s = 0; s < sizes.size(); ++s) say("{} {:f}\n", sizes[s], errors[s]);
   std::fflush(stdout);
 }
 

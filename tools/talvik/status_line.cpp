@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "messages.hpp"
+
 namespace talvik::tool {
 namespace {
 
@@ -22,13 +24,12 @@ void StatusLine::show_now(std::string text) {
   if (!shown_) return;
   shown_at_ = Clock::now();
   text.resize(std::min(text.size(), columns_most));
-  fmt::print(stderr, "\r{:<{}}", text, width_);  // blanks out what a longer line left
-  std::fflush(stderr);
+  complain("\r{:<{}}", text, width_);  // blanks out what a longer line left
   width_ = text.size();
 }
 
 void StatusLine::clear() {
-  if (width_ > 0) fmt::print(stderr, "\r{:{}}\r", "", width_);
+  if (width_ > 0) complain("\r{:{}}\r", "", width_);
   width_ = 0;
 }
 

@@ -12,6 +12,7 @@
 #include "commands/commands.hpp"
 #include "commands/run_command.hpp"
 #include "embedding_writer.hpp"
+#include "messages.hpp"
 #include "run_error.hpp"
 #include "status_line.hpp"
 #include "word_set.hpp"
@@ -69,22 +70,22 @@ std::string progress_text(const TextVectors& vectors, double seconds) {
 }
 
 void print_summary(const ConvertOptions& options, const ConvertSummary& summary) {
-  fmt::print("{}: {} words, {} dimensions\n", options.output, summary.words, summary.dimensions);
+  say("{}: {} words, {} dimensions\n", options.output, summary.words, summary.dimensions);
   if (summary.duplicates > 0) {
-    fmt::print("duplicates left out, the first kept: {}\n", summary.duplicates);
+    say("duplicates left out, the first kept: {}\n", summary.duplicates);
   }
   if (summary.with_space > 0) {
-    fmt::print("words with a space in them left out: {}\n", summary.with_space);
+    say("words with a space in them left out: {}\n", summary.with_space);
   }
   if (!options.words.empty()) {
-    fmt::print("words not listed left out: {}; listed words not found: {}\n", summary.not_listed,
-               summary.listed_not_found);
+    say("words not listed left out: {}; listed words not found: {}\n", summary.not_listed,
+        summary.listed_not_found);
   }
   if (summary.zero_rows > 0) {
     std::string names;
     for (const std::string& word : summary.zero_words) names += (names.empty() ? "" : ", ") + word;
     const bool all = summary.zero_rows == std::ssize(summary.zero_words);
-    fmt::print("rows of zeros: {} ({}{})\n", summary.zero_rows, names, all ? "" : ", ...");
+    say("rows of zeros: {} ({}{})\n", summary.zero_rows, names, all ? "" : ", ...");
   }
 }
 

@@ -13,6 +13,7 @@
 #include "commands/run_command.hpp"
 #include "corpus_writer.hpp"
 #include "embedding_input.hpp"
+#include "messages.hpp"
 #include "run_error.hpp"
 #include "status_line.hpp"
 #include "stop_words.hpp"
@@ -105,23 +106,23 @@ class CorpusMaker {
 };
 
 void print_summary(const PrepareOptions& options, const PrepareSummary& summary) {
-  fmt::print("{}: documents {}, classes {}\n", options.output, summary.documents, summary.classes);
+  say("{}: documents {}, classes {}\n", options.output, summary.documents, summary.classes);
   const long long tokens = summary.tokens_in + summary.tokens_out;
   if (options.embeddings.empty()) {
-    fmt::print("tokens: {}\n", tokens);
+    say("tokens: {}\n", tokens);
   } else {
     constexpr double percent = 100;
-    fmt::print("tokens: {} in the vocabulary, {} out of it ({:.1f} %)\n", summary.tokens_in,
-               summary.tokens_out,
-               percent * static_cast<double>(summary.tokens_out) / static_cast<double>(tokens));
-    fmt::print("documents without a word of the vocabulary: {}\n", summary.unknown);
+    say("tokens: {} in the vocabulary, {} out of it ({:.1f} %)\n", summary.tokens_in,
+        summary.tokens_out,
+        percent * static_cast<double>(summary.tokens_out) / static_cast<double>(tokens));
+    say("documents without a word of the vocabulary: {}\n", summary.unknown);
   }
-  fmt::print("documents left empty, listed but without a file: {}\n", summary.empty);
-  if (summary.over_limit > 0) fmt::print("documents over the limit: {}\n", summary.over_limit);
+  say("documents left empty, listed but without a file: {}\n", summary.empty);
+  if (summary.over_limit > 0) say("documents over the limit: {}\n", summary.over_limit);
   if (summary.classless > 0) {
-    fmt::print("files outside the class directories, left out: {}\n", summary.classless);
+    say("files outside the class directories, left out: {}\n", summary.classless);
   }
-  if (summary.replaced > 0) fmt::print("invalid UTF-8 sequences: {}\n", summary.replaced);
+  if (summary.replaced > 0) say("invalid UTF-8 sequences: {}\n", summary.replaced);
 }
 
 }  // namespace

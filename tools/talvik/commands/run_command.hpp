@@ -2,11 +2,9 @@
 #ifndef TALVIK_TOOL_COMMANDS_RUN_COMMAND_HPP
 #define TALVIK_TOOL_COMMANDS_RUN_COMMAND_HPP
 
-#include <fmt/core.h>
-
-#include <cstdio>
 #include <exception>
 
+#include "messages.hpp"
 #include "run_error.hpp"
 
 namespace talvik::tool {
@@ -17,9 +15,10 @@ template <class Run>
 int run_command(const char* name, const Run& run) {
   try {
     run();
+    finish_output();
     return status_ok;
   } catch (const std::exception& error) {
-    fmt::print(stderr, "talvik {}: {}\n", name, error.what());
+    complain("talvik {}: {}\n", name, error.what());
     return status_failed;
   }
 }

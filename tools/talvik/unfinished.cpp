@@ -1,0 +1,96 @@
+#include "unfinished.hpp"
+
+#include <fcntl.h>   // O_CLOEXEC
+#include <unistd.h>  // pipe2, read, write, _exit
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <set>
+#include <thread>
+
+namespace talvik::tool {
+namespace {
+
+struct Registry {
+  std::mutex mutex;
+  std::set<std::string> paths;
+};
+
+// Never destroyed: a signal may come while the process ends.
+Registry& registry() {
+  static auto* const only = new Registry;
+  return *only;
+}
+
+void remove_path(const std::string& path) {
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
+}
+
+// A handler may do next to nothing, so it only wakes a thread, which may do everything.
+int signal_pipe = -1;
+
+void on_signal(int signal) {
+  const int error = errno;
+  const auto number = static_cast<unsigned char>(signal);
+  [[maybe_unused]] const auto written = write(signal_pipe, &number, 1);
+  errno = error;
+}
+
+void wait_for_signal(int pipe) {
+  unsigned char number = 0;
+  while (read(pipe, &number, 1) != 1) {
+  }
+  Registry& all = registry();
+  const std::lock_guard lock(all.mutex);  // held to the end: nothing new begins
+  for (const std::string& path : all.paths) remove_path(path);
+  constexpr int by_signal = 128;
+  _exit(by_signal + number);
+}
+
+}  // namespace
+
+Unfinished::Unfinished(std::string path) : path_(std::move(path)) {
+  const std::lock_guard lock(registry().mutex);
+  registry().paths.insert(path_);
+}
+
+void Unfinished::forget() {
+  registry().paths.erase(path_);
+  path_.clear();
+}
+
+void Unfinished::remove() {
+  const std::lock_guard lock(registry().mutex);
+  if (path_.empty()) return;
+  remove_path(path_);
+  forget();
+}
+
+bool Unfinished::rename_to(const std::string& name) {
+  const std::lock_guard lock(registry().mutex);
+  if (std::rename(path_.c_str(), name.c_str()) != 0) return false;
+  forget();
+  return true;
+}
+
+void remove_unfinished_on_signals() {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) return;  // signals end the process as ever
+  signal_pipe = ends[1];
+  std::thread(wait_for_signal, ends[0]).detach();
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) continue;
+    action = {};
+    action.sa_handler = on_signal;
+    action.sa_flags = SA_RESTART;
+    sigaction(signal, &action, nullptr);
+  }
+}
+
+}  // namespace talvik::tool

@@ -1,0 +1,35 @@
+// Files that must not survive a run that a signal ends.
+#ifndef TALVIK_TOOL_UNFINISHED_HPP
+#define TALVIK_TOOL_UNFINISHED_HPP
+
+#include <string>
+
+namespace talvik::tool {
+
+/// A file or directory that is removed at the end of the scope, or when a signal ends the program.
+class Unfinished {
+ public:
+  explicit Unfinished(std::string path);
+  ~Unfinished() { remove(); }
+  Unfinished(const Unfinished&) = delete;
+  Unfinished& operator=(const Unfinished&) = delete;
+
+  const std::string& path() const { return path_; }
+  void remove();
+
+  /// Gives it its final name, under which it stays.
+  /// @return false, with errno set, where that cannot be done
+  bool rename_to(const std::string& name);
+
+ private:
+  void forget();
+  std::string path_;
+};
+
+/// From now on INT, TERM and HUP remove what is unfinished and end the process with status 128 plus
+/// the signal's number; a signal that is ignored stays so.  Not to be called twice.
+void remove_unfinished_on_signals();
+
+}  // namespace talvik::tool
+
+#endif
