@@ -17,11 +17,6 @@
 namespace talvik::test {
 namespace {
 
-class FailingDevice : public testing::Test {
- protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
 // What runs, and from where on its calls are counted.
 struct Scene {
   bool from_loading = false;  // else from the computation of the block on
@@ -81,12 +76,13 @@ const std::vector<Failures> every_failure{
 // Gets through only if nothing fails.
 void play(const Scene& scene, const hostdev::FaultPlan& fault) {
   dup2(2, 1);  // death tests match standard error
-  World world = random_world({.num_resident = 2, .num_queries = 0});
+  World world = random_world({.num_queries = 0});
   // No word comes twice, so that the engine allocates what every run does.
   for (unsigned first : {0u, 3u}) {
     world.queries.push_back({{first, 0.5f}, {first + 1, 0.25f}, {first + 2, 0.25f}});
     world.queries.back().resize(static_cast<size_t>(scene.entries));
   }
+  world.resident = world.queries;
   if (scene.from_loading) hostdev::plan_fault(fault);
   distance_block(world, gpu_engine, scene.ground, [&](float* Z) {
     if (!scene.from_loading) hostdev::plan_fault(fault);
@@ -95,7 +91,8 @@ void play(const Scene& scene, const hostdev::FaultPlan& fault) {
   std::exit(0);
 }
 
-TEST_F(FailingDevice, EndsTheProcessWithItsLine) {
+TEST(FailingDevice, EndsTheProcessWithItsLine) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   for (const auto& [scene, call, status, skip, text, names] : every_failure) {
     hostdev::FaultPlan fault{.call = call, .skip = skip, .status = status};
     for (const std::string& name : names) {
@@ -103,20 +100,12 @@ TEST_F(FailingDevice, EndsTheProcessWithItsLine) {
       ++fault.skip;
     }
   }
+  // 6 indices, then 6 weights.
+  EXPECT_EXIT(play(load, {.memory_limit = 40}), testing::ExitedWithCode(1),
+              "for weight\nSize of memory requested: 24\nFree mem = 16, Total = 40\n");
 }
 
-TEST_F(FailingDevice, TellsHowMuchMemoryThereIs) {
-  const auto run = [] {
-    dup2(2, 1);
-    hostdev::plan_fault({.memory_limit = 100});
-    std::vector<float> W(20);
-    copy_vocabulary(0, 10, 2, W.data());  // 80 bytes, then 40 of norms
-  };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(1),
-              "for RW\nSize of memory requested: 40\nFree mem = 20, Total = 100\n");
-}
-
-TEST_F(FailingDevice, FailedConversionReachesTheCallerAndLeavesNothingBehind) {
+TEST(FailingDevice, LeavesNothingBehindWhereTheConversionThrows) {
   normalize_embeddings = true;
   distance_block(random_world({}), gpu_engine, false, [](float* Z) {
     hostdev::plan_fault({.call = "transform_in_place"});

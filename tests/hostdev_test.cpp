@@ -1,4 +1,5 @@
-// The stand-in sees the mistakes that a GPU would pass over.
+// The stand-in sees the mistakes that a GPU would pass over.  And a kernel by itself: a plain
+// compiler can launch one here only.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,7 +11,18 @@
 #include "libwmd/gpu/platform/hostdev_control.hpp"
 
 namespace talvik {
+
+__global__ void final_sqrt2(int rows, int cols, int col_offset, float* D, float* col_norms,
+                            float* row_norms);
+
 namespace {
+
+TEST(Kernels, ConversionReadsTheNormsFromItsFirstColumn) {
+  float dot = 0, row_norm = 16, column_norms[] = {100, 9};
+  constexpr int rows = 1, cols = 1, col_offset = 1;
+  launch(final_sqrt2, 1, 128, rows, cols, col_offset, &dot, column_norms, &row_norm);
+  EXPECT_EQ(dot, 5);
+}
 
 class HostdevDeathTest : public testing::Test {
  protected:
@@ -38,7 +50,6 @@ TEST_F(HostdevDeathTest, FreshMemoryHoldsNaNsAndNothingReachesBeyondIt) {
   for (const float value : host) ASSERT_TRUE(std::isnan(value));
   EXPECT_DEATH(cudaMemcpy(memory, host.data(), 41, cudaMemcpyHostToDevice),
                "cudaMemcpy: goes 1 bytes beyond the end of an allocation of 40");
-  EXPECT_DEATH(cudaMemcpy(host.data(), memory + 5, 24, cudaMemcpyDeviceToHost), "goes 4 bytes");
   EXPECT_DEATH(cudaMemcpy(host.data(), host.data(), 4, cudaMemcpyDeviceToHost), "no live device");
   EXPECT_DEATH(cudaMemcpy(memory, large, 4, cudaMemcpyHostToDevice), "lies in device memory");
   EXPECT_DEATH(transform_in_place(memory, 11, [](float x) { return x; }),
@@ -50,7 +61,6 @@ TEST_F(HostdevDeathTest, FreshMemoryHoldsNaNsAndNothingReachesBeyondIt) {
   EXPECT_DEATH(cudaFree(memory + 1), "cudaFree: not the start of a live device allocation");
   cudaFree(memory);
   cudaFree(large);
-  EXPECT_DEATH(cudaFree(memory), "cudaFree: not the start");
   EXPECT_EQ(hostdev::live_allocations(), 0u);
   hostdev::set_device_count(1);
 }
@@ -59,22 +69,21 @@ TEST_F(HostdevDeathTest, FreshMemoryHoldsNaNsAndNothingReachesBeyondIt) {
 TEST_F(HostdevDeathTest, GuardedMemoryIsOpenToDeviceWorkOnly) {
   const auto guarded_run = [](auto mistake) {
     setenv("TALVIK_HOSTDEV_GUARD", "1", 1);
-    float *x = allocate(8), *freed = allocate(8), value = 0;
-    cudaFree(freed);
-    launch(write_one, 1, 1, 7, x);
-    transform_in_place(x, 8, [](float old) { return old + 1; });
-    cudaMemcpy(&value, x + 7, 4, cudaMemcpyDeviceToHost);
-    std::fprintf(stderr, "device work gave %g\n", value);
-    mistake(x, freed);
+    float* memory = allocate(8);
+    launch(write_one, 1, 1, 7, memory);
+    std::fprintf(stderr, "no mistake so far\n");
+    mistake(memory);
     std::exit(0);
   };
-  const char* const before = "device work gave 2";
-  const auto write_to = [](float* p) { *static_cast<volatile float*>(p) = 1; };
-  const auto kernel = [](int i, float* p) { launch(write_one, 1, 1, i, p); };
-  EXPECT_EXIT(guarded_run([](float*, float*) {}), testing::ExitedWithCode(0), before);
-  EXPECT_DEATH(guarded_run([&](float* x, float*) { write_to(x); }), before);
-  EXPECT_DEATH(guarded_run([&](float*, float* freed) { kernel(0, freed); }), before);
-  EXPECT_DEATH(guarded_run([&](float* x, float*) { kernel(8, x); }), before);
+  const auto write_on_host = [](float* memory) { *static_cast<volatile float*>(memory) = 1; };
+  const auto write_beyond = [](float* memory) { launch(write_one, 1, 1, 8, memory); };
+  const auto write_freed = [](float* memory) {
+    cudaFree(memory);
+    launch(write_one, 1, 1, 0, memory);
+  };
+  EXPECT_DEATH(guarded_run(write_on_host), "no mistake so far");
+  EXPECT_DEATH(guarded_run(write_beyond), "no mistake so far");
+  EXPECT_DEATH(guarded_run(write_freed), "no mistake so far");
 }
 
 #if defined(__has_feature)

@@ -102,22 +102,20 @@ TEST(Embeddings, AFileGivesItsWordsAndUnitRowsOrALineAboutItsFault) {
   }
 }
 
-TEST(Embeddings, AKnownWordKeepsItsIndexAndAWrittenVocabularyReadsBackTheSame) {
+TEST(Embeddings, AKnownWordKeepsItsIndexAndAWrittenVocabularyHoldsEveryLine) {
   const TempDir dir;
   const std::string vectors = dir / "vectors", words = dir / "words";
   write_file(vectors, embedding_bytes({{"b", {1}}, {"new", {-2}}, {"b", {3}}, {"c", {0}}}));
   write_file(words, "an older and longer vocabulary file");
-  VocabularyMap voc{{"a", 0}, {"b", 1}}, read_back = voc, untouched, lines;
+  VocabularyMap voc{{"a", 0}, {"b", 1}}, untouched, lines{{"last", 0}};
   for (const std::string& vocabulary_file : {words, dir / "no directory/words"}) {
     EXPECT_EQ(read_embeddings(vectors, untouched, vocabulary_file), "1 -1 1 0 ");
   }
   EXPECT_EQ(read_embeddings(vectors, voc), "1 -1 1 0 a=0 b=1 c=3 new=2 ");
   EXPECT_EQ(read_file(words), "b\nnew\nb\nc\n");
-  EXPECT_EQ(parse_vocabulary(words.c_str(), read_back), 4);
-  EXPECT_EQ(read_back, voc);
   write_file(words, "a\r\n\n\ntwo words\na\r\nlast");
   EXPECT_EQ(parse_vocabulary(words.c_str(), lines), 4);
-  EXPECT_EQ(lines, (VocabularyMap{{"a\r", 0}, {"", 1}, {"two words", 2}, {"last", 3}}));
+  EXPECT_EQ(lines, (VocabularyMap{{"last", 0}, {"a\r", 1}, {"", 2}, {"two words", 3}}));
   EXPECT_EQ(parse_vocabulary((dir / "missing").c_str(), lines), 0);
 }
 

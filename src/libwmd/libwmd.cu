@@ -3,7 +3,7 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <utility>  // exchange
+#include <utility>
 #include <vector>
 
 #include "internal/failure.hpp"
@@ -42,13 +42,38 @@ float* D_ground_dev = nullptr;
 
 namespace {
 
-// Per query entry of a batch in vector form, the number of its row among the distinct ones.
-std::vector<int> row_ids2;
-
 using internal::DenseLibrary;
 using internal::DeviceArray;
 using internal::elements;
-using internal::upload;
+
+// Owns what the exported pointers point to.
+struct HeldData {
+  DeviceArray<float> W, RW;  // vocabulary
+
+  DeviceArray<int> ind, start;  // resident collection
+  DeviceArray<float> weight;
+
+  DeviceArray<int> ind2;       // query batch: index form
+  DeviceArray<float> X2, Rn2;  // vector form
+  std::vector<int> row_ids2;   // vector form: per entry, its row's number among the distinct ones
+  DeviceArray<float> weight2;  // both forms
+
+  DeviceArray<float> D_ground;
+};
+
+// Never destroyed: when static objects are, the CUDA runtime may be gone.
+HeldData& held = *new HeldData;
+
+template <class T>
+T* hold(DeviceArray<T>& owner, const T* values, internal::Index count, const char* name) {
+  owner = internal::upload(values, count, name);
+  return owner.get();
+}
+
+// Null under normalisation, where no formula reads norms.
+float* hold_norms(DeviceArray<float>& owner, const float* norms, int count, const char* name) {
+  return normalize_embeddings ? nullptr : hold(owner, norms, count, name);
+}
 
 // The squared norms of rows as they came; normalises the rows in place if that is set.
 std::unique_ptr<float[]> prepare_rows(float* rows, int num_rows, int m) {
@@ -56,11 +81,6 @@ std::unique_ptr<float[]> prepare_rows(float* rows, int num_rows, int m) {
   internal::norm_and_normalise(rows, num_rows, m, norms.get(), normalize_embeddings,
                                num_cpu_threads);
   return norms;
-}
-
-// Null under normalisation, where no formula reads norms.
-DeviceArray<float> upload_norms(const float* norms, int count, const char* name) {
-  return normalize_embeddings ? nullptr : upload(norms, count, name);
 }
 
 std::vector<int> number_rows(const float* rows, int m, const int* start, int count) {
@@ -101,91 +121,100 @@ int set_device_id(int device_id) {
   return 1;
 }
 
+// Every copy drops what is still held: a run that ran out of host memory has released nothing.  It
+// takes the host memory it needs before that, so that a failure leaves the state as it was.
+
 int copy_vocabulary(int device_id, int v_size, int m, float* W) {
   set_device_id(device_id);
   const auto RW = prepare_rows(W, v_size, m);
-  W_dev = upload(W, elements(v_size, m), "W").release();
-  RW_dev = upload_norms(RW.get(), v_size, "RW").release();
+  remove_vocabulary();
+  W_dev = hold(held.W, W, elements(v_size, m), "W");
+  RW_dev = hold_norms(held.RW, RW.get(), v_size, "RW");
   vec_size = m;
   voc_size = v_size;
   return 1;
 }
 
 int remove_vocabulary() {
-  cudaFree(W_dev);
-  if (!normalize_embeddings) cudaFree(RW_dev);
+  held.W.reset();
+  held.RW.reset();
   return 1;
 }
 
 int copy_raw_data(int n, int* ind, float* weight, int num_docs_, int* start) {
+  remove_raw_data();
   num_docs = num_docs_;
-  ind_dev = upload(ind, n, "ind").release();
-  weight_dev = upload(weight, n, "weight").release();
-  start_dev = upload(start, elements(1, num_docs_) + 1, "start").release();
+  ind_dev = hold(held.ind, ind, n, "ind");
+  weight_dev = hold(held.weight, weight, n, "weight");
+  start_dev = hold(held.start, start, elements(1, num_docs_) + 1, "start");
   num_vecs = n;
   return 1;
 }
 
 int remove_raw_data() {
-  cudaFree(ind_dev);
-  cudaFree(weight_dev);
-  cudaFree(start_dev);
+  held.ind.reset();
+  held.weight.reset();
+  held.start.reset();
   return 1;
 }
 
 int copy_raw_data2(int n2, int* ind2, float* weight2, int num_docs2_, int* start2_) {
+  remove_raw_data2();
   num_docs2 = num_docs2_;
-  ind2_dev = upload(ind2, n2, "ind2").release();
-  weight2_dev = upload(weight2, n2, "weight2").release();
+  ind2_dev = hold(held.ind2, ind2, n2, "ind2");
+  weight2_dev = hold(held.weight2, weight2, n2, "weight2");
   num_vecs2 = n2;
   start2 = start2_;
   return 1;
 }
 
 int remove_raw_data2() {
-  cudaFree(ind2_dev);
-  cudaFree(weight2_dev);
+  held.ind2.reset();
+  held.weight2.reset();
   return 1;
 }
 
-// Host memory that cannot be had throws; it is all asked for before the state changes.
 int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
   const auto Rn2 = prepare_rows(X2, n2, m);
-  row_ids2 = number_rows(X2, m, start2_, num_docs2_);
+  std::vector<int> row_ids2 = number_rows(X2, m, start2_, num_docs2_);
+  remove_vectors2();
   num_docs2 = num_docs2_;
-  X2_dev = upload(X2, elements(n2, m), "X2").release();
-  weight2_dev = upload(weight2, n2, "weight2").release();
-  Rn2_dev = upload_norms(Rn2.get(), n2, "Rn2").release();
+  X2_dev = hold(held.X2, X2, elements(n2, m), "X2");
+  weight2_dev = hold(held.weight2, weight2, n2, "weight2");
+  Rn2_dev = hold_norms(held.Rn2, Rn2.get(), n2, "Rn2");
+  held.row_ids2 = std::move(row_ids2);
   num_vecs2 = n2;
   start2 = start2_;
   return 1;
 }
 
 int remove_vectors2() {
-  cudaFree(X2_dev);
-  if (!normalize_embeddings) cudaFree(Rn2_dev);
-  cudaFree(weight2_dev);
-  row_ids2 = {};
+  held.X2.reset();
+  held.Rn2.reset();
+  held.weight2.reset();
+  held.row_ids2 = {};
   return 1;
 }
 
 int copy_ground_distances(int voc_size_, float* D_ground) {
   voc_size = voc_size_;
   if (D_ground_dev) return 1;
-  D_ground_dev = allocate_ground_distances().release();
+  held.D_ground = allocate_ground_distances();
+  D_ground_dev = held.D_ground.get();
   cudaMemcpy(D_ground_dev, D_ground, elements(voc_size, voc_size) * sizeof(float),
              cudaMemcpyHostToDevice);
   return 1;
 }
 
 int remove_ground_distances() {
-  internal::free_on_device(DeviceArray<float>(std::exchange(D_ground_dev, nullptr)),
-                           "D_ground_dev");
+  internal::free_on_device(std::move(held.D_ground), "D_ground_dev");
+  D_ground_dev = nullptr;
   return 1;
 }
 
 int compute_ground_distances(float* D_ground) {
   if (voc_size <= 0) return 1;
+  remove_ground_distances();  // of a run that ran out of host memory
   internal::forget_earlier_errors();
   const DenseLibrary dense;
   DeviceArray<float> matrix = allocate_ground_distances();
@@ -208,7 +237,7 @@ int ed_min_vocab_multi(float* Z, int delta_iterations, bool precompute) {
 namespace internal {
 
 void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget) {
-  compute_block(Z, delta_iterations, precompute, budget, row_ids2);
+  compute_block(Z, delta_iterations, precompute, budget, held.row_ids2);
 }
 
 }  // namespace internal

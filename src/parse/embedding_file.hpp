@@ -1,6 +1,6 @@
 // The format of embedding files: the numbers of records and of floats per vector, in decimal
 // digits; then per record an optional newline, the word, a space and the vector as little-endian
-// floats. Functions of bytes, which print nothing: their callers word the faults.
+// floats.  Functions of bytes, which print nothing: their callers word the faults.
 #ifndef TALVIK_PARSE_EMBEDDING_FILE_HPP
 #define TALVIK_PARSE_EMBEDDING_FILE_HPP
 

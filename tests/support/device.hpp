@@ -1,5 +1,5 @@
-// What tests ask about the device.  A real one tells nothing: there the answers are the harmless
-// ones, and what depends on them is asserted on the stand-in only.
+// What tests ask about the device.  A real device does not tell: there the answers let every test
+// pass, and only the stand-in puts them to the proof.
 #ifndef TALVIK_TESTS_DEVICE_HPP
 #define TALVIK_TESTS_DEVICE_HPP
 

@@ -40,8 +40,8 @@ struct Words {
 
 // Words of a panel that are searched at a time.
 struct Strip {
-  Panel panel;  // of these words; panel.words includes padding, words.count does not
   Words words;
+  Panel panel;   // of these words; panel.words includes padding, words.count does not
   float* stage;  // of these words
 };
 
@@ -78,7 +78,7 @@ Index panel_floats_of_thread(const TilePlan& plan, int rows) {
 //   weights      2560, 2640 .. 3760          3840, 3920 .. 5040
 //
 // The words are those of a strip, or of a whole panel where several passes find its nearest
-// entries. The stride is a line longer, which keeps the documents from sharing cache sets.
+// entries.  The stride is a line longer, which keeps the documents from sharing cache sets.
 Index stage_stride(const TilePlan& plan) { return plan.stage_words + line_floats; }
 
 Index stage_floats(const TilePlan& plan, int slots) {
@@ -242,15 +242,15 @@ void reduce_strip(const SectionTask& task, const Slab& slab, int p, const Strip&
   }
 }
 
-// Strip of a panel that begins `offset` words into it.
+// The strip that begins `offset` words into a panel.
 Strip strip_of(const SectionTask& task, const Panel& panel, const Words& words, int offset,
                float* stage) {
-  Strip strip{.panel = panel, .words = {}, .stage = stage};
-  strip.panel.scores += offset;
-  strip.panel.words = std::min(task.plan.strip_words, panel.words - offset);
-  strip.words = {words.first + offset, std::min(strip.panel.words, words.count - offset)};
-  if (has_several_passes(task.section)) strip.stage += offset;
-  return strip;
+  Panel part = panel;
+  part.scores += offset;
+  part.words = std::min(task.plan.strip_words, panel.words - offset);
+  return {.words = {words.first + offset, std::min(part.words, words.count - offset)},
+          .panel = part,
+          .stage = has_several_passes(task.section) ? stage + offset : stage};
 }
 
 // From a panel of words and all passes of the section into the tables.

@@ -138,6 +138,16 @@ constexpr TilePlan plan_tiles(const EngineBudget& budget, const TileNeeds& needs
           .stage_words = static_cast<int>(needs.several_passes ? panel : strip)};
 }
 
+static_assert(plan_tiles(EngineBudget{}, {.threads = 2,
+                                          .voc_size = 50'000,
+                                          .rows = 27'000,
+                                          .docs = 1000,
+                                          .nearest = 1,
+                                          .slots = 1,
+                                          .panel_words_limit = panel_words_most,
+                                          .several_passes = false})
+                  .slab_words == 24'576);
+
 }  // namespace talvik::internal
 
 #endif

@@ -49,7 +49,7 @@ DeviceArray<T> upload(const T* values, Index count, const std::string& name) {
 
 template <class T>
 void free_on_device(DeviceArray<T> values, const std::string& name) {
-  if (cudaFree(values.release()) != cudaSuccess) fail("Failed to deallocate " + name);
+  if (values && cudaFree(values.release()) != cudaSuccess) fail("Failed to deallocate " + name);
 }
 
 template <class Status>

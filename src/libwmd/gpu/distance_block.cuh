@@ -1,7 +1,7 @@
 // The distance block of a query batch on the GPU.  Distance rows are computed once per distinct
-// query row; the entries of a document point to theirs.  The nearest entries of every document are
-// chosen, and the resident weights travel there.  Kernels of the default stream run in the order of
-// their launches, so nothing waits but the copies.  Included by libwmd.cu alone.
+// query row, and the entries of a document point to theirs.  The nearest entries of every document
+// are chosen, and the resident weights go there.  Kernels of the default stream run in the order of
+// their launches, so only the copies wait.  Included by libwmd.cu alone.
 #ifndef TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 #define TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 
@@ -75,7 +75,7 @@ bool consecutive(const int* numbers, int count) {
 
 int entries_of(int doc) { return start2[doc + 1] - start2[doc]; }
 
-// With ground distances nothing is computed: all entries' rows are those of the matrix.
+// With ground distances there are no rows to compute: the entries point to those of the matrix.
 // @param row_ids  per query entry, a number that entries of equal rows share; vector form
 DistinctRows plan_rows(bool precompute, const GpuBudget& budget, const std::vector<int>& row_ids) {
   if (!precompute) {
@@ -190,8 +190,7 @@ void copy_to_Z(const GpuBlock& block, int first_doc, int count) {
 // first_doc + q.
 void find_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int first_doc, int docs) {
   launch(nearest_of_documents, column_grid(voc_size, docs), block_shape(), entry_distances(block),
-         block.start2_dev.get() + first_doc, EntryRange{pass.first_entry, pass.last_entry},
-         block.Y_dev_t.get(), goes_on);
+         block.start2_dev.get() + first_doc, pass, block.Y_dev_t.get(), goes_on);
 }
 
 // All weight goes to the nearest entry: one product for all documents of Y_dev_t.

@@ -1,4 +1,4 @@
-// The GPU engine below its public functions, for tests that make its block small.
+// What tests reach below the GPU engine's public functions.
 #ifndef TALVIK_LIBWMD_GPU_ENGINE_HPP
 #define TALVIK_LIBWMD_GPU_ENGINE_HPP
 
@@ -6,7 +6,7 @@
 
 namespace talvik::internal {
 
-/// ed_min_vocab_multi within a budget.
+/// As ed_min_vocab_multi, within a budget: tests make it small, so that every loop is taken.
 void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget);
 
 }  // namespace talvik::internal

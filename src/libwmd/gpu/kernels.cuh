@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "internal/index.hpp"
+#include "libwmd/distinct_rows.hpp"
 #include "libwmd/gpu/platform/device.hpp"
 #include "libwmd/word_distance.hpp"
 
@@ -109,23 +110,18 @@ __global__ void top_of_rows(EntryDistances entries, int count, const float* entr
   }
 }
 
-/// Consecutive entries of a batch.
-struct EntryRange {
-  int first, last;  ///< [first, last)
-};
-
-/// nearest[q][c] = the smallest distance of column c to the entries of document q, of those in
-/// `held`; far_away if there are none.  Column launch, with a row of blocks per document: one
+/// nearest[q][c] = the smallest distance of column c to the entries of document q, of those of
+/// the pass; far_away if there are none.  Column launch, with a row of blocks per document: one
 /// document alone would leave most of a GPU idle.
 /// @param start    entry offsets, from document 0 of the launch
-/// @param goes_on  nearest holds the result over earlier entries
-__global__ void nearest_of_documents(EntryDistances entries, const int* start, EntryRange held,
+/// @param goes_on  nearest holds the result over earlier passes
+__global__ void nearest_of_documents(EntryDistances entries, const int* start, RowPass pass,
                                      float* nearest, bool goes_on) {
   const int c = column_of_thread();
   if (c >= entries.cols) return;
   const int q = blockIdx.y;
-  const int first = start[q] > held.first ? start[q] : held.first;
-  const int last = start[q + 1] < held.last ? start[q + 1] : held.last;
+  const int first = start[q] > pass.first_entry ? start[q] : pass.first_entry;
+  const int last = start[q + 1] < pass.last_entry ? start[q + 1] : pass.last_entry;
   float& result = nearest[row_offset(q, entries.cols) + c];
   float smallest = goes_on ? result : far_away;
   for (int t = first; t < last; ++t) {
@@ -177,8 +173,8 @@ __global__ void final_sqrt2(int rows, int cols, int col_offset, float* D, float*
   }
 }
 
-/// D_k[r][c] = the (r+1)-th smallest of column c of D, w_k[r][c] = the weight of its row, for r <
-/// N. rows may be 0.  Column launch.
+/// For r < N: D_k[r][c] = the (r+1)-th smallest of column c of D, w_k[r][c] = the weight of its
+/// row.  rows may be 0.  Column launch.
 __global__ void top1_single(int rows, int cols, float* D, float* D_k, float* w, float* w_k) {
   internal::top_of_column<1>(rows, cols, D, D_k, w, w_k);
 }
@@ -197,7 +193,7 @@ __global__ void top16_single(int rows, int cols, float* D, float* D_k, float* w,
 
 /// Splits what is left of every resident entry p at the weight of its word's (k+1)-th nearest
 /// entry: weight_delta[p] moves, weight_updated[p] stays.  weight_in and weight_updated may be one
-/// array. Row-block launch over documents.
+/// array.  Row-block launch over documents.
 __global__ void update_weights_delta_multi(int num_docs, float* weight_in, int* start, int* ind,
                                            int voc_size, int k, float* weights_min,
                                            float* weight_delta, float* weight_updated) {

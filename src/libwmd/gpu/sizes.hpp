@@ -5,23 +5,25 @@
 #include <algorithm>
 #include <climits>
 
+#include "internal/index.hpp"
+
 namespace talvik::internal {
 
 /// What one computation may hold on the device; tests make it small.
 struct GpuBudget {
-  long long block_floats = 1ll << 29;  ///< distance rows: 2 GiB
-  int group_docs = 256;                ///< query documents per sparse product under the top-1 rule
+  Index block_floats = Index{1} << 29;  ///< distance rows: 2 GiB
+  int group_docs = 256;                 ///< query documents per sparse product under the top-1 rule
 };
 
-/// One row at least.
-constexpr long long block_floats(const GpuBudget& budget, int voc_size) {
-  return std::max<long long>(budget.block_floats, voc_size);
+/// Floats of the distance rows: one row at least.
+constexpr Index block_floats(const GpuBudget& budget, int voc_size) {
+  return std::max<Index>(budget.block_floats, voc_size);
 }
 
 /// Distance rows of voc_size floats that fit the block.
 constexpr int rows_of_block(const GpuBudget& budget, int voc_size) {
-  const long long rows = block_floats(budget, voc_size) / std::max(voc_size, 1);
-  return static_cast<int>(std::min<long long>(rows, INT_MAX));
+  const Index rows = block_floats(budget, voc_size) / std::max(voc_size, 1);
+  return static_cast<int>(std::min<Index>(rows, INT_MAX));
 }
 static_assert(rows_of_block(GpuBudget{}, 50'000) == 10'737);
 static_assert(rows_of_block(GpuBudget{1, 1}, 50'000) == 1);
@@ -35,7 +37,8 @@ constexpr int topk_size(int steps) {
 static_assert(topk_size(-1) == 1 && topk_size(0) == 1 && topk_size(1) == 2);
 static_assert(topk_size(3) == 4 && topk_size(4) == 8 && topk_size(20) == 16);
 
-/// Of these, as many as a document of so many entries has, halving; 1 for an empty one.
+/// Nearest entries that are kept of a document: the run's, halved until the document has as many; 1
+/// for an empty one.
 constexpr int topk_of_document(int steps, int entries) {
   int size = topk_size(steps);
   while (size > entries && size > 1) size /= 2;

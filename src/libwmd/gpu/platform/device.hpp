@@ -1,5 +1,5 @@
-// What stands between the device source and CUDA: the one header through which libwmd.cu and its
-// kernels see a device.  nvcc gets CUDA, cuBLAS, cuSPARSE and their own Thrust.  In a host build a
+// The layer between the device source and CUDA, through which alone libwmd.cu and its kernels see a
+// device.  nvcc gets CUDA, cuBLAS, cuSPARSE and their own Thrust.  In a host build a
 // plain compiler gets the stand-in under the same names, and Thrust's OpenMP backend.  A plain
 // compiler in a CUDA build (a test, say) gets CUDA's functions, but no kernels and no Thrust.
 #ifndef TALVIK_LIBWMD_GPU_PLATFORM_DEVICE_HPP

@@ -1,4 +1,4 @@
-// The stand-in's memory, copies, devices and launch checks; faults on demand.
+// The stand-in's memory, copies, devices, launch checks and planned faults.
 #include "libwmd/gpu/platform/hostdev.hpp"
 
 #include <sys/mman.h>  // mmap, mprotect: memory that host code cannot touch
@@ -92,7 +92,7 @@ size_t page_bytes() { return sysconf(_SC_PAGESIZE); }
 
 constexpr int private_memory = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
 
-// Right-aligned against an inaccessible page, so that a kernel's step over the end is seen too.
+// The allocation ends at an inaccessible page, so that a kernel's access beyond it is seen, too.
 char* map_pages(size_t bytes, Allocation& allocation) {
   constexpr size_t alignment = 16;
   const size_t open_bytes = (bytes + page_bytes() - 1) / page_bytes() * page_bytes();
@@ -208,7 +208,8 @@ cudaError_t cudaMalloc(void** pointer, size_t bytes) {
   if (used_bytes > plan.memory_limit || bytes > plan.memory_limit - used_bytes)
     return result_of(cudaErrorMemoryAllocation);
   Allocation allocation{bytes, device, nullptr, 0};
-  // Small ones come from malloc, where the address sanitizer sees steps over either end.
+  // Small allocations come from malloc, where the address sanitizer sees accesses beyond either
+  // end.
   const bool pages = guarded() || bytes > poisoned_bytes;
   char* first = pages ? map_pages(bytes, allocation) : static_cast<char*>(std::malloc(bytes));
   if (first == nullptr) return result_of(cudaErrorMemoryAllocation);

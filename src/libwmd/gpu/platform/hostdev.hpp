@@ -132,16 +132,16 @@ void check_launch(dim3 grid, dim3 block);
 void check_transform(const float* device_values, size_t count);
 bool interleaved();
 
-// The position with number i, counted along x, then y, then z.
+// The i-th position of a shape, counted along x, then y, then z.
 constexpr dim3 position(long long i, dim3 shape) {
   const long long row = i / shape.x;
   return {static_cast<unsigned int>(i % shape.x), static_cast<unsigned int>(row % shape.y),
           static_cast<unsigned int>(row / shape.y)};
 }
 
-/// Calls device_thread() once per thread of the grid, with its indices set.  Blocks go round the
-/// CPU threads; interleaved, device threads do, so that two neighbours that touch one element are a
-/// race on the CPU too.
+/// Calls device_thread() once per thread of the grid, with its indices set.  Whole blocks are dealt
+/// to the CPU threads in turn; when interleaved, single device threads are, so that two neighbours
+/// that touch one element are a race on the CPU, too.
 template <class DeviceThread>
 void run_grid(dim3 grid, dim3 block, const DeviceThread& device_thread) {
   const DeviceWork work;

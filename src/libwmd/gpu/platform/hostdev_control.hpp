@@ -1,5 +1,5 @@
-// What tests ask of the stand-in: planned failures, counts of what is held and called, devices.
-// Only in a host build.
+// How tests control the stand-in: planned failures, counts of what is held, devices.  Only in a
+// host build.
 #ifndef TALVIK_LIBWMD_GPU_PLATFORM_HOSTDEV_CONTROL_HPP
 #define TALVIK_LIBWMD_GPU_PLATFORM_HOSTDEV_CONTROL_HPP
 
@@ -8,7 +8,7 @@
 
 namespace talvik::hostdev {
 
-/// One failure to come.  `call` is a function of the interface ("cudaMemcpy", "cublasSgemm_v2"), or
+/// One planned failure.  `call` is a function of the interface ("cudaMemcpy", "cublasSgemm_v2"), or
 /// "transform_in_place", which throws; it succeeds `skip` times more, then returns `status` once.
 /// An allocation that would take the bytes in use above memory_limit fails in any case.
 struct FaultPlan {
