@@ -36,11 +36,14 @@ std::atomic<int> allocations_left = -1;  // until one fails; negative: none does
 [[gnu::weak]] void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
   return std::malloc(std::max<size_t>(bytes, 1));
 }
-[[gnu::weak]] void* operator new[](size_t bytes, const std::nothrow_t& none) noexcept {
-  return operator new(bytes, none);
+[[gnu::weak]] void* operator new[](size_t bytes) { return operator new(bytes); }
+[[gnu::weak]] void* operator new[](size_t bytes, const std::nothrow_t& quietly) noexcept {
+  return operator new(bytes, quietly);
 }
 [[gnu::weak]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::weak]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete[](void* memory) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
 
 namespace talvik {
 namespace {
