@@ -26,20 +26,24 @@ std::atomic<int> allocations_left = -1;  // until one fails; negative: none does
 
 }  // namespace
 
-// Every allocation that tells of a failure by an exception.
-[[gnu::noinline]] void* operator new(size_t bytes) {
+// Every allocation that tells of a failure by an exception.  Weak: the thread sanitizer has its
+// own, which stay.
+[[gnu::weak]] void* operator new(size_t bytes) {
   void* memory = allocations_left-- == 0 ? nullptr : std::malloc(std::max<size_t>(bytes, 1));
   if (!memory) throw std::bad_alloc();
   return memory;
 }
-[[gnu::noinline]] void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+[[gnu::weak]] void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
   return std::malloc(std::max<size_t>(bytes, 1));
 }
-[[gnu::noinline]] void* operator new[](size_t bytes, const std::nothrow_t& none) noexcept {
-  return operator new(bytes, none);
+[[gnu::weak]] void* operator new[](size_t bytes) { return operator new(bytes); }
+[[gnu::weak]] void* operator new[](size_t bytes, const std::nothrow_t& quietly) noexcept {
+  return operator new(bytes, quietly);
 }
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete[](void* memory) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
 
 namespace talvik {
 namespace {
@@ -315,6 +319,7 @@ TEST_P(Pipelines, TheRunAfterAFailedAllocationIsRight) {
         allocations_left = -1;
       }
       std::free(D);
+      if (!failed && allocations == 0) GTEST_SKIP() << "not with this operator new";
       std::swap(world, sorted);
       expect_two_way(TwoWay::plain);
       std::swap(world, sorted);

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "support/pipelines.hpp"
-#include "talvik/batch_sizes.hpp"
 
 namespace talvik {
 namespace {
