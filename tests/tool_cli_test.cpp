@@ -2,9 +2,12 @@
 // results against the slow oracle, and what it says to bad input.
 #include <fmt/core.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>  // mkfifo
 #include <sys/wait.h>  // WEXITSTATUS
+#include <unistd.h>    // gethostname
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -313,18 +316,58 @@ TEST_F(CorpusRun, BadInputEndsWithOneLineAndNoResult) {
   EXPECT_NE(complaints(refused)[0].find("over the memory limit"), std::string::npos);
 }
 
-TEST_F(CorpusRun, AFileThatIsBadForOneProcessEndsAllOfThem) {
+TEST_F(CorpusRun, AProcessOfItsOwnKindEndsAllOfThem) {
   const std::string bytes = read_file(dir_ / "words.bin");
   write_file(dir_ / "words.bin0", bytes);
   write_file(dir_ / "words.bin1", bytes.substr(0, bytes.size() - 9));
-  write_file(dir_ / "words.bin2", bytes);
-  // Every process is given a path of its own by the shell between the launcher and the program.
-  const Ran ran =
-      run(3,
-          "corpus --embeddings " + (dir_ / "words.bin") + "$OMPI_COMM_WORLD_RANK --resident " +
-              (dir_ / "resident") + " --out " + (dir_ / "result"),
-          "sh -c 'exec ");
-  expect_failure(ran, (dir_ / "words.bin1") + ": ends within record 30 of 30", "result");
+  for (const char* copy : {"resident0", "resident1"}) {
+    std::filesystem::copy(dir_ / "resident", dir_ / copy, std::filesystem::copy_options::recursive);
+  }
+  std::filesystem::remove_all(dir_ / "resident1/c");
+  std::array<char, 256> machine{};
+  gethostname(machine.data(), machine.size());
+  const auto with = [&](const std::string& embeddings, const std::string& resident) {
+    return "corpus --embeddings " + (dir_ / embeddings) + " --resident " + (dir_ / resident) +
+           " --out " + (dir_ / "result");
+  };
+  // The shell between the launcher and the program gives every process a text of its own.
+  const std::string own = "$OMPI_COMM_WORLD_RANK";
+  const std::pair<std::string, std::string> cases[] = {
+      {with("words.bin" + own, "resident"),
+       (dir_ / "words.bin1") + ": ends within record 30 of 30"},
+      {with("words.bin", "resident" + own),
+       "the collection of resident documents is not what process 0 has"},
+      {with("words.bin", "resident") + " --steps " + own, "--steps is not what process 0 has"}};
+  for (const auto& [arguments, line] : cases) {
+    expect_failure(run(2, arguments, "sh -c 'exec "),
+                   std::string("process 1 on ") + machine.data() + ": " + line, "result");
+  }
+}
+
+TEST_F(CorpusRun, OutputsGoWhereTheyAreNamed) {
+  const auto listed = [&](const std::string& arguments) {
+    return run(1, inputs() + "--k 1 --format tsv --out " + arguments);
+  };
+  const std::string out = dir_ / "out";
+  ASSERT_EQ(listed(out).status, 0);
+  const std::string lists = read_file(out);
+  EXPECT_EQ(listed("- 2>/dev/null #").output, lists);
+  EXPECT_EQ(listed(out + " --quiet").output, "");
+  EXPECT_EQ(listed(out + " >/dev/full #").status, 1);
+  EXPECT_EQ(listed(out + " >/dev/null 2>/dev/full #").status, 0);
+  EXPECT_EQ(read_file(out), lists);
+}
+
+TEST_F(CorpusRun, ASignalLeavesNothingUnfinished) {
+  ASSERT_EQ(mkfifo((dir_ / "words").c_str(), 0600), 0);
+  // The list of stop words is a pipe that nobody writes to: prepare waits, its output begun.
+  const Ran ran = run(1, "prepare --input " + (dir_ / "queries") + " --output " + (dir_ / "made") +
+                             " --stop-words " + (dir_ / "words") +
+                             " & sleep 0.5; kill -TERM $!; wait $!; echo $?");
+  EXPECT_EQ(ran.output, "143\n");
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+    EXPECT_NE(entry.path().filename().string().rfind("made", 0), 0u) << entry.path();
+  }
 }
 
 TEST(Usage, MistakesAreToldOnceWithStatusTwo) {

@@ -11,7 +11,9 @@
 #include <unordered_map>
 
 #include "input_files.hpp"
+#include "progress.hpp"
 #include "run_error.hpp"
+#include "status_line.hpp"
 #include "tokenizer.hpp"
 
 namespace talvik::tool {
@@ -89,8 +91,11 @@ EmbeddingFacts EmbeddingFile::walk(const std::function<void(const EmbeddingRecor
   EmbeddingFacts facts;
   std::unordered_map<std::string_view, long long> records;  // by word
   records.reserve(header_.num_records);
+  StatusLine status;
   const auto walked =
       walk_embedding_records(file_.bytes(), header_, [&](const EmbeddingRecord& record) {
+        status.show(
+            [&] { return reading_progress(path_, record.number, num_words(), status.seconds()); });
         if (record.number == 1 && all_printable(record.vector)) {
           throw RunError(path_ + ": is a text file (talvik convert makes an embedding file of it)");
         }

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -21,6 +22,7 @@
 #include "report.hpp"
 #include "result_writer.hpp"
 #include "run_error.hpp"
+#include "same_run.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -48,10 +50,12 @@ Outputs open_outputs(const RunOptions& options, LibraryRun& library) {
   Outputs outputs;
   library.library_file = scratch_name(options.out);
   outputs.shards = from_first_process(scratch_name(options.matrix));
+  on_first_process([&] {
+    outputs.results = std::make_unique<AtomicFile>(options.out);
+    if (library.want_matrix) outputs.matrix = std::make_unique<AtomicFile>(options.matrix);
+  });
   together([&] {
-    if (myid == 0) outputs.results = std::make_unique<AtomicFile>(options.out);
     if (library.want_matrix) {
-      if (myid == 0) outputs.matrix = std::make_unique<AtomicFile>(options.matrix);
       outputs.shard = std::make_unique<Unfinished>(numbered(outputs.shards, myid));
     }
     const std::string own = own_library_file(library);
@@ -127,8 +131,7 @@ void write_matrix(const RunOptions& options, const Problem& problem, const RunOu
     write(file, outcome.matrix.get(), outcome.matrix_rows, outcome.matrix_cols);
     file.commit();
   });
-  together([&] {
-    if (myid != 0) return;
+  on_first_process([&] {
     const long long resident = std::ssize(problem.resident.docs);
     const long long queries = std::ssize(problem.queries.docs);
     std::vector<Shard> shards;
@@ -150,8 +153,7 @@ void write_matrix(const RunOptions& options, const Problem& problem, const RunOu
 
 void write_lists(const RunOptions& options, const Problem& problem, const ResultLists& lists,
                  Outputs& outputs) {
-  together([&] {
-    if (myid != 0) return;
+  on_first_process([&] {
     DocumentNames names;
     if (options.naming == Naming::by_id) names = {&problem.queries.ids, &problem.resident.ids};
     write_results(lists, problem.self_run(), options.format, names,
@@ -160,6 +162,20 @@ void write_lists(const RunOptions& options, const Problem& problem, const Result
   });
 }
 
+/// The library's own lines are not written while it lives.
+class Silence {
+ public:
+  explicit Silence(bool wanted) : lines_(wanted ? std::cout.rdbuf(nullptr) : nullptr) {}
+  ~Silence() {
+    if (lines_) std::cout.rdbuf(lines_);  // which clears the state, too
+  }
+  Silence(const Silence&) = delete;
+  Silence& operator=(const Silence&) = delete;
+
+ private:
+  std::streambuf* lines_;
+};
+
 void run(const RunOptions& options, const std::function<Problem()>& load) {
   LibraryRun library{.mode = options.mode,
                      .steps = options.steps,
@@ -167,12 +183,14 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
                      .want_matrix = !options.matrix.empty(),
                      .library_file = "",
                      .show_progress = myid == 0 && isatty(STDERR_FILENO) != 0};
+  require_same(digests_of(options));
   apply_settings(options);
   together([&] { require_gpu(options); });
   Outputs outputs = open_outputs(options, library);
   Problem problem;
   RunFacts facts;
   together([&] { problem = load(); });
+  require_same(digests_of(problem));
   together([&] { facts = plan_run(problem, options); });
   report_before(problem, options, facts);
 
@@ -181,17 +199,21 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
   if (problem.self_run()) put_self_first(outcome.lists, problem.self_of_query);
   if (library.want_matrix) write_matrix(options, problem, outcome, outputs);
   write_lists(options, problem, outcome.lists, outputs);
-  report_after(problem, outcome.lists, problem.self_run(), outcome.seconds);
+  report_after(problem, options, outcome.lists, outcome.seconds);
 }
 
 }  // namespace
 
 int execute(const RunOptions& options, const std::function<Problem()>& load) {
-  init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
+  {
+    const Silence silence(!options.verbose);
+    init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
+  }
   int status = status_ok;
+  const Silence silence(options.quiet);
   try {
     run(options, load);
-    together([] { finish_output(); });
+    on_first_process(finish_output);
   } catch (const RunError& error) {  // the same on every process
     if (myid == 0) complain("talvik: {}\n", error.what());
     status = status_failed;
@@ -206,8 +228,10 @@ int execute(const RunOptions& options, const std::function<Problem()>& load) {
 }
 
 bool is_first_process() {
-  const char* rank = std::getenv("OMPI_COMM_WORLD_RANK");
-  return !rank || std::string_view(rank) == "0";
+  for (const char* name : {"OMPI_COMM_WORLD_RANK", "PMIX_RANK", "PMI_RANK", "SLURM_PROCID"}) {
+    if (const char* rank = std::getenv(name)) return std::string_view(rank) == "0";
+  }
+  return true;
 }
 
 }  // namespace talvik::tool

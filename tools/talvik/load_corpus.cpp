@@ -16,7 +16,9 @@
 #include "embedding_input.hpp"
 #include "input_files.hpp"
 #include "parse/text_document.hpp"
+#include "progress.hpp"
 #include "run_error.hpp"
+#include "status_line.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -82,8 +84,12 @@ LoadedCollection read_collection(const std::string& root, const std::vector<Corp
                                  int limit, const CorpusOptions& options, const WordNumbers& words,
                                  const std::map<std::string, unsigned long>& class_numbers) {
   LoadedCollection collection;
+  StatusLine status;
+  int read = 0;
   for (const int number : choose_spread(static_cast<int>(files.size()), limit)) {
     const CorpusFile& file = files[number];
+    ++read;
+    status.show([&] { return reading_progress(root, read, std::ssize(files), status.seconds()); });
     std::string text;
     // The size is asked for first, as the reader prints a line about an empty file.
     std::error_code error;

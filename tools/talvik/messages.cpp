@@ -18,7 +18,7 @@ void complain_text(std::string_view text) {
 
 void finish_output() {
   errno = 0;
-  const bool library = static_cast<bool>(std::cout.flush());
+  const bool library = !std::cout.rdbuf() || std::cout.flush();
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && library) return;
   throw RunError(std::string("standard output: cannot be written") +
                  (errno != 0 ? std::string(": ") + std::strerror(errno) : ""));

@@ -3,15 +3,34 @@
 #include <fmt/core.h>
 
 #include <cmath>
+#include <filesystem>
 
 namespace talvik::tool {
 
-std::string progress_line(const std::string& phase, double fraction, double pairs, double seconds) {
-  constexpr int minute = 60, percent = 100;
-  const double rate = seconds > 0 ? fraction * pairs / seconds : 0;
+namespace {
+
+constexpr int percent = 100;
+
+// "0:36 left".
+std::string time_left(double fraction, double seconds) {
+  constexpr int minute = 60;
   const long long left = std::llround(seconds * (1 - fraction) / fraction);
-  return fmt::format("{}  {:.0f} %  {:.3g} pairs/s  {}:{:02} left", phase, percent * fraction, rate,
-                     left / minute, left % minute);
+  return fmt::format("{}:{:02} left", left / minute, left % minute);
+}
+
+}  // namespace
+
+std::string progress_line(const std::string& phase, double fraction, double pairs, double seconds) {
+  const double rate = seconds > 0 ? fraction * pairs / seconds : 0;
+  return fmt::format("{}  {:.0f} %  {:.3g} pairs/s  {}", phase, percent * fraction, rate,
+                     time_left(fraction, seconds));
+}
+
+std::string reading_progress(const std::string& path, long long done, long long all,
+                             double seconds) {
+  const double fraction = static_cast<double>(done) / static_cast<double>(all);
+  return fmt::format("reading {}  {:.0f} %  {}", std::filesystem::path(path).filename().string(),
+                     percent * fraction, time_left(fraction, seconds));
 }
 
 void Progress::batch_done(const std::string& phase, const BatchResult& batch) {

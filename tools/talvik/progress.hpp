@@ -14,6 +14,11 @@ namespace talvik::tool {
 /// @param pairs     of the whole phase, all processes together
 std::string progress_line(const std::string& phase, double fraction, double pairs, double seconds);
 
+/// "reading words.bin  25 %  0:36 left".
+/// @param done  of `all`, above 0
+std::string reading_progress(const std::string& path, long long done, long long all,
+                             double seconds);
+
 /// Shows how far a run is, batch by batch.  Assumes that all processes go on at the same rate.
 class Progress {
  public:

@@ -43,6 +43,8 @@ void print_warnings(const Problem& problem, const RunOptions& options) {
 
 void report_before(const Problem& problem, const RunOptions& options, const RunFacts& facts) {
   if (myid != 0) return;
+  print_warnings(problem, options);
+  if (options.quiet) return;
   const bool self = problem.self_run();
   const LoadedCollection& resident = problem.resident;
   const LoadedCollection& queries = problem.queries;
@@ -77,12 +79,12 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
     if (!self) print_dropped("queries", queries);
   }
   std::fflush(stdout);
-  print_warnings(problem, options);
 }
 
-void report_after(const Problem& problem, const ResultLists& lists, bool skip_first,
+void report_after(const Problem& problem, const RunOptions& options, const ResultLists& lists,
                   double seconds) {
-  if (myid == 0) {
+  const bool skip_first = problem.self_run();  // entry 0 of every list is the query itself
+  if (myid == 0 && !options.quiet) {
     const double pairs = static_cast<double>(problem.queries.docs.size()) *
                          static_cast<double>(problem.resident.docs.size());
     say("seconds             {:>12.2f}\n", seconds);
@@ -98,7 +100,7 @@ void report_after(const Problem& problem, const ResultLists& lists, bool skip_fi
   evaluate_topk_precision(lists.num_queries, lists.k, own, query_classes.data(),
                           resident_classes.data(), skip_first, print_results);
   cleanup_distribution_info();
-  if (myid != 0) return;
+  if (myid != 0 || options.quiet) return;
 
   const std::vector<int> sizes = vote_sizes(lists.k - (skip_first ? 1 : 0));
   const std::vector<double> errors =

@@ -21,8 +21,7 @@ struct RunFacts {
 void report_before(const Problem& problem, const RunOptions& options, const RunFacts& facts);
 
 /// Prints speed, precision and classification error on process 0.  Collective.
-/// @param skip_first  entry 0 of every list is the query itself
-void report_after(const Problem& problem, const ResultLists& lists, bool skip_first,
+void report_after(const Problem& problem, const RunOptions& options, const ResultLists& lists,
                   double seconds);
 
 }  // namespace talvik::tool

@@ -70,7 +70,11 @@ void add_run_options(CLI::App& command, RunOptions& options) {
                   "GiB that the processes of a machine may plan for together (default: 80 % of "
                   "its memory)")
       ->check(CLI::Range(0.0, most_gib).description("(from 0)"));
-  command.add_flag("--verbose", options.verbose, "List what was left out");
+  auto* verbose =
+      command.add_flag("--verbose", options.verbose, "List what was left out, and the processes");
+  command
+      .add_flag("--quiet", options.quiet, "Nothing on standard output but results that go there")
+      ->excludes(verbose);
 }
 
 void check_run_options(const RunOptions& options, const std::vector<std::string>& inputs) {

@@ -40,6 +40,7 @@ struct RunOptions {
   bool keep_shards = false;
   double memory_limit_gib = 0;  ///< 0: a share of this machine's memory
   bool verbose = false;
+  bool quiet = false;
 };
 
 /// Accepts whole numbers from `smallest` on.

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "messages.hpp"
+#include "talvik.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -16,7 +17,7 @@ constexpr auto interval = std::chrono::milliseconds(200);
 
 }  // namespace
 
-StatusLine::StatusLine() : StatusLine(isatty(STDERR_FILENO) != 0) {}
+StatusLine::StatusLine() : StatusLine(myid == 0 && isatty(STDERR_FILENO) != 0) {}
 
 bool StatusLine::is_due() const { return shown_ && Clock::now() - shown_at_ >= interval; }
 

@@ -11,7 +11,7 @@ namespace talvik::tool {
 /// One line on standard error that overwrites itself a few times a second, at most 79 columns wide.
 class StatusLine {
  public:
-  /// Nothing is shown where standard error is no terminal.
+  /// Nothing is shown but by process 0, and where standard error is a terminal.
   StatusLine();
   /// @param shown  false: every call does nothing
   explicit StatusLine(bool shown) : shown_(shown) {}
