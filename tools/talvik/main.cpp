@@ -3,11 +3,14 @@
 #include <unistd.h>  // sleep
 
 #include <exception>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "commands/commands.hpp"
 #include "execute.hpp"
+#include "help.hpp"
 #include "messages.hpp"
 #include "run_error.hpp"
 #include "unfinished.hpp"
@@ -17,8 +20,9 @@ namespace {
 using namespace talvik::tool;
 
 /// One line, as every failure of the program.
-std::string usage_line(const CLI::App*, const CLI::Error& error) {
-  return std::string("talvik: ") + error.what() + " (see talvik --help)\n";
+std::string usage_line(const CLI::App* app, const CLI::Error& error) {
+  return std::string("talvik: ") + error.what() + option_suggestion(*app) +
+         " (see talvik --help)\n";
 }
 
 /// What the command line asks for instead of a run: help, version, or its own correction.  Every
@@ -41,6 +45,7 @@ int run(int argc, char** argv) {
   CLI::App app("Nearest documents by relaxed word mover's distance", "talvik");
   app.set_version_flag("--version", "talvik " TALVIK_VERSION);
   app.require_subcommand(1);
+  app.formatter(std::make_shared<HelpFormatter>());
   app.failure_message(usage_line);
   int status = status_ok;
   add_corpus_command(app, status);
@@ -55,7 +60,9 @@ int run(int argc, char** argv) {
     const bool is_option = command.empty() || command.front() == '-';
     const auto named = [command](const CLI::App* known) { return known->get_name() == command; };
     if (!is_option && app.get_subcommands(named).empty()) {
-      throw CLI::ValidationError(argv[1], "no such command");
+      std::vector<std::string> names;
+      for (const CLI::App* known : app.get_subcommands({})) names.push_back(known->get_name());
+      throw CLI::ValidationError(argv[1], "no such command" + suggestion(argv[1], names));
     }
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

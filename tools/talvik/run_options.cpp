@@ -1,6 +1,7 @@
 // The shared options and their texts.
 #include "run_options.hpp"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace talvik::tool {
@@ -15,6 +16,14 @@ bool same_file(const std::string& a, const std::string& b) {
   return std::filesystem::path(a).lexically_normal() ==
              std::filesystem::path(b).lexically_normal() ||
          std::filesystem::equivalent(a, b, missing);
+}
+
+// FILE.RANK
+bool is_shard_of(const std::string& path, const std::string& matrix) {
+  const std::filesystem::path number = std::filesystem::path(path).extension();
+  const std::string digits = number.string().substr(std::min<size_t>(number.string().size(), 1));
+  return !digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos &&
+         same_file(std::filesystem::path(path).replace_extension(), matrix);
 }
 
 }  // namespace
@@ -89,6 +98,9 @@ void check_run_options(const RunOptions& options, const std::vector<std::string>
   }
   if (same_file(options.out, options.matrix)) {
     throw CLI::ValidationError("--matrix", options.matrix + " is also the name after --out");
+  }
+  if (options.keep_shards && is_shard_of(options.out, options.matrix)) {
+    throw CLI::ValidationError("--keep-shards", options.out + " is also the name of a shard");
   }
 }
 

@@ -142,6 +142,10 @@ void add_convert_command(CLI::App& app, int& status) {
              "header; glove: there is none");
   command->add_option("--words", options->words, "Keep only the words of this file, one a line")
       ->type_name("FILE");
+  command->footer(
+      "Examples:\n"
+      "  talvik convert --input glove.6B.300d.txt --output words.bin\n"
+      "  talvik convert --input wiki.en.vec.gz --output words.bin --words wanted.txt\n");
   command->callback([options, &status] {
     status =
         run_command("convert", [&] { print_summary(*options, convert_text_vectors(*options)); });

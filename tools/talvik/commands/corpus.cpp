@@ -16,7 +16,8 @@ void add_corpus_command(CLI::App& app, int& status) {
   CLI::App* command = app.add_subcommand(
       "corpus",
       "Nearest documents between text corpora (DIR/CLASS/NUMBER), or within one.\n"
-      "A limit takes documents evenly spread over the collection, so that all classes stay.");
+      "A limit takes documents evenly spread over the collection, so that all classes\n"
+      "stay.");
   CorpusOptions& corpus = options->corpus;
   command->add_option("--embeddings", corpus.embeddings, "Word vectors: an embedding file")
       ->required()
@@ -37,6 +38,12 @@ void add_corpus_command(CLI::App& app, int& status) {
                       "Leave out the words of the embedding file up to this number from 0; they "
                       "usually stand by frequency (default: none)");
   add_run_options(*command, options->run);
+  command->footer(
+      "Examples:\n"
+      "  talvik corpus --embeddings words.bin --resident texts --queries news \\\n"
+      "    --out near.csv\n"
+      "  mpirun -n 4 talvik corpus --embeddings words.bin --resident texts --k 5 \\\n"
+      "    --format tsv --out near.tsv\n");
   command->callback([options, &status] {
     check_run_options(options->run, {options->corpus.embeddings});
     options->corpus.limit_resident = options->run.limit_resident;

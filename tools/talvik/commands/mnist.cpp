@@ -38,6 +38,12 @@ void add_mnist_command(CLI::App& app, int& status) {
                            ->needs(query_images);
   query_images->needs(query_labels);
   add_run_options(*command, options->run);
+  command->footer(
+      "Examples:\n"
+      "  talvik mnist --resident-images train-images --resident-labels train-labels \\\n"
+      "    --query-images t10k-images --query-labels t10k-labels --out near.csv\n"
+      "  talvik mnist --resident-images train-images --resident-labels train-labels \\\n"
+      "    --limit-queries 500 --out near.csv --matrix distances.npy\n");
   command->callback([options, &status] {
     const MnistOptions& files = options->images;
     check_run_options(options->run, {files.resident_images, files.resident_labels,

@@ -173,6 +173,10 @@ void add_prepare_command(CLI::App& app, int& status) {
   command->add_option("--first-id", options->first_id, "Identifier of the first document")
       ->check(CLI::Range(0LL, largest_count))
       ->capture_default_str();
+  command->footer(
+      "Examples:\n"
+      "  talvik prepare --input mail --output texts --stop-words english\n"
+      "  talvik prepare --input news.jsonl --output texts --embeddings words.bin\n");
   command->callback([options, &status] {
     status = run_command("prepare", [&] { print_summary(*options, prepare_corpus(*options)); });
   });
