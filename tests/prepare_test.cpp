@@ -99,6 +99,8 @@ TEST(StopWords, MatchWhateverTheCase) {
     rules.keep_case = keep_case;
     EXPECT_EQ(tokens_of("THE cat isn't the", rules), Tokens{"cat"});
   }
+  write_file(dir / "none", "...\n");
+  EXPECT_EQ(error_of([&] { stop_words_from(dir / "none"); }), dir / "none" + ": holds no words");
   rules.stop_words = &english_stop_words();
   EXPECT_EQ(tokens_of("We don't think that the cat's asleep", rules),
             (Tokens{"think", "cat", "asleep"}));

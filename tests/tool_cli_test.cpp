@@ -180,6 +180,8 @@ TEST_F(CorpusRun, EveryModeGivesTheOraclesListsOnAnyNumberOfProcesses) {
                              (with_matrix ? " --matrix " + (dir_ / "m.npy") : ""));
       ASSERT_EQ(ran.status, 0) << ran.output;
       EXPECT_TRUE(complaints(ran).empty()) << ran.output;
+      EXPECT_EQ(ran.output.find("Compressed vocabulary") != std::string::npos, mode == "ground");
+      EXPECT_EQ(ran.output.find("asked for"), std::string::npos);
       check_lists(dir_ / "out", queries_, 4, two_way, steps, false);
       if (lists.empty()) lists = read_file(dir_ / "out");
       EXPECT_EQ(read_file(dir_ / "out"), lists);
@@ -277,10 +279,11 @@ TEST_F(CorpusRun, ASelfRunLeavesEveryDocumentItselfOut) {
 
 TEST_F(CorpusRun, MoreProcessesThanDocumentsIsNoObstacle) {
   for (const std::string mode : {"two-way", "split"}) {
-    const Ran ran =
-        run(4, inputs() + "--threads 1 --limit-resident 2 --limit-queries 2 --mode " + mode +
-                   " --out " + (dir_ / "out") + " --keep-shards --matrix " + (dir_ / "m.npy"));
+    const Ran ran = run(4, inputs() + "--threads 1 --limit-resident 2 --limit-queries 2 --mode " +
+                               mode + " --out " + (dir_ / "out") +
+                               " --metric cosine --keep-shards --matrix " + (dir_ / "m.npy"));
     EXPECT_EQ(ran.status, 0) << mode << ran.output;
+    EXPECT_NE(ran.output.find("cosine, normalised"), std::string::npos) << ran.output;
     size_t shard_bytes = 0;
     for (const char* shard : {"m.npy.0", "m.npy.1", "m.npy.2", "m.npy.3"}) {
       shard_bytes += std::filesystem::file_size(dir_ / shard);
@@ -356,6 +359,8 @@ TEST_F(CorpusRun, OutputsGoWhereTheyAreNamed) {
   EXPECT_EQ(listed(out + " >/dev/full #").status, 1);
   EXPECT_EQ(listed(out + " >/dev/null 2>/dev/full #").status, 0);
   EXPECT_EQ(read_file(out), lists);
+  std::filesystem::create_symlink("words.bin", dir_ / "link");
+  EXPECT_EQ(listed(dir_ / "link").status, 2);  // it leads to an input
 }
 
 TEST_F(CorpusRun, ASignalLeavesNothingUnfinished) {
@@ -375,14 +380,17 @@ TEST(Usage, MistakesAreToldOnceWithStatusTwo) {
   const struct {
     int processes;
     std::string arguments, line;
-  } cases[] = {{1, "", "A subcommand is required"},
-               {1, "korpus", "korpus: no such command"},
-               {2, files + "--k 0", "--k: Value 0 not in range 1 to 2147483647"},
-               {1, files + "--mode 0", "--mode: 0 not in {two-way,ground,split,scale-out}"},
-               {1, files + "--matrix o", "--matrix: o is also the name after --out"},
-               {1, files + "--matrix ./e", "--matrix: ./e is also an input"},
-               {1, "corpus --embeddings e --resident r --out \"\"", "--out: the name is empty"},
-               {2, "corpus --resident r --out o", "--embeddings is required"}};
+  } cases[] = {
+      {1, "", "A subcommand is required"},
+      {1, "korpus", "korpus: no such command (korpus: did you mean corpus?)"},
+      {1, files + "--stesp=3",
+       "The following argument was not expected: --stesp=3 (--stesp: did you mean --steps?)"},
+      {2, files + "--k 0", "--k: Value 0 not in range 1 to 2147483647"},
+      {1, files + "--mode 0", "--mode: 0 not in {two-way,ground,split,scale-out}"},
+      {1, files + "--matrix o", "--matrix: o is also the name after --out"},
+      {1, files + "--matrix ./e", "--matrix: ./e is also an input"},
+      {1, "corpus --embeddings e --resident r --out \"\"", "--out: the name is empty"},
+      {2, "corpus --resident r --out o", "--embeddings is required"}};
   for (const auto& [processes, arguments, line] : cases) {
     const Ran ran = run(processes, arguments);
     EXPECT_EQ(ran.status, 2) << ran.output;
@@ -425,6 +433,9 @@ TEST(ImageRun, ListsAreTheSameOnAnyNumberOfProcesses) {
   }
   EXPECT_EQ(std::count(lists.begin(), lists.end(), '\n'), 13 * 3);
   EXPECT_EQ(lists.find("\"query\": 5,"), std::string::npos);
+
+  EXPECT_NE(run(1, inputs + " --limit-resident 4").output.find("documents                      4"),
+            std::string::npos);
 
   write_file(dir / "labels", idx_label_header(13) + std::string(13, '\0'));
   std::filesystem::remove(dir / "out");

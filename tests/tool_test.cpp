@@ -3,8 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <fstream>
+#include <numeric>
 
 #include "atomic_output.hpp"
 #include "embedding_input.hpp"
@@ -52,6 +55,13 @@ TEST(ResultFile, EveryFormatHasItsLines) {
             "{\"query\": 5, \"neighbour\": 10, \"rank\": 2, \"distance\": null}\n");
 }
 
+TEST(ResultFile, ComesWholeInItsPieces) {
+  constexpr int queries = 100'000;
+  const std::string text = written(empty_lists(queries, 1), false, Format::tsv, {});
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), queries + 1);
+  EXPECT_GT(text.size(), size_t{1} << 20);
+}
+
 TEST(SelfRun, TheQueryComesFirstAndTheOthersKeepTheirOrder) {
   // 0: at the front; 1: behind a duplicate; 2: pushed out by duplicates, takes the last place
   ResultLists lists{3, 3, {0, 4, 5, 3, 4, 1, 6, 7, 8}, {0, .1f, .2f, 0, 0, .3f, 0, 0, 0.5f}};
@@ -61,7 +71,7 @@ TEST(SelfRun, TheQueryComesFirstAndTheOthersKeepTheirOrder) {
 }
 
 TEST(MajorityVote, TiedClassesGoToTheNearestMember) {
-  EXPECT_EQ(vote_sizes(10), (std::vector<int>{1, 3, 5, 9}));
+  EXPECT_EQ(vote_sizes(9), (std::vector<int>{1, 3, 5, 9}));
   EXPECT_EQ(vote_sizes(2), (std::vector<int>{1}));
   EXPECT_TRUE(vote_sizes(0).empty());
   const LabelList resident{7, 8, 8, 9};
@@ -79,6 +89,20 @@ TEST(Npy, HeaderIsAlignedAndStatesTheShape) {
             std::string("\x93NUMPY\x01\x00\x76\x00", 10) +  // 118 bytes follow
                 "{'descr': '<f4', 'fortran_order': False, 'shape': (500, 60000), }   ");
   EXPECT_EQ(header.back(), '\n');
+}
+
+TEST(Npy, BandsOfATransposedMatrixFollowOneAnother) {
+  const TempDir dir;
+  constexpr int rows = 5'000'000, cols = 2;  // a band is one column
+  std::vector<float> data(rows * cols);
+  std::iota(data.begin(), data.end(), 0.0f);
+  AtomicFile file(dir / "m.npy");
+  write_npy_transposed(file, data.data(), rows, cols);
+  file.commit();
+  const std::string bytes = read_file(dir / "m.npy");
+  float second_column = 0;
+  std::memcpy(&second_column, bytes.data() + bytes.size() - rows * sizeof(float), sizeof(float));
+  EXPECT_EQ(second_column, 1.0f);
 }
 
 TEST(AtomicFile, AppearsOnlyWhenItIsWhole) {
@@ -153,6 +177,9 @@ TEST(EmbeddingInput, EveryDefectIsNamedWithItsPlace) {
        "records 1 and 2 are of the same word 'cat'"},
       {shorter,
        "the word of record 2, '\\x00\\x00\uFFFD>\\x0adog', holds a line break (a wrong header?)"},
+      {embedding_bytes({{"cat", {1, 1e20f}}}),
+       "the values of record 1, word 'cat', are implausible (magnitude 1e+20): the floats must be "
+       "little-endian"},
       {swapped,
        "the values of record 1, word 'cat', are implausible (magnitude 4.6e-41): the floats must "
        "be little-endian"}};
@@ -231,6 +258,15 @@ TEST(CorpusList, OrderIsByClassAndNumberWhateverTheFileSystem) {
                 "makes such a tree)");
 }
 
+TEST(Problem, CountsWordsOfBothSidesAndSharedIds) {
+  Problem problem;
+  problem.voc_size = 9;
+  problem.resident.docs = {{{1, 1.0f}, {2, 1.0f}}};
+  problem.queries.docs = {{{2, 1.0f}, {8, 1.0f}}};
+  EXPECT_EQ(count_used_words(problem), 3);
+  EXPECT_EQ(count_shared_ids({3, 1, 3, 2, 1, 1}), 2);
+}
+
 TEST(Choice, IsSpreadEvenlyAndAscending) {
   EXPECT_EQ(choose_spread(7, 3), (std::vector<int>{0, 2, 4}));
   EXPECT_EQ(choose_spread(3, 5), (std::vector<int>{0, 1, 2}));
@@ -238,16 +274,22 @@ TEST(Choice, IsSpreadEvenlyAndAscending) {
 }
 
 TEST(MemoryPlan, RefusesWithTheNumbers) {
-  RunShape shape;
-  shape.matrix_rows = 1 << 15;
-  shape.matrix_cols = 1 << 15;   // 4 GiB
-  shape.ground_words = 1 << 14;  // 1 GiB
+  const RunShape shape{
+      .resident = {1 << 20, 1 << 26},  // as read, the library's, the engine's: 1.5 GiB
+      .queries = {1 << 10, 1 << 16},
+      .two_way = false,
+      .voc_size = 1 << 20,
+      .vec_size = 256,  // 1 GiB
+      .used_words = 1,
+      .matrix_rows = 1 << 15,
+      .matrix_cols = 1 << 15,    // 4 GiB
+      .ground_words = 1 << 14};  // 1 GiB
   const MemoryPlan plan = plan_memory(shape);
-  EXPECT_EQ(over_budget(plan, 2, 10.5 * gib), "");
-  EXPECT_EQ(over_budget(plan, 2, 10.4 * gib),
-            "the run needs 10.50 GiB on this machine, over the memory limit of 10.40 GiB: 2 "
+  EXPECT_EQ(over_budget(plan, 2, 15.6 * gib), "");
+  EXPECT_EQ(over_budget(plan, 2, 15.4 * gib),
+            "the run needs 15.50 GiB on this machine, over the memory limit of 15.40 GiB: 2 "
             "process(es), each with 4.00 GiB of distance matrix, 1.00 GiB of ground distances, "
-            "0.00 GiB of data, 0.25 GiB of working memory");
+            "2.50 GiB of data, 0.25 GiB of working memory");
 }
 
 TEST(Progress, LineStatesShareRateAndRemainingTime) {

@@ -96,13 +96,15 @@ RunFacts plan_run(const Problem& problem, const RunOptions& options) {
 
   const long long resident = std::ssize(problem.resident.docs);
   const long long queries = std::ssize(problem.queries.docs);
-  RunShape shape;
-  shape.embedding_floats = static_cast<long long>(problem.voc_size) * problem.vec_size;
-  shape.entries = problem.resident.entries + problem.queries.entries;
-  shape.list_entries = queries * (facts.k + 1);
-  shape.batch_entries = std::max(problem.resident.entries, problem.queries.entries);
-  shape.vec_size = problem.vec_size;
-  shape.used_words = facts.used_words;
+  RunShape shape{.resident = {resident, problem.resident.entries},
+                 .queries = {queries, problem.queries.entries},
+                 .two_way = mode == Mode::two_way || mode == Mode::ground,
+                 .voc_size = problem.voc_size,
+                 .vec_size = problem.vec_size,
+                 .used_words = facts.used_words,
+                 .list_length = facts.k + 1,
+                 .steps = options.steps,
+                 .threads = facts.threads};
   if (splits_queries(mode)) {
     shape.matrix_rows = largest_group(problem.queries);
     shape.matrix_cols = resident;

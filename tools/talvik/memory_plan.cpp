@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <limits>
 #include <thread>
 
 #include "libwmd/cpu/sizes.hpp"
@@ -13,29 +14,71 @@
 
 namespace talvik::tool {
 
+namespace {
+
+constexpr double float_bytes = sizeof(float);
+
+// Counts as doubles: their products pass 64 bits.
+double area(long long rows, long long cols) {
+  return static_cast<double>(rows) * static_cast<double>(cols);
+}
+
+int as_int(long long count) {
+  return static_cast<int>(std::min<long long>(count, std::numeric_limits<int>::max()));
+}
+
+// Floats that the engine touches while it runs a batch of one side against the other.
+double engine_floats(const RunShape& shape, const Side& resident, const Side& queries) {
+  const bool from_vectors = shape.ground_words == 0;
+  const int entries = internal::average_entries(as_int(queries.entries), as_int(queries.docs));
+  const long long docs = internal::queries_per_batch(internal::batch_budget_floats,
+                                                     as_int(queries.docs), as_int(resident.docs),
+                                                     from_vectors ? entries * shape.vec_size : 0);
+  const long long batch_entries = docs * entries;
+  const internal::EngineBudget budget;
+  const int rows = static_cast<int>(std::min<long long>(
+      std::min(batch_entries, shape.used_words), internal::rows_per_pass(budget, shape.threads)));
+  const int nearest = as_int(std::min<long long>(shape.steps + 1LL, std::max(batch_entries, 1LL)));
+  const internal::TilePlan tiles =
+      internal::plan_tiles(budget, {.threads = shape.threads,
+                                    .voc_size = as_int(shape.used_words),
+                                    .rows = rows,
+                                    .docs = std::max(as_int(docs), 1),
+                                    .nearest = nearest,
+                                    .slots = nearest,
+                                    .panel_words_limit = internal::panel_words_most,
+                                    .several_passes = false});
+  const double tables = area(tiles.slab_words, tiles.window_docs) * (2.0 * nearest - 1);
+  const double panels = area(tiles.panel_words, rows) * shape.threads;
+  const double stages = static_cast<double>(budget.stage_floats) * shape.threads;
+  // What a dense product packs, on each thread.
+  const double packed = std::min<double>(area(rows, shape.vec_size), 8 << 20) * shape.threads;
+  const double vectors = from_vectors ? area(batch_entries + rows, shape.vec_size) : 0;
+  return tables + panels + stages + (from_vectors ? packed : 0) + vectors +
+         area(docs, resident.docs);
+}
+
+}  // namespace
+
 MemoryPlan plan_memory(const RunShape& shape) {
-  constexpr double float_bytes = sizeof(float);
   constexpr double entry_bytes = sizeof(Document::value_type);
   constexpr double list_entry_bytes = sizeof(int) + sizeof(float);
-  constexpr double copies = 2;  // the library works on copies of its own
-  constexpr double batch_floats = internal::batch_budget_floats;
-  constexpr double engine_floats = internal::engine_floats_most;
-  // Counts as doubles: their products pass 64 bits.
-  const auto area = [](long long rows, long long cols) {
-    return static_cast<double>(rows) * static_cast<double>(cols);
-  };
+  // The collections as they were read, the library's, and the engine's; of the words in use, the
+  // library and the engine have the vectors.
+  constexpr double copies = 3, copies_of_words = 2;
+  const auto entries = static_cast<double>(shape.resident.entries + shape.queries.entries);
   MemoryPlan plan;
-  plan.data_bytes = copies * (float_bytes * static_cast<double>(shape.embedding_floats) +
-                              entry_bytes * static_cast<double>(shape.entries)) +
-                    list_entry_bytes * static_cast<double>(shape.list_entries);
+  plan.data_bytes = float_bytes * (area(shape.voc_size, shape.vec_size) +
+                                   copies_of_words * area(shape.used_words, shape.vec_size)) +
+                    copies * entry_bytes * entries +
+                    list_entry_bytes * area(shape.queries.docs, shape.list_length);
   plan.matrix_bytes = float_bytes * area(shape.matrix_rows, shape.matrix_cols);
   plan.ground_bytes = float_bytes * area(shape.ground_words, shape.ground_words);
-  const double distances = shape.matrix_rows > 0 ? plan.matrix_bytes / float_bytes : batch_floats;
-  const double vectors = shape.ground_words > 0 ? 0 : area(shape.batch_entries, shape.vec_size);
-  const double tables = area(shape.batch_entries, shape.used_words);
-  plan.working_bytes =
-      float_bytes * (std::min(distances, batch_floats) + std::min(vectors, batch_floats) +
-                     std::min(tables, engine_floats));
+  double floats = engine_floats(shape, shape.resident, shape.queries);
+  if (shape.two_way) {
+    floats = std::max(floats, engine_floats(shape, shape.queries, shape.resident));
+  }
+  plan.working_bytes = float_bytes * floats;
   plan.total_bytes = plan.data_bytes + plan.matrix_bytes + plan.ground_bytes + plan.working_bytes;
   return plan;
 }

@@ -6,20 +6,28 @@
 
 namespace talvik::tool {
 
-/// Counts that decide a process's memory; 64-bit, as products are formed.
-struct RunShape {
-  long long embedding_floats = 0;
-  long long entries = 0;      ///< of both collections
-  long long matrix_rows = 0;  ///< distance matrix of a process; 0: none
-  long long matrix_cols = 0;
-  long long ground_words = 0;   ///< side of the ground-distance matrix; 0: none
-  long long list_entries = 0;   ///< queries x k
-  long long batch_entries = 0;  ///< entries of the collection that is run in batches, the larger
-  long long vec_size = 0;
-  long long used_words = 0;
+/// Documents, and their entries.
+struct Side {
+  long long docs = 0;
+  long long entries = 0;
 };
 
-struct MemoryPlan {
+/// Counts that decide a process's memory; 64-bit, as products are formed.
+struct RunShape {
+  Side resident, queries;
+  bool two_way = true;  ///< either side is run in batches against the other
+  long long voc_size = 0;
+  long long vec_size = 0;
+  long long used_words = 0;   ///< of the vocabulary, by both sides
+  long long matrix_rows = 0;  ///< distance matrix of a process; 0: none
+  long long matrix_cols = 0;
+  long long ground_words = 0;  ///< side of the ground-distance matrix; 0: none
+  long long list_length = 0;
+  int steps = 0;
+  int threads = 1;
+};
+
+struct MemoryPlan {  // bytes of a process
   double data_bytes = 0;
   double matrix_bytes = 0;
   double ground_bytes = 0;

@@ -40,9 +40,6 @@ struct EngineBudget {
   Index stage_floats = Index{256} << 10;  ///< the stage of each thread: 1 MiB
 };
 
-/// What the engine takes at most with all that, for whoever plans a run: 512 MiB.
-inline constexpr long long engine_floats_most = 128ll << 20;
-
 /// Words of a panel.  A dense product packs all rows anew for every panel, which takes the BLAS an
 /// eighth of its time at 256 words and less the more there are; wider panels are slower to reduce,
 /// since their rows are further apart (1.5, 1.7 and 2.9 ns per row and line at 256, 512 and 1024
