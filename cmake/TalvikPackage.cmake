@@ -1,7 +1,8 @@
 # What a distribution's package adds to the library and the program: manual pages, completion, the
-# sample; and the package itself: cpack -G DEB --config build/CPackConfig.cmake.
+# sample; and the package itself (scripts/package).
 
 if(TALVIK_BUILD_TOOLS)
+  install(DIRECTORY data/sample DESTINATION "${CMAKE_INSTALL_DATADIR}/talvik")
   install(FILES cmake/completion.bash RENAME talvik
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
 
