@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
+#include <numeric>
 #include <vector>
 
 #include "support/instruction_sets.hpp"
@@ -90,6 +92,82 @@ TEST(Engines, NothingToDoIsNoFailure) {
       expect_near(oracle_block(world, 1, rule), distance_block(world, 1, rule, true));
     }
   }
+}
+
+// Products are rounded in many ways, so that near words may come out nearer than equal ones.
+TEST(Engines, WordsThatDocumentsShareAreAtDistanceZero) {
+  constexpr int m = 33;
+  const WorldShape shape{.vec_size = m, .num_resident = 40, .max_words = 20};
+  World world = random_world(shape);
+  const auto scale = [&](int from, int to, float factor) {
+    const float* row = &world.embeddings[from * m];
+    std::transform(row, row + m, &world.embeddings[to * m], [=](float x) { return factor * x; });
+  };
+  for (int word = 0; word < shape.voc_size; ++word) scale(word, word, 30);
+  scale(4, 5, 1), scale(6, 7, 3), scale(8, 9, 1.0000001f);  // equal, of one direction, nearly equal
+  world.resident.push_back({{4, .5f}, {5, .5f}, {6, .5f}, {7, .5f}, {8, .5f}, {9, .5f}});
+  world.queries = world.resident;
+  const size_t docs = world.queries.size();
+  for (const Mode& mode : every_mode()) {
+    // The products of rows of any length have no bound, so none is nearest to itself.
+    if (mode.ground || (mode.cosine && !mode.normalise)) continue;
+    apply_settings(mode);
+    const auto compare = [&] {
+      const std::vector<float> Z = distance_block(world, mode.steps, mode.rule, false);
+      for (size_t d = 0; d < docs; ++d) ASSERT_EQ(Z[d * docs + d], 0) << "document " << d;
+    };
+    mode.rule == StepRule::single ? on_every_instruction_set(compare) : compare();
+  }
+  apply_settings({});
+}
+
+TEST(Engines, CosineOfRowsThatCameAtUnitLengthIsZeroForEqualOnes) {
+  // Their squared norms are 1 up to rounding.  Word 1 has no direction, word 2 is of length 2.
+  World world = random_world({.voc_size = 40, .vec_size = 33, .num_resident = 0});
+  for (unsigned word = 0; word < 40; ++word) {
+    float* row = &world.embeddings[word * 33];
+    const float length = std::sqrt(std::inner_product(row, row + 33, row, 0.0f));
+    const float wanted = word == 1 ? 0 : word == 2 ? 2 : 1;
+    std::transform(row, row + 33, row, [=](float x) { return x * (wanted / length); });
+    world.resident.push_back({{word, 1.0f}});
+  }
+  world.queries = world.resident;
+  apply_settings({.rule = StepRule::single, .steps = 0, .cosine = true});
+  for (const StepRule rule : rules_to_run()) {
+    const std::vector<float> Z = distance_block(world, 0, rule, false);
+    for (int word = 0; word < 40; ++word) {
+      EXPECT_NEAR(Z[word * 41],
+                  word == 1   ? 1
+                  : word == 2 ? -3
+                              : 0,
+                  word == 2 ? 1e-6 : 0)
+          << "word " << word;
+    }
+  }
+  apply_settings({});
+}
+
+TEST(Engines, NormalisationSwitchedAfterTheCopiesKeepsTheOrderOfDistances) {
+  struct Switch {
+    bool at_copies;
+    float words[2];
+    double square;  // of the distance of word 0 to the nearer of both
+  };
+  const Switch switches[] = {{false, {1, 3}, 0}, {false, {2, 3}, 6}, {true, {.1f, .2f}, 1.95}};
+  for (const auto& [at_copies, words, square] : switches) {
+    World world{{.voc_size = 2, .vec_size = 1}, {words[0], words[1]}, {}, {}, {}, {}};
+    world.resident = {{{0, 1.0f}}};
+    world.queries = {{{0, 0.5f}, {1, 0.5f}}};
+    for (const auto function : {ed_min_vocab_cpu, ed_min_vocab_cpu_multi}) {
+      normalize_embeddings = at_copies;
+      const std::vector<float> Z = distance_block(world, cpu_engine, false, [&](float* out) {
+        normalize_embeddings = !at_copies;
+        function(out, 0, false);
+      });
+      EXPECT_NEAR(Z[0], std::sqrt(square), 1e-6);
+    }
+  }
+  apply_settings({});
 }
 
 TEST(Engines, WordWithoutAVectorIsFarAway) {

@@ -133,6 +133,9 @@ inline void multiply_rows(const DenseLibrary& library, const DeviceRows& words,
 /// Turns the products into distances, by the current settings.
 inline void convert_products(const DeviceRows& words, const DeviceRows& rows, float* products) {
   switch (chosen_metric(use_cosine, normalize_embeddings)) {
+    case Metric::unit_cosine:
+      transform_in_place(products, elements(rows.count, words.count), unit_cosine());
+      return;
     case Metric::cosine:
       launch(cos_to_dist, row_grid(rows.count), block_shape(), rows.count, words.count, products);
       return;
