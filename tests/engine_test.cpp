@@ -94,6 +94,37 @@ TEST(Engines, NothingToDoIsNoFailure) {
   }
 }
 
+// Only one rule has a longest distance, none a largest weight; and the negative weights of a long
+// document mean nothing to a short one beside it.
+TEST(Engines, DistancesAndWeightsOfAnySizeAndSignMatchTheOracle) {
+  const DocumentSet queries{{{2, 1.0f}},
+                            {{0, .5f}, {3, -1.0f}},
+                            {{3, -1.0f}, {0, .5f}, {1, .5f}},
+                            {{0, .5f}, {3, -1.0f}, {4, -.25f}, {2, .5f}}};
+  const DocumentSet resident{{{1, 1.0f}}, {{4, -.5f}, {0, 1.0f}}, {{2, 2.0f}, {3, .125f}}};
+  const World worlds[] = {
+      {{.voc_size = 5, .vec_size = 1}, {0, 1e16f, -1e16f, 1, 2}, resident, queries, {}, {}},
+      {{.voc_size = 3, .vec_size = 1},
+       {0, 1, 2},
+       {{{0, 3e30f}}},
+       {{{1, 2e30f}, {2, 5e30f}}},
+       {},
+       {}}};
+  for (const World& world : worlds) {
+    for (const bool cosine : {false, true}) {
+      apply_settings({.rule = StepRule::single, .steps = 0, .cosine = cosine});
+      for (const StepRule rule : rules_to_run()) {
+        for (const int steps : {0, 1, 3}) {
+          SCOPED_TRACE(testing::Message()
+                       << "steps " << steps << ", rule " << static_cast<int>(rule));
+          expect_near(oracle_block(world, steps, rule), distance_block(world, steps, rule, false));
+        }
+      }
+    }
+  }
+  apply_settings({});
+}
+
 // Products are rounded in many ways, so that near words may come out nearer than equal ones.
 TEST(Engines, WordsThatDocumentsShareAreAtDistanceZero) {
   constexpr int m = 33;

@@ -244,21 +244,32 @@ EntryRange entries_in_pass(const SectionTask& task, int doc, const RowPass& pass
           .count = std::max(last - first, 0)};
 }
 
-// Transposes a stage into a table, clamping to far_away (NaN too); padding is 0.
-void transpose(const float* stage, Index stride, int docs, int words, int width, float* table) {
+// Transposes a stage into a table, value by value; padding is 0.
+template <class Value>
+void transpose(const float* stage, Index stride, int docs, int words, int width, float* table,
+               const Value& value) {
   for (int v = 0; v < words; ++v) {
     float* row = table + elements(v, width);
-    for (int j = 0; j < docs; ++j) row[j] = std::min(far_away, stage[j * stride + v]);
+    for (int j = 0; j < docs; ++j) row[j] = value(stage[j * stride + v]);
     std::fill(row + docs, row + width, 0.0f);
   }
 }
 
-// If a document has fewer neighbours than the tables hold, its last one takes all remaining weight.
+// Distances above this are those of missing entries.  As asked, no distance is longer.
+float longest_distance(NearestRule rule) {
+  return rule == NearestRule::as_asked ? far_away : std::numeric_limits<float>::max();
+}
+
+// If a document has fewer neighbours than the tables hold, its last one takes all remaining weight,
+// and those after it take none, though their own weight may be negative.
 void end_steps_early(const SectionTask& task, const NearestState& state, int doc, int words) {
   const int nearest = nearest_of(task.batch, doc, task.request.steps, task.request.rule);
   if (nearest >= task.nearest) return;
-  float* capacity = state.weight + elements(nearest - 1, state.stride);
-  std::fill(capacity, capacity + words, std::numeric_limits<float>::max());
+  for (int t = nearest - 1; t + 1 < task.nearest; ++t) {
+    float* capacity = state.weight + elements(t, state.stride);
+    const bool last = t == nearest - 1;
+    std::fill(capacity, capacity + words, last ? std::numeric_limits<float>::max() : 0);
+  }
 }
 
 // From the stage of a chunk to its place in the tables.
@@ -278,10 +289,13 @@ void store_chunk(const SectionTask& task, const Slab& slab, int chunk, int docs,
   const Index at = (elements(chunk, tables.words) + first_word - tables.first_word) * width;
   const Index stride = stage_stride(task.plan);
   const NearestState all = state_of(task, strip.stage, 0);  // the other documents follow
+  const float longest = longest_distance(task.request.rule);
   for (int t = 0; t < task.nearest; ++t) {
-    transpose(all.score + t * all.stride, stride, docs, words, width, tables.distance[t] + at);
+    transpose(all.score + t * all.stride, stride, docs, words, width, tables.distance[t] + at,
+              [=](float distance) { return distance <= longest ? distance : far_away; });
     if (t + 1 == task.nearest) break;
-    transpose(all.weight + t * all.stride, stride, docs, words, width, tables.capacity[t] + at);
+    transpose(all.weight + t * all.stride, stride, docs, words, width, tables.capacity[t] + at,
+              [](float capacity) { return capacity; });
   }
 }
 
