@@ -233,6 +233,9 @@ int compute_ground_distances(float* D_ground) {
   DeviceArray<float> matrix = allocate_ground_distances();
   const internal::DeviceRows words{voc_size, W_dev, RW_dev};
   internal::compute_word_distances(dense, words, words, matrix.get());
+  constexpr const internal::EqualRows* every_word_and_itself = nullptr;
+  internal::set_distances_of_equal_rows(words, words, every_word_and_itself, voc_size,
+                                        matrix.get());
   if (D_ground) {
     cudaMemcpy(D_ground, matrix.get(), elements(voc_size, voc_size) * sizeof(float),
                cudaMemcpyDeviceToHost);

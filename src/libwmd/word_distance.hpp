@@ -65,12 +65,20 @@ inline constexpr float score_per_dot = -2;
 /// all others, which rounding may have made too small, and its distance is 0.
 inline constexpr float product_of_nearest = std::numeric_limits<float>::infinity();
 
-/// The product of a row with itself, without the rounding of a dense product.  Rows that the caller
-/// has scaled to unit length count as such.
-/// @param norm  squared
-TALVIK_BOTH inline float product_with_itself(float norm, bool unit_rows) {
+/// The product of a row with itself, without the rounding of a dense product.  For the metrics of
+/// unit rows, and for the cosine, a row that came at unit length counts as such.
+/// @param norm       squared
+/// @param unit_rows  whether the rows were scaled to unit length; the norms are from before
+TALVIK_BOTH inline float product_with_itself(Metric metric, float norm, bool unit_rows) {
   constexpr float rounding = 1e-6f;
-  return unit_rows || std::fabs(norm - 1) <= rounding ? 1 : norm;
+  const bool near_one = metric != Metric::euclidean && std::fabs(norm - 1) <= rounding;
+  return unit_rows || near_one ? 1 : norm;
+}
+
+/// The distance of two words that have the same row: 0 but for the cosine of rows of any length.
+template <Metric metric>
+TALVIK_BOTH inline float distance_to_itself(float norm, bool unit_rows) {
+  return word_distance<metric>(product_with_itself(metric, norm, unit_rows), norm, norm);
 }
 
 inline constexpr float largest_norm = std::numeric_limits<float>::max();

@@ -177,7 +177,8 @@ void set_products_of_equal_rows(const SectionTask& task, const Words& words, int
     const float* word_row = vocabulary.rows + elements(pair->word, m);
     if (!has_direction(norm) || !std::equal(row, row + m, word_row)) continue;
     products[elements(pair->row - first_row, panel.stride) + pair->word - words.first] =
-        nearest ? product_of_nearest : product_with_itself(norm, unit_rows(task));
+        nearest ? product_of_nearest
+                : product_with_itself(task.request.metric, norm, unit_rows(task));
   }
 }
 

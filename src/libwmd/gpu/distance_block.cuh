@@ -177,11 +177,7 @@ void set_known_distances(GpuBlock& block, const RowPass& pass, const DeviceRows&
   if (pairs.empty()) return;
   const int count = static_cast<int>(pairs.size());
   block.equal_rows_dev = upload(pairs.data(), count, "equal_rows");
-  const bool cosine = use_cosine && !normalize_embeddings;
-  launch(cosine ? &set_equal_rows<Metric::cosine> : &set_equal_rows<Metric::euclidean>,
-         column_grid(count), block_shape(), count, block.equal_rows_dev.get(),
-         EmbeddingRows{words.values, words.norms}, EmbeddingRows{rows.values, rows.norms}, vec_size,
-         words.count, block.Y_dev.get());
+  set_distances_of_equal_rows(words, rows, block.equal_rows_dev.get(), count, block.Y_dev.get());
 }
 
 // Y_dev[t*voc_size + v] = distance between vocabulary word v and distinct row t of the pass.

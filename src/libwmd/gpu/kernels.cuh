@@ -71,6 +71,13 @@ struct EntryDistances {
   }
 };
 
+/// Embedding rows in device memory.
+struct DeviceRows {
+  int count;
+  float* values;  ///< count x vec_size
+  float* norms;   ///< squared; null if normalize_embeddings
+};
+
 /// Per column, the nearest entries: the r-th stands at r*cols + c, its weight likewise.
 struct NearestEntries {
   float* distances;
@@ -219,12 +226,6 @@ __global__ void update_weights_delta_multi(int num_docs, float* weight_in, int* 
 
 namespace internal {
 
-/// Embedding rows of m floats, and their squared norms; null if normalize_embeddings.
-struct EmbeddingRows {
-  const float* values;
-  const float* norms;
-};
-
 /// Whether a word's row and a query row are one embedding: the same floats, or such as have been
 /// scaled to unit length once more.  A row without a direction equals none.
 inline __device__ bool are_equal(const float* word, const float* row, int m) {
@@ -239,16 +240,17 @@ inline __device__ bool are_equal(const float* word, const float* row, int m) {
 
 /// D[row][word] = the distance of equal rows, for all pairs whose rows are: a word that stands in a
 /// document is at distance 0, however the product has been rounded.  Column launch, a pair each.
+/// @param pairs  null: word i and row i
 template <Metric metric>
-__global__ void set_equal_rows(int count, const EqualRows* pairs, EmbeddingRows words,
-                               EmbeddingRows rows, int m, int cols, float* D) {
+__global__ void set_equal_rows(int count, const EqualRows* pairs, DeviceRows words, DeviceRows rows,
+                               int m, float* D) {
   const int i = column_of_thread();
   if (i >= count) return;
-  const auto [word, row] = pairs[i];
+  const auto [word, row] = pairs ? pairs[i] : EqualRows{i, i};
   if (!are_equal(words.values + row_offset(word, m), rows.values + row_offset(row, m), m)) return;
-  if (words.norms && !has_direction(words.norms[word])) return;
-  float& d = D[row_offset(row, cols) + word];
-  d = metric == Metric::cosine ? 1 - product_with_itself(words.norms[word], false) : 0;
+  const float norm = words.norms ? words.norms[word] : 1;
+  if (!has_direction(norm)) return;
+  D[row_offset(row, words.count) + word] = distance_to_itself<metric>(norm, words.norms == nullptr);
 }
 
 }  // namespace internal
