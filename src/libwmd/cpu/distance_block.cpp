@@ -161,7 +161,8 @@ bool metric_fits_rows(const SectionTask& task) {
   }
 }
 
-// A word that stands in a document is at distance 0, however the dense product rounds.
+// A word that stands in a document is at distance 0, however the dense product rounds.  A cosine of
+// rows of any length has no bound, so there the word need not be the nearest.
 void set_products_of_equal_rows(const SectionTask& task, const Words& words, int p,
                                 const Panel& panel, float* products) {
   const Vocabulary& vocabulary = task.vocabulary;
