@@ -53,10 +53,11 @@ std::vector<float> block_within(const Limits& limits, const World& world, int st
     rows.insert(rows.end(), &W[word * m], &W[word * m] + m);
     row_norms.push_back(norms[word]);
   }
-  const Vocabulary vocabulary{voc_size, m, W.data(), norms.data()};
-  const QueryBatch queries{batch.num_docs,   batch.start.data(), batch.weight.data(),
-                           batch.ind.data(), &distinct,          rows.data(),
-                           row_norms.data()};
+  const std::vector<RowHash> hashes = hash_rows(W.data(), m * sizeof(float), voc_size, threads);
+  const Vocabulary vocabulary{voc_size, m, W.data(), norms.data(), false, hashes};
+  const QueryBatch queries{
+      batch.num_docs, batch.start.data(), batch.weight.data(), batch.ind.data(),
+      &distinct,      rows.data(),        row_norms.data(),    false};
   const BlockRequest request{source,  Metric::euclidean, D.data(), steps, NearestRule::halving,
                              threads, limits.budget};
   const BlockSizes sizes = block_sizes(vocabulary, queries, request);

@@ -2,7 +2,9 @@
 #include "libwmd/distinct_rows.hpp"
 
 #include <algorithm>
+#include <bit>         // bit_ceil
 #include <functional>  // hash
+#include <iterator>    // ssize
 #include <string_view>
 #include <utility>  // move
 
@@ -10,8 +12,6 @@
 
 namespace talvik::internal {
 namespace {
-
-using Hash = std::size_t;
 
 // One row of so many bytes per entry.
 struct EntryRows {
@@ -28,7 +28,7 @@ std::string_view row_at(const EntryRows& rows, int entry) {
 // are looked up one after the other.
 struct EntryHashes {
   int first = 0, last = 0;
-  std::vector<Hash> hash;  // of entry e at e - first
+  std::vector<RowHash> hash;  // of entry e at e - first
 };
 
 constexpr int entries_hashed_at_once = 1 << 16;
@@ -46,15 +46,15 @@ void hash_entries(const EntryRows& rows, int first, int last, int threads, Entry
 
 // The distinct rows of the open pass, by open addressing.
 struct RowTable {
-  std::vector<int> slot;       // a power of two of them: row number in the pass + 1, or 0
-  std::vector<Hash> row_hash;  // per row of the pass
+  std::vector<int> slot;          // a power of two of them: row number in the pass + 1, or 0
+  std::vector<RowHash> row_hash;  // per row of the pass
 };
 
 constexpr std::size_t smallest_table = 64;  // slots
 
 int rows_held(const RowTable& table) { return static_cast<int>(table.row_hash.size()); }
 
-std::size_t free_slot(const std::vector<int>& slot, Hash hash) {
+std::size_t free_slot(const std::vector<int>& slot, RowHash hash) {
   const std::size_t mask = slot.size() - 1;
   std::size_t at = hash & mask;
   while (slot[at] != 0) at = (at + 1) & mask;
@@ -78,7 +78,7 @@ struct Search {
   DistinctRows found = {};
 };
 
-Hash hash_of(Search& search, int entry, int num_entries) {
+RowHash hash_of(Search& search, int entry, int num_entries) {
   if (entry >= search.hashes.last) {
     const int last = entry + std::min(num_entries - entry, entries_hashed_at_once);
     hash_entries(search.rows, entry, last, search.threads, search.hashes);
@@ -87,7 +87,7 @@ Hash hash_of(Search& search, int entry, int num_entries) {
 }
 
 // The row of an entry among those of the open pass; the entry's own, if it is new.
-int row_of(Search& search, int entry, Hash hash) {
+int row_of(Search& search, int entry, RowHash hash) {
   RowTable& table = search.table;
   const int* first_entry_of_row =
       search.found.entry_of_row.data() + search.found.passes.back().first_row;
@@ -156,6 +156,27 @@ void add_document(Search& search, int doc, int num_entries) {
 }
 
 }  // namespace
+
+std::vector<RowHash> hash_rows(const void* rows, Index row_bytes, int count, int threads) {
+  EntryHashes hashes;
+  hash_entries({static_cast<const char*>(rows), row_bytes}, 0, count, threads, hashes);
+  return std::move(hashes.hash);
+}
+
+std::vector<EqualRows> find_equal_hashes(std::span<const RowHash> words,
+                                         std::span<const RowHash> rows) {
+  std::vector<int> slot(std::bit_ceil(2 * rows.size() + 1), 0);  // as in RowTable
+  for (int r = 0; r < std::ssize(rows); ++r) slot[free_slot(slot, rows[r])] = r + 1;
+  const std::size_t mask = slot.size() - 1;
+  std::vector<EqualRows> found;
+  for (int v = 0; v < std::ssize(words); ++v) {
+    for (std::size_t at = words[v] & mask; slot[at] != 0; at = (at + 1) & mask) {
+      const int row = slot[at] - 1;
+      if (rows[row] == words[v]) found.push_back({.word = v, .row = row});
+    }
+  }
+  return found;
+}
 
 DistinctRows find_distinct_rows(const void* rows, Index row_bytes, const int* start, int num_docs,
                                 int max_rows, int threads) {

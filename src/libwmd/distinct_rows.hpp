@@ -2,11 +2,28 @@
 #ifndef TALVIK_LIBWMD_DISTINCT_ROWS_HPP
 #define TALVIK_LIBWMD_DISTINCT_ROWS_HPP
 
+#include <cstddef>  // size_t
+#include <span>
 #include <vector>
 
 #include "internal/index.hpp"
 
 namespace talvik::internal {
+
+using RowHash = std::size_t;
+
+/// The hashes of `count` rows, row_bytes each.
+std::vector<RowHash> hash_rows(const void* rows, Index row_bytes, int count, int threads);
+
+/// A vocabulary word and a query row that have the same embedding.
+struct EqualRows {
+  int word, row;
+};
+
+/// The pairs of equal hashes, by ascending word.  Whoever uses a pair compares the rows themselves.
+/// @param words, rows  hash per word, hash per row
+std::vector<EqualRows> find_equal_hashes(std::span<const RowHash> words,
+                                         std::span<const RowHash> rows);
 
 /// Consecutive entries whose distinct rows are held, and multiplied, together.
 struct RowPass {

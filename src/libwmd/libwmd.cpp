@@ -56,6 +56,8 @@ int voc_size = 0;
 int vec_size = 0;
 Array<float> W;   // voc_size x vec_size
 Array<float> RW;  // voc_size squared norms, readable up to the next multiple of line_floats
+std::vector<internal::RowHash> W_hash;  // per row of W
+bool W_is_unit = false;                 // whether the rows were scaled to unit length
 
 // Query batch, in vector form or in index form.
 int num_docs2 = 0;
@@ -64,6 +66,7 @@ Array<float> weight2;              // one per entry
 Array<int> ind2;                   // one per entry; index form
 Array<float> X2;                   // distinct rows x vec_size; vector form
 Array<float> Rn2;                  // squared norm per distinct row; vector form
+bool X2_is_unit = false;           // whether the rows were scaled to unit length
 internal::DistinctRows distinct2;  // which entries share a row; both forms
 
 const float* D_ground = nullptr;  // borrowed: the caller's voc_size x voc_size, never freed here
@@ -139,15 +142,18 @@ int remove_query_documents() {
   return 1;
 }
 
-internal::Metric metric_in_use() {
-  return internal::chosen_metric(use_cosine, normalize_embeddings);
+// @param unit_rows  whether all rows have unit length; only the cosine of such rows has a bound
+internal::Metric metric_in_use(bool unit_rows) {
+  return internal::chosen_metric(use_cosine, use_cosine ? unit_rows : normalize_embeddings);
 }
 
 internal::Vocabulary held_vocabulary() {
   return {.voc_size = host::voc_size,
           .vec_size = host::vec_size,
           .rows = host::W.get(),
-          .norms = host::RW.get()};
+          .norms = host::RW.get(),
+          .unit_rows = host::W_is_unit,
+          .row_hash = host::W_hash};
 }
 
 internal::QueryBatch held_batch() {
@@ -157,7 +163,8 @@ internal::QueryBatch held_batch() {
           .ind = host::ind2.get(),
           .distinct = &host::distinct2,
           .rows = host::X2.get(),
-          .row_norms = host::Rn2.get()};
+          .row_norms = host::Rn2.get(),
+          .unit_rows = host::X2_is_unit};
 }
 
 internal::CsrCollection held_collection() {
@@ -170,7 +177,7 @@ internal::CsrCollection held_collection() {
 
 BlockRequest request_of(DistanceSource source, int steps, NearestRule rule) {
   return {.source = source,
-          .metric = metric_in_use(),
+          .metric = metric_in_use(host::W_is_unit && host::X2_is_unit),
           .ground = host::D_ground,
           .steps = steps,
           .rule = rule,
@@ -227,12 +234,16 @@ int copy_vocabulary_cpu(int v_size, int m, float* W) {
   host::RW = new_array<float>(internal::round_up(v_size, internal::line_floats));
   internal::norm_and_normalise(host::W.get(), v_size, m, host::RW.get(), normalize_embeddings,
                                num_cpu_threads);
+  host::W_is_unit = normalize_embeddings;
+  host::W_hash =
+      internal::hash_rows(host::W.get(), elements(m, sizeof(float)), v_size, num_cpu_threads);
   return 1;
 }
 
 int remove_vocabulary_cpu() {
   host::W.reset();
   host::RW.reset();
+  host::W_hash = {};
   return 1;
 }
 
@@ -265,6 +276,7 @@ int copy_vectors2_cpu(int n2, int m, float* X2, float* weight2, int num_docs2_, 
   });
   internal::norm_and_normalise(host::X2.get(), rows, m, host::Rn2.get(), normalize_embeddings,
                                num_cpu_threads);
+  host::X2_is_unit = normalize_embeddings;
   return 1;
 }
 
@@ -288,7 +300,8 @@ int remove_ground_distances_cpu() {
 int compute_ground_distances_cpu(float* D_ground) {
   const Index pairs = elements(host::voc_size, host::voc_size);
   internal::advise_large_pages(D_ground, pairs * sizeof(float));
-  internal::compute_ground_matrix(held_vocabulary(), metric_in_use(), num_cpu_threads, D_ground);
+  internal::compute_ground_matrix(held_vocabulary(), metric_in_use(host::W_is_unit),
+                                  num_cpu_threads, D_ground);
   return 1;
 }
 

@@ -55,10 +55,11 @@ struct HeldData {
 
   DeviceArray<int> ind2;       // query batch: index form
   DeviceArray<float> X2, Rn2;  // vector form
-  std::vector<int> row_ids2;   // vector form: per entry, its row's number among the distinct ones
   DeviceArray<float> weight2;  // both forms
 
   DeviceArray<float> D_ground;
+
+  internal::EmbeddingHashes hashes;  // vocabulary, and query batch in vector form
 };
 
 // Never destroyed: when static objects are, the CUDA runtime may be gone.
@@ -81,6 +82,10 @@ std::unique_ptr<float[]> prepare_rows(float* rows, int num_rows, int m) {
   internal::norm_and_normalise(rows, num_rows, m, norms.get(), normalize_embeddings,
                                num_cpu_threads);
   return norms;
+}
+
+std::vector<internal::RowHash> hash_rows(const float* rows, int num_rows, int m) {
+  return internal::hash_rows(rows, elements(m, sizeof(float)), num_rows, num_cpu_threads);
 }
 
 std::vector<int> number_rows(const float* rows, int m, const int* start, int count) {
@@ -126,10 +131,14 @@ int set_device_id(int device_id) {
 
 int copy_vocabulary(int device_id, int v_size, int m, float* W) {
   set_device_id(device_id);
+  std::vector<internal::RowHash> hash = hash_rows(W, v_size, m), scaled_hash;
   const auto RW = prepare_rows(W, v_size, m);
+  if (normalize_embeddings) scaled_hash = hash_rows(W, v_size, m);
   remove_vocabulary();
   W_dev = hold(held.W, W, elements(v_size, m), "W");
   RW_dev = hold_norms(held.RW, RW.get(), v_size, "RW");
+  held.hashes.word = std::move(hash);
+  held.hashes.scaled_word = std::move(scaled_hash);
   vec_size = m;
   voc_size = v_size;
   return 1;
@@ -138,6 +147,7 @@ int copy_vocabulary(int device_id, int v_size, int m, float* W) {
 int remove_vocabulary() {
   held.W.reset();
   held.RW.reset();
+  held.hashes.word = held.hashes.scaled_word = {};
   return 1;
 }
 
@@ -175,6 +185,7 @@ int remove_raw_data2() {
 }
 
 int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
+  std::vector<internal::RowHash> hash = hash_rows(X2, n2, m);
   const auto Rn2 = prepare_rows(X2, n2, m);
   std::vector<int> row_ids2 = number_rows(X2, m, start2_, num_docs2_);
   remove_vectors2();
@@ -182,7 +193,8 @@ int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int*
   X2_dev = hold(held.X2, X2, elements(n2, m), "X2");
   weight2_dev = hold(held.weight2, weight2, n2, "weight2");
   Rn2_dev = hold_norms(held.Rn2, Rn2.get(), n2, "Rn2");
-  held.row_ids2 = std::move(row_ids2);
+  held.hashes.entry = std::move(hash);
+  held.hashes.row_of_entry = std::move(row_ids2);
   num_vecs2 = n2;
   start2 = start2_;
   return 1;
@@ -192,7 +204,8 @@ int remove_vectors2() {
   held.X2.reset();
   held.Rn2.reset();
   held.weight2.reset();
-  held.row_ids2 = {};
+  held.hashes.entry = {};
+  held.hashes.row_of_entry = {};
   return 1;
 }
 
@@ -220,6 +233,9 @@ int compute_ground_distances(float* D_ground) {
   DeviceArray<float> matrix = allocate_ground_distances();
   const internal::DeviceRows words{voc_size, W_dev, RW_dev};
   internal::compute_word_distances(dense, words, words, matrix.get());
+  constexpr const internal::EqualRows* every_word_and_itself = nullptr;
+  internal::set_distances_of_equal_rows(words, words, every_word_and_itself, voc_size,
+                                        matrix.get());
   if (D_ground) {
     cudaMemcpy(D_ground, matrix.get(), elements(voc_size, voc_size) * sizeof(float),
                cudaMemcpyDeviceToHost);
@@ -237,7 +253,7 @@ int ed_min_vocab_multi(float* Z, int delta_iterations, bool precompute) {
 namespace internal {
 
 void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget) {
-  compute_block(Z, delta_iterations, precompute, budget, held.row_ids2);
+  compute_block(Z, delta_iterations, precompute, budget, held.hashes);
 }
 
 }  // namespace internal

@@ -2,6 +2,7 @@
 #include "libwmd/cpu/distance_block.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 #include "internal/team.hpp"
@@ -22,9 +23,10 @@ struct SectionTask {
   const BatchSection& section;
   TilePlan plan;
   int nearest, slots;
-  float* panels;                         // all threads, see panel_floats_of_thread
-  std::vector<float> stages;             // all threads, see stage_floats
-  std::vector<ProductScratch> products;  // per thread
+  float* panels;                                   // all threads, see panel_floats_of_thread
+  std::vector<float> stages;                       // all threads, see stage_floats
+  std::vector<ProductScratch> products;            // per thread
+  std::vector<std::vector<EqualRows>> equal_rows;  // per pass of the section; rows of the batch
 };
 
 // The tables of a slab of vocabulary words and a window of query documents.
@@ -141,9 +143,68 @@ void gather_by_entry(const SectionTask& task, const RowPass& pass, const Words& 
   }
 }
 
-// The panel of these words and the rows of a pass, padded to whole lines; padding holds no scores.
-Panel fill_panel(const SectionTask& task, const RowPass& pass, const Words& words, float* scores,
+bool unit_rows(const SectionTask& task) {
+  return task.vocabulary.unit_rows && task.batch.unit_rows;
+}
+
+// Whether the metric is made for the rows.  It is not where the host has switched normalisation
+// between a copy and the computation: there the argument of the root may be well below 0.
+bool metric_fits_rows(const SectionTask& task) {
+  const bool scaled = task.vocabulary.unit_rows || task.batch.unit_rows;
+  switch (task.request.metric) {
+    case Metric::euclidean:
+      return !scaled;
+    case Metric::unit_euclidean:
+      return unit_rows(task);
+    default:
+      return true;
+  }
+}
+
+// A word that stands in a document is at distance 0, however the dense product rounds.  A cosine of
+// rows of any length has no bound, so there the word need not be the nearest.
+void set_products_of_equal_rows(const SectionTask& task, const Words& words, int p,
+                                const Panel& panel, float* products) {
+  const Vocabulary& vocabulary = task.vocabulary;
+  const Index m = vocabulary.vec_size;
+  const bool nearest = task.request.metric != Metric::cosine && metric_fits_rows(task);
+  const int first_row = task.batch.distinct->passes[p].first_row;
+  const auto& all = task.equal_rows[p - task.section.first_pass];
+  auto pair = std::lower_bound(all.begin(), all.end(), words.first,
+                               [](const EqualRows& pair, int word) { return pair.word < word; });
+  for (; pair != all.end() && pair->word < words.first + words.count; ++pair) {
+    const float norm = vocabulary.norms[pair->word];
+    const float* row = task.batch.rows + elements(pair->row, m);
+    const float* word_row = vocabulary.rows + elements(pair->word, m);
+    if (!has_direction(norm) || !std::equal(row, row + m, word_row)) continue;
+    products[elements(pair->row - first_row, panel.stride) + pair->word - words.first] =
+        nearest ? product_of_nearest
+                : product_with_itself(task.request.metric, norm, unit_rows(task));
+  }
+}
+
+// Replaces products by scores whose order is that of the distances even where the argument of the
+// root is negative.
+void fold_products(const SectionTask& task, const Words& words, const RowPass& pass, Panel& panel,
+                   float* products) {
+  const bool unit = task.request.metric == Metric::unit_euclidean;
+  for (int r = pass.first_row; r < pass.last_row; ++r) {
+    float* score = products + elements(r - pass.first_row, panel.stride);
+    const float row_norm = unit ? 1 : task.batch.row_norms[r];
+    for (int v = 0; v < words.count; ++v) {
+      const float norm = unit ? 1 : task.vocabulary.norms[words.first + v];
+      const float added = unit ? 2 : norm;  // when the score becomes a distance
+      score[v] = std::fabs((score_per_dot * score[v] + norm) + row_norm) - added;
+    }
+  }
+  panel.scale = 1;
+  panel.row_bias = nullptr;
+}
+
+// The panel of these words and the rows of pass p, padded to whole lines; padding holds no scores.
+Panel fill_panel(const SectionTask& task, int p, const Words& words, float* scores,
                  ProductScratch& scratch) {
+  const RowPass& pass = task.batch.distinct->passes[p];
   const Index vec_size = task.vocabulary.vec_size;
   Panel panel{.scores = scores,
               .stride = panel_stride(task.plan),
@@ -170,6 +231,8 @@ Panel fill_panel(const SectionTask& task, const RowPass& pass, const Words& word
       if (task.request.metric == Metric::euclidean) {
         panel.row_bias = task.batch.row_norms + pass.first_row;
       }
+      set_products_of_equal_rows(task, words, p, panel, scores);
+      if (!metric_fits_rows(task)) fold_products(task, words, pass, panel, scores);
   }
   return panel;
 }
@@ -183,21 +246,32 @@ EntryRange entries_in_pass(const SectionTask& task, int doc, const RowPass& pass
           .count = std::max(last - first, 0)};
 }
 
-// Transposes a stage into a table, clamping to far_away (NaN too); padding is 0.
-void transpose(const float* stage, Index stride, int docs, int words, int width, float* table) {
+// Transposes a stage into a table, value by value; padding is 0.
+template <class Value>
+void transpose(const float* stage, Index stride, int docs, int words, int width, float* table,
+               const Value& value) {
   for (int v = 0; v < words; ++v) {
     float* row = table + elements(v, width);
-    for (int j = 0; j < docs; ++j) row[j] = std::min(far_away, stage[j * stride + v]);
+    for (int j = 0; j < docs; ++j) row[j] = value(stage[j * stride + v]);
     std::fill(row + docs, row + width, 0.0f);
   }
 }
 
-// If a document has fewer neighbours than the tables hold, its last one takes all remaining weight.
+// Distances above this are those of missing entries.  As asked, no distance is longer.
+float longest_distance(NearestRule rule) {
+  return rule == NearestRule::as_asked ? far_away : std::numeric_limits<float>::max();
+}
+
+// If a document has fewer neighbours than the tables hold, its last one takes all remaining weight,
+// and those after it take none, though their own weight may be negative.
 void end_steps_early(const SectionTask& task, const NearestState& state, int doc, int words) {
   const int nearest = nearest_of(task.batch, doc, task.request.steps, task.request.rule);
   if (nearest >= task.nearest) return;
-  float* capacity = state.weight + elements(nearest - 1, state.stride);
-  std::fill(capacity, capacity + words, std::numeric_limits<float>::max());
+  for (int t = nearest - 1; t + 1 < task.nearest; ++t) {
+    float* capacity = state.weight + elements(t, state.stride);
+    const bool last = t == nearest - 1;
+    std::fill(capacity, capacity + words, last ? std::numeric_limits<float>::max() : 0);
+  }
 }
 
 // From the stage of a chunk to its place in the tables.
@@ -217,10 +291,13 @@ void store_chunk(const SectionTask& task, const Slab& slab, int chunk, int docs,
   const Index at = (elements(chunk, tables.words) + first_word - tables.first_word) * width;
   const Index stride = stage_stride(task.plan);
   const NearestState all = state_of(task, strip.stage, 0);  // the other documents follow
+  const float longest = longest_distance(task.request.rule);
   for (int t = 0; t < task.nearest; ++t) {
-    transpose(all.score + t * all.stride, stride, docs, words, width, tables.distance[t] + at);
+    transpose(all.score + t * all.stride, stride, docs, words, width, tables.distance[t] + at,
+              [=](float distance) { return distance <= longest ? distance : far_away; });
     if (t + 1 == task.nearest) break;
-    transpose(all.weight + t * all.stride, stride, docs, words, width, tables.capacity[t] + at);
+    transpose(all.weight + t * all.stride, stride, docs, words, width, tables.capacity[t] + at,
+              [](float capacity) { return capacity; });
   }
 }
 
@@ -260,8 +337,7 @@ void compute_panel(SectionTask& task, const Slab& slab, const Words& words, int 
       line_start(task.panels + elements(thread, panel_floats_of_thread(task.plan, rows)));
   float* stage = task.stages.data() + elements(thread, stage_floats(task.plan, task.slots));
   for (int p = task.section.first_pass; p < task.section.last_pass; ++p) {
-    const RowPass& pass = task.batch.distinct->passes[p];
-    const Panel panel = fill_panel(task, pass, words, scores, task.products[thread]);
+    const Panel panel = fill_panel(task, p, words, scores, task.products[thread]);
     for (int offset = 0; offset < words.count; offset += task.plan.strip_words) {
       reduce_strip(task, slab, p, strip_of(task, panel, words, offset, stage));
     }
@@ -278,6 +354,22 @@ void fill_tables(SectionTask& task, const Slab& slab) {
       compute_panel(task, slab, {slab.tables.first_word + offset, count}, thread);
     }
   });
+}
+
+// Words and rows of equal hashes, pass by pass.
+std::vector<std::vector<EqualRows>> find_equal_rows(const SectionTask& task) {
+  std::vector<std::vector<EqualRows>> found;
+  if (task.request.source != DistanceSource::vectors) return found;
+  const Index m = task.vocabulary.vec_size;
+  for (int p = task.section.first_pass; p < task.section.last_pass; ++p) {
+    const RowPass& pass = task.batch.distinct->passes[p];
+    const std::vector<RowHash> hashes =
+        hash_rows(task.batch.rows + elements(pass.first_row, m), m * sizeof(float),
+                  pass.last_row - pass.first_row, task.request.threads);
+    found.push_back(find_equal_hashes(task.vocabulary.row_hash, hashes));
+    for (EqualRows& pair : found.back()) pair.row += pass.first_row;
+  }
+  return found;
 }
 
 void compute_section(SectionTask& task, const BlockBuffers& buffers, float* Z) {
@@ -347,9 +439,11 @@ void compute_distance_block(const Vocabulary& vocabulary, const CsrCollection& r
                      .slots = nearest_slots(nearest),
                      .panels = buffers.panels,
                      .stages = {},
-                     .products = {}};
+                     .products = {},
+                     .equal_rows = {}};
     task.stages.resize(threads * stage_floats(task.plan, task.slots));
     task.products.assign(threads, unused_scratch);
+    task.equal_rows = find_equal_rows(task);
     compute_section(task, buffers, Z);
   }
 }

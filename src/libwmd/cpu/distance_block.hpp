@@ -3,6 +3,7 @@
 #ifndef TALVIK_LIBWMD_CPU_DISTANCE_BLOCK_HPP
 #define TALVIK_LIBWMD_CPU_DISTANCE_BLOCK_HPP
 
+#include <span>
 #include <vector>
 
 #include "internal/index.hpp"
@@ -30,6 +31,8 @@ struct Vocabulary {
   int voc_size, vec_size;
   const float* rows;   ///< voc_size x vec_size
   const float* norms;  ///< voc_size squared norms, readable up to the next multiple of line_floats
+  bool unit_rows;      ///< whether the rows were scaled to unit length; the norms are from before
+  std::span<const RowHash> row_hash;  ///< of the rows as they are
 };
 
 struct QueryBatch {
@@ -40,11 +43,12 @@ struct QueryBatch {
   const DistinctRows* distinct;  ///< ordered by word for ground distances
   const float* rows;             ///< distinct rows x vec_size; read for vectors
   const float* row_norms;        ///< their squared norms
+  bool unit_rows;                ///< as in Vocabulary
 };
 
 struct BlockRequest {
   DistanceSource source;
-  Metric metric;        ///< read for DistanceSource::vectors
+  Metric metric;        ///< read for DistanceSource::vectors; unit_cosine needs unit rows
   const float* ground;  ///< voc_size x voc_size, else null
   int steps;            ///< capacity steps; negative as 0
   NearestRule rule;

@@ -41,6 +41,8 @@ void convert(const Vocabulary& vocabulary, const Tile& tile, float* D) {
     const float norm = vocabulary.norms[tile.u + r];
     const float* norms = vocabulary.norms + tile.v;
     for (int c = 0; c < tile.columns; ++c) row[c] = word_distance<metric>(row[c], norm, norms[c]);
+    if (tile.u != tile.v || !has_direction(norm)) continue;
+    row[r] = distance_to_itself<metric>(norm, vocabulary.unit_rows);
   }
 }
 

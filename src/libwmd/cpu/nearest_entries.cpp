@@ -171,11 +171,15 @@ void Distances(Metric metric, const float* norms, int words, float* scores) {
   with_metric(metric, [&]<Metric m>() HWY_ATTR {
     for (Index v = 0; v < words; v += lanes) {
       const Vector score = hn::LoadU(d, scores + v);
-      if constexpr (m == Metric::cosine) {
-        hn::StoreU(hn::MulAdd(score, hn::Set(d, 0.5f), hn::Set(d, 1)), d, scores + v);
+      if constexpr (m == Metric::cosine || m == Metric::unit_cosine) {
+        const Vector distance = hn::MulAdd(score, hn::Set(d, 0.5f), hn::Set(d, 1));
+        const bool unit = m == Metric::unit_cosine;
+        hn::StoreU(unit ? hn::ZeroIfNegative(distance) : distance, d, scores + v);
       } else {
         const Vector norm = m == Metric::unit_euclidean ? hn::Set(d, 2) : hn::LoadU(d, norms + v);
-        hn::StoreU(hn::Sqrt(hn::Abs(hn::Add(score, norm))), d, scores + v);
+        const Vector distance = hn::Sqrt(hn::Abs(hn::Add(score, norm)));
+        const auto equal = hn::Eq(score, hn::Set(d, score_per_dot * product_of_nearest));
+        hn::StoreU(hn::IfThenZeroElse(equal, distance), d, scores + v);
       }
     }
   });

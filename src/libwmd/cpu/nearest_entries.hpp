@@ -49,7 +49,8 @@ constexpr int nearest_slots(int nearest) {
 void find_nearest_entries(const Panel& panel, const EntryRange& entries, int nearest, bool resume,
                           const NearestState& state);
 
-/// Turns scores into distances, in place; an infinite score stays infinite.
+/// Turns scores into distances, in place; an infinite score stays infinite, and that of
+/// product_of_nearest becomes 0.
 /// @param norms  squared norms of the words; read for Metric::euclidean only
 /// @param words  both arrays are readable up to the next multiple of line_floats
 void scores_to_distances(Metric metric, const float* norms, int words, float* scores);

@@ -110,13 +110,6 @@ inline void require_launched() {
   if (status != cudaSuccess) fail("GPU kernels failed: CUDA status " + number_of(status));
 }
 
-/// Embedding rows in device memory.
-struct DeviceRows {
-  int count;
-  float* values;  ///< count x vec_size
-  float* norms;   ///< squared; null if normalize_embeddings
-};
-
 /// products[t*words.count + v] = words[v] . rows[t].
 inline void multiply_rows(const DenseLibrary& library, const DeviceRows& words,
                           const DeviceRows& rows, float* products) {
@@ -133,6 +126,9 @@ inline void multiply_rows(const DenseLibrary& library, const DeviceRows& words,
 /// Turns the products into distances, by the current settings.
 inline void convert_products(const DeviceRows& words, const DeviceRows& rows, float* products) {
   switch (chosen_metric(use_cosine, normalize_embeddings)) {
+    case Metric::unit_cosine:
+      transform_in_place(products, elements(rows.count, words.count), unit_cosine());
+      return;
     case Metric::cosine:
       launch(cos_to_dist, row_grid(rows.count), block_shape(), rows.count, words.count, products);
       return;
@@ -144,6 +140,15 @@ inline void convert_products(const DeviceRows& words, const DeviceRows& rows, fl
       launch(final_sqrt2, row_grid(rows.count), block_shape(), rows.count, words.count, first_word,
              products, words.norms, rows.norms);
   }
+}
+
+/// Sets the distances of pairs of equal rows, see set_equal_rows.
+inline void set_distances_of_equal_rows(const DeviceRows& words, const DeviceRows& rows,
+                                        const EqualRows* pairs, int count, float* distances) {
+  with_metric(chosen_metric(use_cosine, normalize_embeddings), [&]<Metric metric>() {
+    launch(set_equal_rows<metric>, column_grid(count), block_shape(), count, pairs, words, rows,
+           vec_size, distances);
+  });
 }
 
 /// distances[t*words.count + v] = distance between word v and row t.  Neither is empty.

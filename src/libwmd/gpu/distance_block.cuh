@@ -18,6 +18,14 @@
 namespace talvik::internal {
 namespace {
 
+// What finds words and query rows of one embedding.  As given: before any scaling to unit length.
+// The words' rows are scaled in the caller's array, so query rows may be copies of either.
+struct EmbeddingHashes {
+  std::vector<RowHash> word, scaled_word;  // per vocabulary word; scaled: with normalisation only
+  std::vector<RowHash> entry;              // per query entry, of its row as given
+  std::vector<int> row_of_entry;           // per query entry, a number that equal rows share
+};
+
 // One computation: what is asked for, and what it holds meanwhile.
 struct GpuBlock {
   float* Z;         // host, num_docs2 x num_docs
@@ -25,6 +33,7 @@ struct GpuBlock {
   bool precompute;  // distances from D_ground_dev
   GpuBudget budget;
   DistinctRows rows;  // one row per distinct query row in vector form, none in index form
+  const EmbeddingHashes& hashes;  // vector form
 
   DenseLibrary dense = {};
   SparseLibrary sparse = {};
@@ -43,6 +52,8 @@ struct GpuBlock {
   DeviceArray<int> entry_of_row_dev = {};  // rows.entry_of_row
   DeviceArray<float> X_rows_dev = {};      // distinct rows of a pass, vec_size each
   DeviceArray<float> Rn_rows_dev = {};     // their squared norms; without normalisation only
+
+  DeviceArray<EqualRows> equal_rows_dev = {};  // words and rows of a pass that may be equal
 };
 
 // The kernels that keep one number of nearest entries.
@@ -144,11 +155,38 @@ DeviceRows rows_of_pass(GpuBlock& block, const RowPass& pass) {
   return rows;
 }
 
+// Candidates: words and rows of the pass whose hashes are equal.
+std::vector<EqualRows> find_equal_rows(const GpuBlock& block, const RowPass& pass) {
+  std::vector<RowHash> row_hash;
+  for (int r = pass.first_row; r < pass.last_row; ++r) {
+    row_hash.push_back(block.hashes.entry[block.rows.entry_of_row[r]]);
+  }
+  std::vector<EqualRows> pairs = find_equal_hashes(block.hashes.word, row_hash);
+  const std::vector<EqualRows> more = find_equal_hashes(block.hashes.scaled_word, row_hash);
+  pairs.insert(pairs.end(), more.begin(), more.end());
+  const auto key = [](const EqualRows& pair) { return std::pair(pair.word, pair.row); };
+  std::ranges::sort(pairs, {}, key);
+  const auto twice = std::ranges::unique(pairs, {}, key);
+  pairs.erase(twice.begin(), twice.end());
+  return pairs;
+}
+
+void set_known_distances(GpuBlock& block, const RowPass& pass, const DeviceRows& words,
+                         const DeviceRows& rows) {
+  const std::vector<EqualRows> pairs = find_equal_rows(block, pass);
+  if (pairs.empty()) return;
+  const int count = static_cast<int>(pairs.size());
+  block.equal_rows_dev = upload(pairs.data(), count, "equal_rows");
+  set_distances_of_equal_rows(words, rows, block.equal_rows_dev.get(), count, block.Y_dev.get());
+}
+
 // Y_dev[t*voc_size + v] = distance between vocabulary word v and distinct row t of the pass.
 void compute_rows(GpuBlock& block, const RowPass& pass) {
   if (pass.first_row == pass.last_row) return;
   const DeviceRows vocabulary{voc_size, W_dev, RW_dev};
-  compute_word_distances(block.dense, vocabulary, rows_of_pass(block, pass), block.Y_dev.get());
+  const DeviceRows rows = rows_of_pass(block, pass);
+  compute_word_distances(block.dense, vocabulary, rows, block.Y_dev.get());
+  set_known_distances(block, pass, vocabulary, rows);
 }
 
 EntryDistances entry_distances(const GpuBlock& block) {
@@ -264,9 +302,9 @@ void run_sections(GpuBlock& block) {
   }
 }
 
-// Z of the batch held, by the state of the engine.  Row ids as in plan_rows.
+// Z of the batch held, by the state of the engine.
 void compute_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget,
-                   const std::vector<int>& row_ids) {
+                   const EmbeddingHashes& hashes) {
   // Nothing to launch, and nothing to pay for, where no resident document has an entry.
   if (num_docs2 <= 0 || num_docs <= 0) return;
   if (num_vecs <= 0) {
@@ -278,7 +316,8 @@ void compute_block(float* Z, int delta_iterations, bool precompute, const GpuBud
                  .steps = delta_iterations,
                  .precompute = precompute,
                  .budget = budget,
-                 .rows = plan_rows(precompute, budget, row_ids)};
+                 .rows = plan_rows(precompute, budget, hashes.row_of_entry),
+                 .hashes = hashes};
   allocate_buffers(block);
   run_sections(block);
   require_launched();

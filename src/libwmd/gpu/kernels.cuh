@@ -71,6 +71,13 @@ struct EntryDistances {
   }
 };
 
+/// Embedding rows in device memory.
+struct DeviceRows {
+  int count;
+  float* values;  ///< count x vec_size
+  float* norms;   ///< squared; null if normalize_embeddings
+};
+
 /// Per column, the nearest entries: the r-th stands at r*cols + c, its weight likewise.
 struct NearestEntries {
   float* distances;
@@ -150,6 +157,13 @@ struct c_to_e {
   }
 };
 
+/// Cosine distance of two words of unit length from their dot product.
+struct unit_cosine {
+  TALVIK_BOTH float operator()(float x) const {
+    return internal::word_distance<internal::Metric::unit_cosine>(x, 0, 0);
+  }
+};
+
 /// D[r][c] = 1 - D[r][c].  Row-block launch.
 __global__ void cos_to_dist(int rows, int cols, float* D) {
   const int r = internal::row_of_block();
@@ -209,6 +223,37 @@ __global__ void update_weights_delta_multi(int num_docs, float* weight_in, int* 
     weight_updated[p] = left - moved;
   }
 }
+
+namespace internal {
+
+/// Whether a word's row and a query row are one embedding: the same floats, or such as have been
+/// scaled to unit length once more.  A row without a direction equals none.
+inline __device__ bool are_equal(const float* word, const float* row, int m) {
+  constexpr float rounding = 1e-6f;
+  bool zero = true;
+  for (int j = 0; j < m; ++j) {
+    if (!(std::fabs(row[j] - word[j]) <= rounding * std::fabs(word[j]))) return false;
+    if (word[j] != 0) zero = false;
+  }
+  return !zero;
+}
+
+/// D[row][word] = the distance of equal rows, for all pairs whose rows are: a word that stands in a
+/// document is at distance 0, however the product has been rounded.  Column launch, a pair each.
+/// @param pairs  null: word i and row i
+template <Metric metric>
+__global__ void set_equal_rows(int count, const EqualRows* pairs, DeviceRows words, DeviceRows rows,
+                               int m, float* D) {
+  const int i = column_of_thread();
+  if (i >= count) return;
+  const auto [word, row] = pairs ? pairs[i] : EqualRows{i, i};
+  if (!are_equal(words.values + row_offset(word, m), rows.values + row_offset(row, m), m)) return;
+  const float norm = words.norms ? words.norms[word] : 1;
+  if (!has_direction(norm)) return;
+  D[row_offset(row, words.count) + word] = distance_to_itself<metric>(norm, words.norms == nullptr);
+}
+
+}  // namespace internal
 
 /// dst[r] = src[row_ind[r]], rows of cols floats.  Row-block launch.
 __global__ void gather_matrix_rows(int rows, int cols, float* src, int* row_ind, float* dst) {
