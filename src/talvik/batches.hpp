@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "internal/guard.hpp"
 #include "talvik.hpp"
 #include "talvik/batch_sizes.hpp"
 #include "talvik/result_file.hpp"
@@ -72,8 +73,16 @@ void require_labels(const char* role, const LabelList& labels, int num_docs);
 /// Ends the process if there is no distribution info or it splits another number of documents.
 void require_split_of(int num_docs);
 
+/// Drops the split at the end of the scope if there is none now.  A run dismisses it once it has
+/// succeeded, so that a run that throws leaves no split of its own behind.
+inline auto guard_new_split() {
+  return Guard([had_split = grp_start != nullptr] {
+    if (!had_split) cleanup_distribution_info();
+  });
+}
+
 /// Loads resident documents first .. first+count-1 into the engine and, unless the run has ground
-/// distances, the words that they use.
+/// distances, the words that they use.  Holds nothing if it throws.
 /// @return the result of the init step
 int load_resident_documents(const RunParameters& run, const DocumentSet& docs, int first,
                             int count);

@@ -47,6 +47,7 @@ BatchPlan own_plan(const RunParameters& run, int num_resident) {
 int query(const RunParameters& run, int num_resident, const LabelList& resident_labels,
           const LabelledDocuments& queries, float* D_max) {
   require_documents("query", queries.docs, queries.num_docs);
+  auto new_split = guard_new_split();
   if (!grp_start) load_balancing(queries.docs, queries.num_docs, queries.num_words);
   require_split_of(queries.num_docs);
   const int k = run.compute_topk ? list_length(run.k, num_resident) : 0;
@@ -70,6 +71,7 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
     return lists;
   });
   if (file) close_result_file(std::move(*file));
+  new_split.dismiss();
   return 0;
 }
 
@@ -78,8 +80,8 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
 int scale_out_run(const RunParameters& run, const LabelledDocuments& resident,
                   const LabelledDocuments& queries, float* D_max) {
   init(run, resident.docs, resident.num_docs);
+  const Guard release([&] { release_resident_documents(run); });
   query(run, resident.num_docs, resident.labels, queries, D_max);
-  release_resident_documents(run);
   return 0;
 }
 

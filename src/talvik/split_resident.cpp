@@ -19,9 +19,12 @@ namespace {
 int init(const RunParameters& run, const DocumentSet& docs, int num_docs, int num_words) {
   ensure_process_group();
   require_documents("resident", docs, num_docs);
+  auto new_split = guard_new_split();
   if (!grp_start) load_balancing(docs, num_docs, num_words);
   require_split_of(num_docs);
-  return load_resident_documents(run, docs, grp_start[myid], grp_length[myid]);
+  const int result = load_resident_documents(run, docs, grp_start[myid], grp_length[myid]);
+  new_split.dismiss();
+  return result;
 }
 
 // The batch size of every process, so that all merge the same queries at the same time: bounded by
@@ -64,11 +67,13 @@ float* allocate_matrix(std::size_t bytes) {
 int query_matrix(const RunParameters& run, const LabelledDocuments& queries, const BatchPlan& plan,
                  float** D_out) {
   const std::size_t bytes = elements(plan.num_resident, queries.num_docs) * sizeof(float);
+  auto matrix = guard_matrix(D_out);
   *D_out = allocate_matrix(bytes);
   run_batches(run, queries, plan, [&](const DistanceBlock& block) {
     transpose_block(block, plan.num_resident, queries.num_docs, *D_out);
     return NeighbourLists{};
   });
+  matrix.dismiss();
   return static_cast<int>(bytes);
 }
 
@@ -110,9 +115,11 @@ int query(const RunParameters& run, int num_resident_docs, const LabelList& resi
 
 int split_resident_run(const RunParameters& run, const LabelledDocuments& resident,
                        const LabelledDocuments& queries, float** D_out) {
+  auto new_split = guard_new_split();
   init(run, resident.docs, resident.num_docs, resident.num_words);
+  const Guard release([&] { release_resident_documents(run); });
   query(run, resident.num_docs, resident.labels, queries, D_out);
-  release_resident_documents(run);
+  new_split.dismiss();
   return 0;
 }
 
