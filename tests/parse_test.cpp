@@ -36,6 +36,8 @@ TEST(WholeFiles, ArriveWithEveryByteOrLeaveTheOutputsAlone) {
     EXPECT_EQ(std::string(buffer, bytes.size() + 1), bytes + '\0');
     if (buffer != before) delete[] buffer;
   }
+  std::string text;
+  EXPECT_EQ(ReadFileIntoString(nullptr, text, true), 0);
 }
 
 TEST(Normalisation, WeightsSumToTheTarget) {

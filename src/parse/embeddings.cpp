@@ -37,6 +37,7 @@ std::unique_ptr<float[]> allocate_vectors(const internal::EmbeddingHeader& heade
 
 /// A file that cannot be created is no failure: the caller still gets the vectors.
 void write_words(const std::vector<std::string_view>& words, const char* vocabulary_file) {
+  if (!vocabulary_file) return;
   std::ofstream file(vocabulary_file, std::ios::trunc);
   for (const std::string_view word : words) file << word << '\n';
 }

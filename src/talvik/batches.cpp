@@ -43,8 +43,8 @@ void require_known_words(const RunParameters& run, const DocumentSet& docs, int 
 
 // A batch as flat arrays, in vector form or in index form.
 struct BatchArrays {
-  std::unique_ptr<int[]> start, ind;
-  std::unique_ptr<float[]> weight, X;
+  std::unique_ptr<int[]> start = {}, ind = {};
+  std::unique_ptr<float[]> weight = {}, X = {};
 };
 
 // Loads a batch in the form that the run's word distances need.
@@ -60,7 +60,7 @@ BatchArrays load_batch(const RunParameters& run, const DocumentSet& docs, int fi
     setup_raw_data(docs, first, count, batch.ind.get(), start, weight);
     load_batch_indices(run.use_gpu, entries, batch.ind.get(), weight, count, start);
   } else {
-    const Index floats = elements(entries, std::max(run.vec_size, 0));
+    const Index floats = elements(entries, run.vec_size);
     batch.X = new_floats(floats);
     begin_on_large_pages(batch.X.get(), floats * sizeof(float));
     setup_vectors(run.embeddings, run.vec_size, docs, first, count, batch.X.get(), start, weight);
