@@ -12,6 +12,7 @@
 #include "internal/index.hpp"
 #include "internal/large_pages.hpp"
 #include "internal/team.hpp"
+#include "libwmd/attached_words.hpp"
 #include "libwmd/cpu/cache_line.hpp"
 #include "libwmd/cpu/distance_block.hpp"
 #include "libwmd/cpu/ground_distances.hpp"
@@ -292,6 +293,8 @@ int remove_ground_distances_cpu() {
   host::D_ground = nullptr;
   return 1;
 }
+
+int internal::attached_words_cpu() { return host::D_ground ? host::voc_size : 0; }
 
 int compute_ground_distances_cpu(float* D_ground) {
   const Index pairs = elements(host::voc_size, host::voc_size);

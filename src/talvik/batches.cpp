@@ -9,6 +9,7 @@
 #include "internal/guard.hpp"
 #include "internal/index.hpp"
 #include "internal/large_pages.hpp"
+#include "libmpi/abort_job.hpp"
 #include "talvik/collections.hpp"
 #include "talvik/compress.hpp"
 #include "talvik/engine.hpp"
@@ -16,10 +17,9 @@
 namespace talvik::internal {
 namespace {
 
-void require_count(const std::string& what, Index present, int announced) {
-  if (announced >= 0 && present >= announced) return;
-  fail("The " + what + ": " + std::to_string(announced) + " announced, " + std::to_string(present) +
-       " present");
+std::string mismatch(const std::string& what, Index present, int announced) {
+  return "The " + what + ": " + std::to_string(announced) + " announced, " +
+         std::to_string(present) + " present";
 }
 
 // Uninitialised, since the conversions fill all of it.
@@ -33,10 +33,11 @@ std::unique_ptr<float[]> new_floats(Index count) {
 
 // Words that index an embedding or ground-distance matrix must lie inside it.
 void require_known_words(const RunParameters& run, const DocumentSet& docs, int first, int count) {
-  if (run.voc_size < 1) return;  // a query step is not told the size
+  const int voc_size = run.precompute ? attached_words(run.use_gpu) : run.voc_size;
+  if (voc_size < 1) return;  // not known: the matrix may come later; a query step is not told
   for (int d = first; d < first + count; ++d) {
     for (const auto& entry : docs[d]) {
-      if (Index{entry.first} >= run.voc_size) fail_unknown_word(entry.first, run.voc_size);
+      if (Index{entry.first} >= voc_size) fail_unknown_word(entry.first, voc_size);
     }
   }
 }
@@ -95,17 +96,23 @@ void ensure_process_group() {
 }
 
 void require_documents(const char* role, const DocumentSet& docs, int num_docs) {
-  require_count(std::string(role) + " collection's documents", std::ssize(docs), num_docs);
+  if (num_docs >= 0 && std::ssize(docs) >= num_docs) return;
+  fail(mismatch(std::string(role) + " collection's documents", std::ssize(docs), num_docs));
 }
 
 void require_labels(const char* role, const LabelList& labels, int num_docs) {
-  require_count(std::string(role) + " collection's labels", std::ssize(labels), num_docs);
+  if (std::ssize(labels) >= num_docs) return;
+  abort_job(mismatch(std::string(role) + " collection's labels", std::ssize(labels), num_docs));
+}
+
+int documents_split() {
+  if (!grp_start) fail("There is no distribution info: the init step has not run");
+  const int last = num_procs - 1;
+  return grp_start[last] + grp_length[last];
 }
 
 void require_split_of(int num_docs) {
-  if (!grp_start) fail("There is no distribution info: the init step has not run");
-  const int last = num_procs - 1;
-  const int split = grp_start[last] + grp_length[last];
+  const int split = documents_split();
   if (split == num_docs) return;
   fail("The distribution info splits " + std::to_string(split) + " documents, not the " +
        std::to_string(num_docs) + " of this run: call cleanup_distribution_info first");

@@ -21,7 +21,7 @@ struct CompressedVocabulary {
   std::unique_ptr<float[]> embeddings;  ///< voc_size x vec_size, never null
 };
 
-[[noreturn]] inline void fail_unknown_word(std::size_t word, int voc_size) {
+[[noreturn]] inline void fail_unknown_word(unsigned word, int voc_size) {
   fail("A document holds word " + std::to_string(word) + ", but the vocabulary has " +
        std::to_string(voc_size) + " words");
 }
@@ -37,7 +37,7 @@ CompressedVocabulary compress_words(int voc_size, const float* embeddings, int v
   if (voc_size < 0) throw std::bad_array_new_length();
   std::vector<int> new_number(voc_size, unused);
   visit_words([&](auto& word) {
-    const std::size_t index = word;  // unsigned: a negative word is unknown, too
+    const auto index = static_cast<unsigned>(word);  // as documents hold it
     if (index >= new_number.size()) fail_unknown_word(index, voc_size);
     new_number[index] = used;
   });

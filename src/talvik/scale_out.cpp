@@ -19,6 +19,7 @@ int init(const RunParameters& run, const DocumentSet& docs, int num_docs) {
 }
 
 std::string own_result_path(const RunParameters& run) {
+  if (!run.output_file) return result_path(run);
   return result_path(run) + ".thread" + std::to_string(local_id) + "-" + std::to_string(myid);
 }
 
@@ -55,8 +56,10 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
 
   std::optional<ResultFile> file;
   if (run.compute_topk) {
-    require_labels("resident", resident_labels, num_resident);
-    require_labels("query", queries.labels, queries.num_docs);
+    if (k > 0 && plan.num_queries > 0) {
+      require_labels("resident", resident_labels, num_resident);
+      require_labels("query", queries.labels, queries.num_docs);
+    }
     file = open_result_file(own_result_path(run));
   }
   const ListBuffers buffers = allocate_lists(plan.batch, k);
