@@ -636,8 +636,9 @@ TALVIK_API void L1norm(DocumentSet& docs, double scale);
 TALVIK_API void swap_word(unsigned char* word);
 
 /// Reads an embedding file: two decimal integers (records, floats per vector), then per record an
-/// optional newline, the word, one space and the vector as little-endian 32-bit floats.  Rows are
-/// scaled to unit length; a zero row stays zero.
+/// optional newline, the word, one space and the vector as little-endian 32-bit floats.  Every
+/// newline takes the first byte off the word: the one in front, and in a file with carriage returns
+/// "\r" instead.  Rows are scaled to unit length; a zero row stays zero.
 /// @param path             the file
 /// @param write_vocabulary true: the words are written to vocabulary_file, one per line, and voc
 ///                         stays as it is; false: they are added to voc
@@ -645,8 +646,9 @@ TALVIK_API void swap_word(unsigned char* word);
 /// @param[in,out] voc      a new word gets the map's size as its index
 /// @param[out] vectors     new voc_size x vec_size array in file order, released with delete[]
 /// @param[out] vec_size,voc_size the header's values
-/// @return false, with nothing stored, if the file cannot be read, its header is not two integers
-///         or it is shorter than its header says (the last two with a line on standard output)
+/// @return false if the file cannot be read, its header is not two integers or it is shorter than
+///         its header says (the last two with a line on standard output); nothing is stored then
+///         but, in the last case, the header's values
 TALVIK_API bool parse_embedding_file(const char* path, bool write_vocabulary,
                                      const char* vocabulary_file, VocabularyMap& voc,
                                      float** vectors, long long& vec_size, long long& voc_size);

@@ -1,8 +1,11 @@
 // Ranges of documents as flat arrays, vocabularies shrunk to them, and the split over processes.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
+#include <new>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 #include "talvik.hpp"
@@ -63,7 +66,36 @@ TEST(Compression, KeepsTheOrderOfTheWordsAndTheDocumentsOutsideTheRanges) {
   EXPECT_EQ(std::vector<float>(rows, rows + 8), (std::vector<float>{2, 3, 4, 5, 14, 15, 18, 19}));
   EXPECT_EQ(words_of(docs1), (std::vector<unsigned>{9, 2, 1, 9, 7, 1}));
   EXPECT_EQ(words_of(docs2), (std::vector<unsigned>{9, 7, 2, 3, 2, 0}));
+
+  // A vocabulary without words is an empty one; one of fewer cannot be.
+  EXPECT_EQ(compress_vocabulary(0, nullptr, &size, &rows, 2, docs, 2, 1), 1);
+  owner.reset(rows);
+  EXPECT_TRUE(size == 0 && rows != nullptr);
+  for (const auto& [voc_size, vec_size] : {std::pair{-1, 2}, {10, -2}}) {
+    EXPECT_THROW(
+        compress_vocabulary(voc_size, embeddings.data(), &size, &rows, vec_size, docs, 1, 2),
+        std::bad_array_new_length);
+  }
   EXPECT_FALSE(use_cosine) << "the metric is the host program's choice";
+}
+
+TEST(Copies, NegativeCountsRaiseTheArrayLengthException) {
+  using Raised = std::bad_array_new_length;
+  int ints[3] = {0, 1, 2};
+  float floats[4] = {};
+  for (const auto& [n, m, docs] : {std::array{-1, 2, 2}, {2, -1, 2}, {2, 2, -2}}) {
+    EXPECT_THROW(copy_vectors2_cpu(n, m, floats, floats, docs, ints), Raised);
+    if (docs > 0) {
+      EXPECT_THROW(copy_vocabulary_cpu(n, m, floats), Raised);
+    }
+    if (m > 0) {
+      EXPECT_THROW(copy_raw_data_cpu(n, ints, floats, docs, ints), Raised);
+      EXPECT_THROW(copy_raw_data2_cpu(n, ints, floats, docs, ints), Raised);
+    }
+  }
+  EXPECT_EQ(copy_vectors2_cpu(0, -1, nullptr, nullptr, 0, ints), 1);
+  remove_raw_data_cpu();
+  update_weights_delta(floats, floats, floats, floats);  // nothing is loaded, nothing is done
 }
 
 struct SplitCase {

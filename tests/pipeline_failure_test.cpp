@@ -27,6 +27,14 @@ void split_resident(const char* output_file) {
                  test::count_entries(world.queries), &D, true, output_file, false);
 }
 
+void scale_out(const char* output_file) {
+  std::vector<float> D_max(9 * 12);
+  rwmd2_scaleout_wrapper(50, world.embeddings.data(), 5, 3, 0, false, world.resident,
+                         world.resident_labels, 12, test::count_entries(world.resident),
+                         world.queries, world.query_labels, 9, test::count_entries(world.queries),
+                         D_max.data(), true, output_file, false);
+}
+
 // Process 0 is said to hold 2^30 documents, so that the matrix is larger than any address space.
 void ask_for_a_huge_matrix() {
   constexpr int num_docs = 1 << 30, num_queries = 1 << 17;
@@ -57,13 +65,8 @@ const std::vector<Failure> failures{
     {2, "Failed to open result file: /nonexistent/out.csv",
      [] { split_resident("/nonexistent/out.csv"); }},
     {2, "Failed to open result file: /nonexistent/out.csv.thread0-0",
-     [] {
-       std::vector<float> D_max(9 * 12);
-       rwmd2_scaleout_wrapper(
-           50, world.embeddings.data(), 5, 3, 0, false, world.resident, world.resident_labels, 12,
-           test::count_entries(world.resident), world.queries, world.query_labels, 9,
-           test::count_entries(world.queries), D_max.data(), true, "/nonexistent/out.csv", false);
-     }},
+     [] { scale_out("/nonexistent/out.csv"); }},
+    {1, "Failed to open result file: ", [] { scale_out(nullptr); }},
     {2, "Failed to write result file: /dev/full", [] { split_resident("/dev/full"); }},
     {2, "Failed to allocate memory for D_trans: 562949953421312", ask_for_a_huge_matrix},
     {2, "sort_cpu_parallel: k is 13, but all processes together hold 12 resident documents",
@@ -78,16 +81,22 @@ const std::vector<Failure> failures{
      }},
     {1, "A document holds word 50, but the vocabulary has 50 words",
      [] { world.resident[0][0].first = 50, split_resident("/dev/null"); }},
+    {1, "A document holds word 4294967295, but the vocabulary has 50 words",
+     [] { world.resident[1][0].first = -1u, split_resident("/dev/null"); }},
     {1, "A document holds word 51, but the vocabulary has 50 words",
      [] { world.queries.back().back().first = 51, split_resident("/dev/null"); }},
+    // The attached matrix decides, whatever vocabulary is announced.
     {1, "A document holds word 1, but the vocabulary has 1 words",
      [] {
        float ground = 0, *D = nullptr;
-       remd2_twoway_ground(1, &ground, 1, 0, {{{1, 1.f}}}, {1}, {{{0, 1.f}}}, {1}, &D, false,
-                           nullptr, false);
+       copy_ground_distances_cpu(1, &ground);
+       rwmd2_parallel_init(2, nullptr, 0, true, {{{0, 1.f}}}, {1}, 1, 1, false);
+       rwmd2_parallel_query(nullptr, 0, 1, 0, true, 1, {}, {{{1, 1.f}}}, {}, 1, 1, &D, false,
+                            nullptr, false);
      }},
-    {1, "The resident collection's labels: 12 announced, 11 present",
-     [] { world.resident_labels.pop_back(), split_resident("/dev/null"); }}};
+    // Process 0 alone writes lists.
+    {2, "The resident collection's labels: 12 announced, 11 present",
+     [] { world.resident_labels.resize(myid == 0 ? 11 : 0), split_resident("/dev/null"); }}};
 
 class PipelineFailure : public testing::TestWithParam<size_t> {};
 

@@ -176,7 +176,7 @@ TEST(EmbeddingInput, EveryDefectIsNamedWithItsPlace) {
       {embedding_bytes({{"cat", {1, 2}}, {"cat", {3, 4}}}),
        "records 1 and 2 are of the same word 'cat'"},
       {shorter,
-       "the word of record 2, '\\x00\\x00\uFFFD>\\x0adog', holds a line break (a wrong header?)"},
+       "the word of record 2, '\\x00\uFFFD>\\x0adog', holds a line break (a wrong header?)"},
       {embedding_bytes({{"cat", {1, 1e20f}}}),
        "the values of record 1, word 'cat', are implausible (magnitude 1e+20): the floats must be "
        "little-endian"},

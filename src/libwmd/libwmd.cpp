@@ -2,7 +2,7 @@
 // on plain pointers and counts is in src/libwmd/cpu; no other file names the state below.
 #include <algorithm>
 #include <memory>
-#include <new>  // nothrow
+#include <new>  // nothrow, bad_array_new_length
 #include <string>
 #include <tuple>  // tie
 #include <utility>
@@ -12,6 +12,7 @@
 #include "internal/index.hpp"
 #include "internal/large_pages.hpp"
 #include "internal/team.hpp"
+#include "libwmd/attached_words.hpp"
 #include "libwmd/cpu/cache_line.hpp"
 #include "libwmd/cpu/distance_block.hpp"
 #include "libwmd/cpu/ground_distances.hpp"
@@ -79,6 +80,11 @@ Array<T> new_array(Index count) {
   return Array<T>(new T[count]);
 }
 
+// A negative count stays negative.
+Index padded_to_line(Index count) {
+  return count < 0 ? count : internal::round_up(count, internal::line_floats);
+}
+
 template <class T>
 Array<T> copy_of(const T* from, Index count) {
   Array<T> copy = new_array<T>(count);
@@ -86,7 +92,8 @@ Array<T> copy_of(const T* from, Index count) {
   return copy;
 }
 
-// Copies a large matrix in parallel.
+// Copies a large matrix in parallel.  Rows of a negative length raise the exception unless there
+// are none.
 Array<float> copy_of_rows(const float* from, int rows, int m) {
   Array<float> copy = new_array<float>(elements(rows, m));
   internal::begin_on_large_pages(copy.get(), elements(rows, m) * sizeof(float));
@@ -130,6 +137,7 @@ void copy_query_documents(int n2, const float* weight2, int num_docs2, const int
 }
 
 internal::DistinctRows distinct_rows_of(const void* rows, Index row_bytes) {
+  if (host::num_docs2 < 0) return {};  // no offsets
   const int max_rows = internal::rows_per_pass(internal::EngineBudget{}, num_cpu_threads);
   return internal::find_distinct_rows(rows, row_bytes, host::start2.get(), host::num_docs2,
                                       max_rows, num_cpu_threads);
@@ -230,8 +238,8 @@ int copy_vocabulary_cpu(int v_size, int m, float* W) {
   remove_vocabulary_cpu();
   host::voc_size = v_size;
   host::vec_size = m;
+  host::RW = new_array<float>(padded_to_line(v_size));
   host::W = copy_of_rows(W, v_size, m);
-  host::RW = new_array<float>(internal::round_up(v_size, internal::line_floats));
   internal::norm_and_normalise(host::W.get(), v_size, m, host::RW.get(), normalize_embeddings,
                                num_cpu_threads);
   host::W_is_unit = normalize_embeddings;
@@ -264,6 +272,7 @@ int remove_raw_data2_cpu() {
 int copy_vectors2_cpu(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
   remove_vectors2_cpu();
   copy_query_documents(n2, weight2, num_docs2_, start2_);
+  if (elements(n2, m) < 0) throw std::bad_array_new_length();
   host::distinct2 = distinct_rows_of(X2, elements(m, sizeof(float)));
   const std::vector<int>& entry_of_row = host::distinct2.entry_of_row;
   const int rows = static_cast<int>(entry_of_row.size());
@@ -296,6 +305,8 @@ int remove_ground_distances_cpu() {
   host::D_ground = nullptr;
   return 1;
 }
+
+int internal::attached_words_cpu() { return host::D_ground ? host::voc_size : 0; }
 
 int compute_ground_distances_cpu(float* D_ground) {
   const Index pairs = elements(host::voc_size, host::voc_size);
@@ -392,6 +403,7 @@ int topk_single(int k, int rows, int cols, float* values, float* values_k, float
 
 void update_weights_delta(float* weight_in, float* weights_min, float* weight_updated,
                           float* weight_delta) {
+  if (!host::start) return;  // nothing is loaded
   internal::for_each_share(num_cpu_threads, host::num_docs, [&](int first, int last, int) {
     for (int p = host::start[first]; p < host::start[last]; ++p) {
       const float a = weight_in[p];

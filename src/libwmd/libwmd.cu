@@ -1,5 +1,6 @@
 // GPU engine: the data on the device, and the exported functions over them.  Compiled by the CUDA
 // compiler, or by the host compiler against the stand-in of platform/.
+#include <algorithm>
 #include <limits>
 #include <memory>
 #include <string>
@@ -76,10 +77,11 @@ float* hold_norms(DeviceArray<float>& owner, const float* norms, int count, cons
   return normalize_embeddings ? nullptr : hold(owner, norms, count, name);
 }
 
-// The squared norms of rows as they came; normalises the rows in place if that is set.
+// The squared norms of rows as they came, 0 for rows of a length below 1; normalises the rows in
+// place if that is set.
 std::unique_ptr<float[]> prepare_rows(float* rows, int num_rows, int m) {
   auto norms = std::make_unique_for_overwrite<float[]>(num_rows);
-  internal::norm_and_normalise(rows, num_rows, m, norms.get(), normalize_embeddings,
+  internal::norm_and_normalise(rows, num_rows, std::max(m, 0), norms.get(), normalize_embeddings,
                                num_cpu_threads);
   return norms;
 }
@@ -90,8 +92,8 @@ std::vector<internal::RowHash> hash_rows(const float* rows, int num_rows, int m)
 
 std::vector<int> number_rows(const float* rows, int m, const int* start, int count) {
   constexpr int no_limit = std::numeric_limits<int>::max();
-  return internal::find_distinct_rows(rows, elements(m, sizeof(float)), start, count, no_limit,
-                                      num_cpu_threads)
+  return internal::find_distinct_rows(rows, elements(std::max(m, 0), sizeof(float)), start, count,
+                                      no_limit, num_cpu_threads)
       .row_of_entry;
 }
 

@@ -52,14 +52,19 @@ EmbeddingHeader read_embedding_header(std::string_view file) {
 
 bool next_embedding_record(std::string_view file, const EmbeddingHeader& header, Index& at,
                            EmbeddingRecord& record) {
-  if (at < std::ssize(file) && file[at] == '\n') ++at;
-  const size_t space = file.find(' ', at);
-  if (space == std::string_view::npos) return false;
-  const std::string_view values = file.substr(space + 1);
-  if (std::ssize(values) / float_bytes < header.vec_size) return false;
-  record.word = file.substr(at, space - at);
-  record.vector = values.substr(0, header.vec_size * float_bytes);
-  at = static_cast<Index>(space) + 1 + std::ssize(record.vector);
+  const Index size = std::ssize(file);
+  Index begin = at, end = at;  // of the word
+  if (end < size && file[end] != ' ') {
+    do {
+      const Index length = end - begin + 1;
+      if (file[end] == '\n') ++begin;
+      end = begin + length;
+    } while (end < size && file[end] != ' ');
+  }
+  if (end >= size || (size - end - 1) / float_bytes < header.vec_size) return false;
+  record.word = file.substr(begin, end - begin);
+  record.vector = file.substr(end + 1, header.vec_size * float_bytes);
+  at = end + 1 + std::ssize(record.vector);
   return true;
 }
 

@@ -42,7 +42,10 @@ struct EmbeddingRecord {
   std::string_view vector;  ///< vec_size floats, at any alignment
 };
 
-/// Reads the record at `at` and moves `at` behind it.
+/// Reads the record at `at` and moves `at` behind it.  Its word ends at a space.  A newline moves
+/// the word's first byte forward by one and, with it, the byte that is looked at next, so that one
+/// in front of the word is dropped, and the byte behind a newline never ends the word.
+///   "\ncat "    the word "cat"      "\r\ncat "  the word "\ncat"      "\n x "  the word " x"
 /// @return false if the file ends within the record
 bool next_embedding_record(std::string_view file, const EmbeddingHeader& header, Index& at,
                            EmbeddingRecord& record);

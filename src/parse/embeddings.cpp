@@ -1,11 +1,11 @@
 // Readers of embedding files and of vocabulary files.
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "internal/failure.hpp"
 #include "parse/embedding_file.hpp"
@@ -24,8 +24,11 @@ void report_bad_file(const char* path, const std::string& fault) {
 /// The matrix that the header announces, uninitialised: a row takes no memory until it is written.
 /// A failed allocation ends the process.
 std::unique_ptr<float[]> allocate_vectors(const internal::EmbeddingHeader& header) {
+  // Compilers differ in what the expression below does for sizes beyond any array.
+  constexpr long long most_floats = std::numeric_limits<long long>::max() / internal::float_bytes;
   long long floats = 0;
-  if (__builtin_mul_overflow(header.num_records, header.vec_size, &floats)) {
+  if (__builtin_mul_overflow(header.num_records, header.vec_size, &floats) ||
+      floats > most_floats) {
     throw std::bad_array_new_length();
   }
   std::unique_ptr<float[]> vectors(new (std::nothrow) float[floats]);
@@ -33,12 +36,6 @@ std::unique_ptr<float[]> allocate_vectors(const internal::EmbeddingHeader& heade
   internal::fail("Failed to load the embedding vectors into a memory buffer (size: " +
                      std::to_string(floats) + " floats)",
                  no_memory_status);
-}
-
-/// A file that cannot be created is no failure: the caller still gets the vectors.
-void write_words(const std::vector<std::string_view>& words, const char* vocabulary_file) {
-  std::ofstream file(vocabulary_file, std::ios::trunc);
-  for (const std::string_view word : words) file << word << '\n';
 }
 
 /// Gives a new word the map's size as its index.
@@ -58,14 +55,12 @@ bool parse_embedding_file(const char* path, bool write_vocabulary, const char* v
     report_bad_file(path, "it does not begin with two counts");
     return false;
   }
+  vec_size = header.vec_size;
+  voc_size = header.num_records;
   std::unique_ptr<float[]> matrix = allocate_vectors(header);
-  std::vector<std::string_view> words;  // stored at the end, so that a short file changes nothing
+  // A first walk without effects, so that a short file leaves the vectors and the words alone.
   const internal::WalkedRecords walked =
-      internal::walk_embedding_records(text, header, [&](const internal::EmbeddingRecord& record) {
-        internal::copy_unit_vector(record.vector,
-                                   matrix.get() + std::ssize(words) * header.vec_size);
-        words.push_back(record.word);
-      });
+      internal::walk_embedding_records(text, header, [](const internal::EmbeddingRecord&) {});
   if (walked.count < header.num_records) {
     report_bad_file(path, "it announces " + std::to_string(header.num_records) + " words of " +
                               std::to_string(header.vec_size) + " floats and ends within word " +
@@ -73,14 +68,18 @@ bool parse_embedding_file(const char* path, bool write_vocabulary, const char* v
     return false;
   }
 
-  if (write_vocabulary) {
-    write_words(words, vocabulary_file);
-  } else {
-    for (const std::string_view word : words) add_word(word, voc);
-  }
   *vectors = matrix.release();
-  vec_size = header.vec_size;
-  voc_size = header.num_records;
+  std::ofstream
+      file;  // one that cannot be created is no failure: the caller still gets the vectors
+  if (write_vocabulary && vocabulary_file) file.open(vocabulary_file, std::ios::trunc);
+  internal::walk_embedding_records(text, header, [&](const internal::EmbeddingRecord& record) {
+    internal::copy_unit_vector(record.vector, *vectors + (record.number - 1) * header.vec_size);
+    if (!write_vocabulary) {
+      add_word(record.word, voc);
+    } else if (file.is_open()) {
+      file << record.word << '\n';
+    }
+  });
   return true;
 }
 

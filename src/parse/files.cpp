@@ -15,6 +15,7 @@ namespace {
 /// Opens a file for reading, positioned at its end.
 /// @return its size; 0 if it cannot be opened; 0 or less, after a line that says so, if it is empty
 long long open_at_end(const char* path, bool binary, std::ifstream& file) {
+  if (!path) return 0;
   // A directory opens like a file, with a size that means nothing.
   std::error_code ignored;
   if (std::filesystem::is_directory(path, ignored)) return 0;

@@ -32,7 +32,7 @@ static_assert(average_entries(10, 0) == 0 && average_entries(0, 10) == 0);
 /// Query documents per batch, so that neither the distance block nor the word vectors of an average
 /// batch exceed the budget; at least 1, whatever the sizes.
 /// @param num_queries       all query documents
-/// @param floats_per_row    resident documents, or the length of a neighbour list if that is larger
+/// @param floats_per_row    resident documents
 /// @param vector_floats     floats of the word vectors of an average query document; 0 if batches
 ///                          are passed without vectors
 constexpr int queries_per_batch(long long budget_floats, int num_queries, int floats_per_row,

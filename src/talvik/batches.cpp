@@ -6,8 +6,10 @@
 #include <string>
 
 #include "internal/failure.hpp"
+#include "internal/guard.hpp"
 #include "internal/index.hpp"
 #include "internal/large_pages.hpp"
+#include "libmpi/abort_job.hpp"
 #include "talvik/collections.hpp"
 #include "talvik/compress.hpp"
 #include "talvik/engine.hpp"
@@ -15,10 +17,9 @@
 namespace talvik::internal {
 namespace {
 
-void require_count(const std::string& what, Index present, int announced) {
-  if (announced >= 0 && present >= announced) return;
-  fail("The " + what + ": " + std::to_string(announced) + " announced, " + std::to_string(present) +
-       " present");
+std::string mismatch(const std::string& what, Index present, int announced) {
+  return "The " + what + ": " + std::to_string(announced) + " announced, " +
+         std::to_string(present) + " present";
 }
 
 // Uninitialised, since the conversions fill all of it.
@@ -32,42 +33,49 @@ std::unique_ptr<float[]> new_floats(Index count) {
 
 // Words that index an embedding or ground-distance matrix must lie inside it.
 void require_known_words(const RunParameters& run, const DocumentSet& docs, int first, int count) {
-  if (run.voc_size < 1) return;  // a query step is not told the size
+  const int voc_size = run.precompute ? attached_words(run.use_gpu) : run.voc_size;
+  if (voc_size < 1) return;  // not known: the matrix may come later; a query step is not told
   for (int d = first; d < first + count; ++d) {
     for (const auto& entry : docs[d]) {
-      if (Index{entry.first} >= run.voc_size) fail_unknown_word(entry.first, run.voc_size);
+      if (Index{entry.first} >= voc_size) fail_unknown_word(entry.first, voc_size);
     }
   }
 }
 
+// A batch as flat arrays, in vector form or in index form.
+struct BatchArrays {
+  std::unique_ptr<int[]> start = {}, ind = {};
+  std::unique_ptr<float[]> weight = {}, X = {};
+};
+
 // Loads a batch in the form that the run's word distances need.
-// @return the batch's offsets, which the engine may read until it releases the batch
-std::unique_ptr<int[]> load_batch(const RunParameters& run, const DocumentSet& docs, int first,
-                                  int count) {
+// @return the batch's arrays, which the engine may read until it releases the batch
+BatchArrays load_batch(const RunParameters& run, const DocumentSet& docs, int first, int count) {
   require_known_words(run, docs, first, count);
   const int entries = count_entries(docs, first, count);
-  auto start = new_ints(Index{count} + 1);
-  const auto weight = new_floats(entries);
+  BatchArrays batch{.start = new_ints(Index{count} + 1), .weight = new_floats(entries)};
+  int* const start = batch.start.get();
+  float* const weight = batch.weight.get();
   if (run.precompute) {
-    const auto ind = new_ints(entries);
-    setup_raw_data(docs, first, count, ind.get(), start.get(), weight.get());
-    load_batch_indices(run.use_gpu, entries, ind.get(), weight.get(), count, start.get());
+    batch.ind = new_ints(entries);
+    setup_raw_data(docs, first, count, batch.ind.get(), start, weight);
+    load_batch_indices(run.use_gpu, entries, batch.ind.get(), weight, count, start);
   } else {
-    const Index floats = elements(entries, std::max(run.vec_size, 0));
-    const auto X = new_floats(floats);
-    begin_on_large_pages(X.get(), floats * sizeof(float));
-    setup_vectors(run.embeddings, run.vec_size, docs, first, count, X.get(), start.get(),
-                  weight.get());
-    load_batch_vectors(run.use_gpu, entries, run.vec_size, X.get(), weight.get(), count,
-                       start.get());
+    const Index floats = elements(entries, run.vec_size);
+    batch.X = new_floats(floats);
+    begin_on_large_pages(batch.X.get(), floats * sizeof(float));
+    setup_vectors(run.embeddings, run.vec_size, docs, first, count, batch.X.get(), start, weight);
+    load_batch_vectors(run.use_gpu, entries, run.vec_size, batch.X.get(), weight, count, start);
   }
-  return start;
+  return batch;
 }
 
-void compute_batch(const RunParameters& run, const DocumentSet& docs, const DistanceBlock& block) {
-  const auto start = load_batch(run, docs, block.first_query, block.num_queries);
+BatchArrays compute_batch(const RunParameters& run, const DocumentSet& docs,
+                          const DistanceBlock& block) {
+  const Guard release([&] { release_batch(run.use_gpu, run.precompute); });
+  BatchArrays batch = load_batch(run, docs, block.first_query, block.num_queries);
   compute_block(run.use_gpu, block.Z, run.delta_iterations, run.precompute);
-  release_batch(run.use_gpu, run.precompute);
+  return batch;
 }
 
 void report_batch(const BatchPlan& plan, const DistanceBlock& block, const NeighbourLists& lists) {
@@ -88,17 +96,23 @@ void ensure_process_group() {
 }
 
 void require_documents(const char* role, const DocumentSet& docs, int num_docs) {
-  require_count(std::string(role) + " collection's documents", std::ssize(docs), num_docs);
+  if (num_docs >= 0 && std::ssize(docs) >= num_docs) return;
+  fail(mismatch(std::string(role) + " collection's documents", std::ssize(docs), num_docs));
 }
 
 void require_labels(const char* role, const LabelList& labels, int num_docs) {
-  require_count(std::string(role) + " collection's labels", std::ssize(labels), num_docs);
+  if (std::ssize(labels) >= num_docs) return;
+  abort_job(mismatch(std::string(role) + " collection's labels", std::ssize(labels), num_docs));
+}
+
+int documents_split() {
+  if (!grp_start) fail("There is no distribution info: the init step has not run");
+  const int last = num_procs - 1;
+  return grp_start[last] + grp_length[last];
 }
 
 void require_split_of(int num_docs) {
-  if (!grp_start) fail("There is no distribution info: the init step has not run");
-  const int last = num_procs - 1;
-  const int split = grp_start[last] + grp_length[last];
+  const int split = documents_split();
   if (split == num_docs) return;
   fail("The distribution info splits " + std::to_string(split) + " documents, not the " +
        std::to_string(num_docs) + " of this run: call cleanup_distribution_info first");
@@ -112,6 +126,7 @@ int load_resident_documents(const RunParameters& run, const DocumentSet& docs, i
   const auto weight = new_floats(entries);
   const auto start = new_ints(Index{count} + 1);
   setup_raw_data(docs, first, count, ind.get(), start.get(), weight.get());
+  Guard undo([&] { release_resident_documents(run); });
   if (!run.precompute) {
     // The flat copy is renumbered; the documents stay as they are.
     const auto compressed = compress_words(
@@ -119,7 +134,10 @@ int load_resident_documents(const RunParameters& run, const DocumentSet& docs, i
         [&](const auto& body) { std::for_each(ind.get(), ind.get() + entries, body); });
     load_vocabulary(run.use_gpu, compressed.voc_size, run.vec_size, compressed.embeddings.get());
   }
-  return load_resident(run.use_gpu, entries, ind.get(), weight.get(), count, start.get());
+  const int result =
+      load_resident(run.use_gpu, entries, ind.get(), weight.get(), count, start.get());
+  undo.dismiss();
+  return result;
 }
 
 int release_resident_documents(const RunParameters& run) {
@@ -149,7 +167,8 @@ void run_batches(const RunParameters& run, const LabelledDocuments& queries, con
   for (int q = plan.first_query; q < end; q += count) {
     count = std::min(end - q, plan.batch);
     const DistanceBlock block{q, count, Z.get()};
-    if (plan.num_resident > 0) compute_batch(run, queries.docs, block);
+    BatchArrays batch;  // the batch's arrays stay until it is reported
+    if (plan.num_resident > 0) batch = compute_batch(run, queries.docs, block);
     report_batch(plan, block, finish_block(block));
   }
 }

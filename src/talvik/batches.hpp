@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "internal/guard.hpp"
 #include "talvik.hpp"
 #include "talvik/batch_sizes.hpp"
 #include "talvik/result_file.hpp"
@@ -23,7 +24,7 @@ struct LabelledDocuments {
 
 /// The parameters of a run, as in the public functions.
 struct RunParameters {
-  int voc_size = 0;  ///< rows of the embedding or ground-distance matrix; 0 in a query step
+  int voc_size = 0;  ///< rows of the embedding matrix; 0 in a query step
   float* embeddings = nullptr;
   int vec_size = 0;
   int k = 0;
@@ -66,14 +67,26 @@ void ensure_process_group();
 /// Ends the process with a line naming `role` if the collection is shorter than its count says.
 void require_documents(const char* role, const DocumentSet& docs, int num_docs);
 
-/// The same check of a collection's labels, which top-k runs need.
+/// Ends the job with such a line if a collection has fewer labels than documents.  Only processes
+/// that write lists read labels, and the others may be waiting for them.
 void require_labels(const char* role, const LabelList& labels, int num_docs);
+
+/// Documents that the distribution info splits; ends the process if there is none.
+int documents_split();
 
 /// Ends the process if there is no distribution info or it splits another number of documents.
 void require_split_of(int num_docs);
 
+/// Drops the split at the end of the scope if there is none now.  A run dismisses it once it has
+/// succeeded, so that a run that throws leaves no split of its own behind.
+inline auto guard_new_split() {
+  return Guard([had_split = grp_start != nullptr] {
+    if (!had_split) cleanup_distribution_info();
+  });
+}
+
 /// Loads resident documents first .. first+count-1 into the engine and, unless the run has ground
-/// distances, the words that they use.
+/// distances, the words that they use.  Holds nothing if it throws.
 /// @return the result of the init step
 int load_resident_documents(const RunParameters& run, const DocumentSet& docs, int first,
                             int count);

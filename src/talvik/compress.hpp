@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,7 @@ struct CompressedVocabulary {
   std::unique_ptr<float[]> embeddings;  ///< voc_size x vec_size, never null
 };
 
-[[noreturn]] inline void fail_unknown_word(std::size_t word, int voc_size) {
+[[noreturn]] inline void fail_unknown_word(unsigned word, int voc_size) {
   fail("A document holds word " + std::to_string(word) + ", but the vocabulary has " +
        std::to_string(voc_size) + " words");
 }
@@ -33,11 +34,11 @@ template <class VisitWords>
 CompressedVocabulary compress_words(int voc_size, const float* embeddings, int vec_size,
                                     int threads, const VisitWords& visit_words) {
   constexpr int unused = -1, used = 0;
-  const int words = std::max(voc_size, 0);
-  std::vector<int> new_number(words, unused);
+  if (voc_size < 0) throw std::bad_array_new_length();
+  std::vector<int> new_number(voc_size, unused);
   visit_words([&](auto& word) {
-    const std::size_t index = word;  // unsigned: a negative word is unknown, too
-    if (index >= new_number.size()) fail_unknown_word(index, words);
+    const auto index = static_cast<unsigned>(word);  // as documents hold it
+    if (index >= new_number.size()) fail_unknown_word(index, voc_size);
     new_number[index] = used;
   });
 
@@ -47,10 +48,10 @@ CompressedVocabulary compress_words(int voc_size, const float* embeddings, int v
   }
 
   const int row_floats = std::max(vec_size, 0);
-  const Index floats = elements(count, row_floats);
+  const Index floats = elements(count, vec_size);  // negative: the array-length exception
   CompressedVocabulary result{count, std::make_unique_for_overwrite<float[]>(floats)};
   begin_on_large_pages(result.embeddings.get(), floats * sizeof(float));
-  for_each_share(threads, words, [&](int first, int last, int) {
+  for_each_share(threads, voc_size, [&](int first, int last, int) {
     for (int v = first; v < last; ++v) {
       if (new_number[v] == unused) continue;
       std::copy_n(embeddings + elements(v, row_floats), row_floats,

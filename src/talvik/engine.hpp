@@ -2,6 +2,7 @@
 #ifndef TALVIK_TALVIK_ENGINE_HPP
 #define TALVIK_TALVIK_ENGINE_HPP
 
+#include "libwmd/attached_words.hpp"
 #include "talvik.hpp"
 
 namespace talvik::internal {
@@ -77,6 +78,12 @@ inline void compute_ground(bool use_gpu, float* D_ground) {
 inline void attach_ground(bool use_gpu, int voc_size, float* D_ground) {
   const auto attach = use_gpu ? copy_ground_distances : copy_ground_distances_cpu;
   attach(voc_size, D_ground);
+}
+
+/// Words of the matrix that is attached; 0 if there is none.
+inline int attached_words(bool use_gpu) {
+  if (use_gpu) return D_ground_dev ? voc_size : 0;
+  return attached_words_cpu();
 }
 
 inline void detach_ground(bool use_gpu) {

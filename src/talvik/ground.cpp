@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "internal/guard.hpp"
 #include "internal/index.hpp"
 #include "talvik/engine.hpp"
 #include "talvik/pipelines.hpp"
@@ -14,10 +15,10 @@ namespace {
 // The distances between all pairs of words, voc_size x voc_size.
 std::unique_ptr<float[]> ground_distances(int voc_size, float* embeddings, int vec_size,
                                           bool use_gpu) {
+  const internal::Guard release([&] { internal::release_vocabulary(use_gpu); });
   internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings);
   auto D_ground = std::make_unique_for_overwrite<float[]>(internal::elements(voc_size, voc_size));
   internal::compute_ground(use_gpu, D_ground.get());
-  internal::release_vocabulary(use_gpu);
   return D_ground;
 }
 
@@ -45,18 +46,17 @@ int remd2_twoway_wrapper(int voc_size, float* embeddings, int vec_size, int k, i
 int remd2_twoway_ground(int voc_size, float* D_ground, int k, int delta_iterations,
                         DocumentSet docs1, LabelList labels1, DocumentSet docs2, LabelList labels2,
                         float** D_out, bool compute_topk, const char* output_file, bool use_gpu) {
+  const internal::Guard detach([&] { internal::detach_ground(use_gpu); });
   internal::attach_ground(use_gpu, voc_size, D_ground);
-  const int result = internal::two_way_run({.voc_size = voc_size,
-                                            .k = k,
-                                            .delta_iterations = delta_iterations,
-                                            .precompute = true,
-                                            .compute_topk = compute_topk,
-                                            .output_file = output_file,
-                                            .use_gpu = use_gpu},
-                                           internal::counted(docs1, labels1),
-                                           internal::counted(docs2, labels2), D_out);
-  internal::detach_ground(use_gpu);
-  return result;
+  return internal::two_way_run({.voc_size = voc_size,
+                                .k = k,
+                                .delta_iterations = delta_iterations,
+                                .precompute = true,
+                                .compute_topk = compute_topk,
+                                .output_file = output_file,
+                                .use_gpu = use_gpu},
+                               internal::counted(docs1, labels1), internal::counted(docs2, labels2),
+                               D_out);
 }
 
 }  // namespace talvik

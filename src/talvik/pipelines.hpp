@@ -3,9 +3,20 @@
 #ifndef TALVIK_TALVIK_PIPELINES_HPP
 #define TALVIK_TALVIK_PIPELINES_HPP
 
+#include <cstdlib>
+
 #include "talvik/batches.hpp"
 
 namespace talvik::internal {
+
+/// Frees the matrix in *D_out at the end of the scope and puts back what was there before.  A run
+/// dismisses it once it has succeeded.
+inline auto guard_matrix(float** D_out) {
+  return Guard([D_out, earlier = *D_out] {
+    if (*D_out != earlier) std::free(*D_out);
+    *D_out = earlier;
+  });
+}
 
 /// rwmd2_parallel; `run.budget_floats` bounds its batches.
 int split_resident_run(const RunParameters& run, const LabelledDocuments& resident,

@@ -19,6 +19,7 @@ int init(const RunParameters& run, const DocumentSet& docs, int num_docs) {
 }
 
 std::string own_result_path(const RunParameters& run) {
+  if (!run.output_file) return result_path(run);
   return result_path(run) + ".thread" + std::to_string(local_id) + "-" + std::to_string(myid);
 }
 
@@ -47,6 +48,7 @@ BatchPlan own_plan(const RunParameters& run, int num_resident) {
 int query(const RunParameters& run, int num_resident, const LabelList& resident_labels,
           const LabelledDocuments& queries, float* D_max) {
   require_documents("query", queries.docs, queries.num_docs);
+  auto new_split = guard_new_split();
   if (!grp_start) load_balancing(queries.docs, queries.num_docs, queries.num_words);
   require_split_of(queries.num_docs);
   const int k = run.compute_topk ? list_length(run.k, num_resident) : 0;
@@ -54,8 +56,10 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
 
   std::optional<ResultFile> file;
   if (run.compute_topk) {
-    require_labels("resident", resident_labels, num_resident);
-    require_labels("query", queries.labels, queries.num_docs);
+    if (k > 0 && plan.num_queries > 0) {
+      require_labels("resident", resident_labels, num_resident);
+      require_labels("query", queries.labels, queries.num_docs);
+    }
     file = open_result_file(own_result_path(run));
   }
   const ListBuffers buffers = allocate_lists(plan.batch, k);
@@ -70,6 +74,7 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
     return lists;
   });
   if (file) close_result_file(std::move(*file));
+  new_split.dismiss();
   return 0;
 }
 
@@ -78,8 +83,8 @@ int query(const RunParameters& run, int num_resident, const LabelList& resident_
 int scale_out_run(const RunParameters& run, const LabelledDocuments& resident,
                   const LabelledDocuments& queries, float* D_max) {
   init(run, resident.docs, resident.num_docs);
+  const Guard release([&] { release_resident_documents(run); });
   query(run, resident.num_docs, resident.labels, queries, D_max);
-  release_resident_documents(run);
   return 0;
 }
 

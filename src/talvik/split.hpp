@@ -1,8 +1,9 @@
 // The split of a collection into contiguous groups of documents: a pure function, so that a host
-// program can ask for a split without making it.
+// program can ask for a split without making it.  The split that is made, as an object.
 #ifndef TALVIK_TALVIK_SPLIT_HPP
 #define TALVIK_TALVIK_SPLIT_HPP
 
+#include <memory>
 #include <vector>
 
 #include "talvik.hpp"
@@ -47,6 +48,17 @@ inline std::vector<DocumentGroup> split_documents(const DocumentSet& docs, int d
   }
   return groups;
 }
+
+/// The arrays of the distribution info, all null if there is none.
+struct DistributionInfo {
+  std::unique_ptr<int[]> start, length, data_start, data_length;
+};
+
+/// Afterwards there is no distribution info.
+DistributionInfo take_distribution_info();
+
+/// Replaces the distribution info.
+void set_distribution_info(DistributionInfo info);
 
 }  // namespace talvik::internal
 

@@ -19,16 +19,19 @@ namespace {
 int init(const RunParameters& run, const DocumentSet& docs, int num_docs, int num_words) {
   ensure_process_group();
   require_documents("resident", docs, num_docs);
+  auto new_split = guard_new_split();
   if (!grp_start) load_balancing(docs, num_docs, num_words);
   require_split_of(num_docs);
-  return load_resident_documents(run, docs, grp_start[myid], grp_length[myid]);
+  const int result = load_resident_documents(run, docs, grp_start[myid], grp_length[myid]);
+  new_split.dismiss();
+  return result;
 }
 
 // The batch size of every process, so that all merge the same queries at the same time: bounded by
 // the largest group, whose size every process knows.
-int common_batch(const RunParameters& run, int k, const LabelledDocuments& queries) {
+int common_batch(const RunParameters& run, const LabelledDocuments& queries) {
   const int largest_group = *std::max_element(grp_length, grp_length + num_procs);
-  return queries_per_batch(run.budget_floats, queries.num_docs, std::max(largest_group, k),
+  return queries_per_batch(run.budget_floats, queries.num_docs, largest_group,
                            average_vector_floats(run, queries.num_words, queries.num_docs));
 }
 
@@ -64,18 +67,26 @@ float* allocate_matrix(std::size_t bytes) {
 int query_matrix(const RunParameters& run, const LabelledDocuments& queries, const BatchPlan& plan,
                  float** D_out) {
   const std::size_t bytes = elements(plan.num_resident, queries.num_docs) * sizeof(float);
+  auto matrix = guard_matrix(D_out);
   *D_out = allocate_matrix(bytes);
   run_batches(run, queries, plan, [&](const DistanceBlock& block) {
     transpose_block(block, plan.num_resident, queries.num_docs, *D_out);
     return NeighbourLists{};
   });
+  matrix.dismiss();
   return static_cast<int>(bytes);
 }
 
 int query_topk(const RunParameters& run, const LabelList& resident_labels,
                const LabelledDocuments& queries, const BatchPlan& plan, int k) {
   std::optional<ResultFile> file;
-  if (myid == 0) file = open_result_file(result_path(run));
+  if (myid == 0) {
+    if (k > 0) {
+      require_labels("resident", resident_labels, documents_split());
+      require_labels("query", queries.labels, queries.num_docs);
+    }
+    file = open_result_file(result_path(run));
+  }
   const ListBuffers buffers = allocate_lists(plan.batch, k);
   run_batches(run, queries, plan, [&](const DistanceBlock& block) {
     sort_cpu_parallel(block.num_queries, plan.num_resident, k, block.Z, buffers.ind.get(),
@@ -91,28 +102,28 @@ int query_topk(const RunParameters& run, const LabelList& resident_labels,
 }
 
 // The engine holds the resident documents; only their labels are passed.
+// @param num_resident_docs  bounds the lists, nothing else
 int query(const RunParameters& run, int num_resident_docs, const LabelList& resident_labels,
           const LabelledDocuments& queries, float** D_out) {
-  require_split_of(num_resident_docs);
+  documents_split();
   require_documents("query", queries.docs, queries.num_docs);
-  const int k = run.compute_topk ? list_length(run.k, num_resident_docs) : 0;
   const BatchPlan plan{.first_query = 0,
                        .num_queries = queries.num_docs,
                        .num_resident = grp_length[myid],
-                       .batch = common_batch(run, k, queries)};
+                       .batch = common_batch(run, queries)};
   if (!run.compute_topk) return query_matrix(run, queries, plan, D_out);
-  require_labels("resident", resident_labels, num_resident_docs);
-  require_labels("query", queries.labels, queries.num_docs);
-  return query_topk(run, resident_labels, queries, plan, k);
+  return query_topk(run, resident_labels, queries, plan, list_length(run.k, num_resident_docs));
 }
 
 }  // namespace
 
 int split_resident_run(const RunParameters& run, const LabelledDocuments& resident,
                        const LabelledDocuments& queries, float** D_out) {
+  auto new_split = guard_new_split();
   init(run, resident.docs, resident.num_docs, resident.num_words);
+  const Guard release([&] { release_resident_documents(run); });
   query(run, resident.num_docs, resident.labels, queries, D_out);
-  release_resident_documents(run);
+  new_split.dismiss();
   return 0;
 }
 

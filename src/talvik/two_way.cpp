@@ -1,6 +1,9 @@
 // The two-way run: the larger of both directions for every pair of documents.
+#include <utility>
+
 #include "talvik/collections.hpp"
 #include "talvik/pipelines.hpp"
+#include "talvik/split.hpp"
 
 namespace talvik {
 namespace internal {
@@ -12,11 +15,16 @@ LabelledDocuments counted(const DocumentSet& docs, const LabelList& labels) {
 
 int two_way_run(const RunParameters& run, const LabelledDocuments& first,
                 const LabelledDocuments& second, float** D_out) {
-  cleanup_distribution_info();  // so that the first direction splits the first collection
+  // Without a split, the first direction splits the first collection.
+  DistributionInfo earlier = take_distribution_info();
+  Guard split([&] { set_distribution_info(std::move(earlier)); });
+  auto matrix = guard_matrix(D_out);
   RunParameters matrix_only = run;
   matrix_only.compute_topk = false;
   split_resident_run(matrix_only, first, second, D_out);
   scale_out_run(run, second, first, *D_out);  // over the same split
+  matrix.dismiss();
+  split.dismiss();
   return 1;
 }
 

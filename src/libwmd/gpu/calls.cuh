@@ -71,7 +71,7 @@ struct SparseLibrary {
   cusparseHandle_t handle = nullptr;
   cusparseMatDescr_t descr = nullptr;  ///< general, zero-based
 
-  SparseLibrary() {
+  SparseLibrary() : SparseLibrary(nullptr) {
     if (cusparseCreate(&handle) != CUSPARSE_STATUS_SUCCESS) {
       fail("CUSPARSE Library initialization failed");
     }
@@ -98,6 +98,10 @@ struct SparseLibrary {
       fail("CUSPARSE Library release of resources failed");
     }
   }
+
+ private:
+  // A finished object, so that an exception in the constructor above runs the destructor.
+  explicit SparseLibrary(std::nullptr_t) {}
 };
 
 /// Clears stale errors so that launch errors are not confused with them.
