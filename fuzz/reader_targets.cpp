@@ -1,6 +1,6 @@
-// Fuzz targets, one per reader.  A reader refuses bytes the way its contract says, or hands over what
-// the contract promises, and two readers of one format agree.  libFuzzer calls the target that the
-// option --target names; --list prints all names.
+// Fuzz targets, one per reader.  A reader refuses bytes the way its contract says, or hands over
+// what the contract promises, and two readers of one format agree.  libFuzzer calls the target that
+// the option --target names; --list prints all names.
 #include <sys/mman.h>  // memfd_create
 #include <unistd.h>    // ftruncate, pwrite
 
@@ -168,9 +168,8 @@ void parse_embeddings(std::string_view bytes) {
   check(none.empty(), "words go to the file alone");
   parse_vocabulary(words.path().c_str(), read_back);
   const bool lines =
-      std::none_of(loaded.vocabulary.begin(), loaded.vocabulary.end(), [](const auto& word) {
-        return word.first.find('\n') != std::string::npos;
-      });
+      std::none_of(loaded.vocabulary.begin(), loaded.vocabulary.end(),
+                   [](const auto& word) { return word.first.find('\n') != std::string::npos; });
   check(!lines || read_back == loaded.vocabulary, "a written vocabulary reads back the same");
 }
 
@@ -251,8 +250,8 @@ void corpus_text(std::string_view bytes) {
 
   constexpr unsigned before = 1 << 20;  // a word of the document before the text is appended
   Document doc{{before, 3.0f}}, same = doc;
-  const int entries = parse_single_doc(text, vocabulary, doc, rule.max_words, rule.skip_index,
-                                       rule.norm_type);
+  const int entries =
+      parse_single_doc(text, vocabulary, doc, rule.max_words, rule.skip_index, rule.norm_type);
   internal::WordLookup words{vocabulary};
   const auto find = [&](std::string_view word) { return internal::find_word(words, word); };
   check(internal::append_text(text, find, rule, same) == entries && same == doc,
@@ -406,7 +405,8 @@ const Target* chosen = nullptr;
 }  // namespace tool
 }  // namespace talvik
 
-// The option stays where it is: libFuzzer skips it, and hands it on to the processes that it starts.
+// The option stays where it is: libFuzzer skips it, and hands it on to the processes that it
+// starts.
 extern "C" int LLVMFuzzerInitialize(const int* argc, char*** argv) {
   using namespace talvik::tool;
   for (int i = 1; i < *argc; ++i) {
