@@ -20,6 +20,7 @@
 
 #include "commands/convert.hpp"
 #include "commands/prepare.hpp"
+#include "corpus_writer.hpp"
 #include "embedding_input.hpp"
 #include "idx_input.hpp"
 #include "parse/embedding_file.hpp"
@@ -301,37 +302,17 @@ std::vector<std::string> tokens_of(std::string_view text, const TokenRules& rule
 }
 
 void check_tokens(const std::vector<std::string>& tokens, const TokenRules& rules) {
+  std::string text;
   for (const std::string& token : tokens) {
-    check(tokens_of(token, rules) == std::vector<std::string>{token}, "a token is its own token");
     check(internal::clean_token(token) == token, "the corpus reader takes a token as it is");
+    text.append(token) += ' ';
   }
+  check(tokens_of(text, rules) == tokens, "a token is its own token");
 }
 
-// The input is a path that holds texts; choice picks the options.
-void prepare_and_read(const std::string& input, TextsFormat format, unsigned char choice) {
-  static const WordSet compounds = {"well-known", "a-b"};
-  PrepareOptions options{.input = input, .output = scratch() / "corpus", .format = format};
-  options.keep_case = (choice & 1) != 0;
-  options.min_length = (choice & 2) != 0 ? 2 : 1;
-  options.limit = (choice & 4) != 0 ? 1 : 0;
-  TokenRules rules{.keep_case = options.keep_case, .min_length = options.min_length};
-  PrepareSummary summary;
-  if (refused([&] { summary = prepare_corpus(options); })) {
-    check(!fs::exists(options.output), "a failed preparation leaves nothing");
-    return;
-  }
-  VocabularyMap vocabulary;
-  read_texts(input, format, [&](const SourceText& text) {
-    check(is_valid_utf8(text.label), "a class name is valid UTF-8");
-    const std::vector<std::string> tokens = tokens_of(text.text, rules);
-    check_tokens(tokens, rules);
-    for (const std::string& token : tokens) {
-      vocabulary.try_emplace(token, static_cast<int>(vocabulary.size()));
-    }
-    TokenRules with_compounds = rules;
-    with_compounds.vocabulary = &compounds;
-    check_tokens(tokens_of(text.text, with_compounds), with_compounds);
-  });
+// Writes the texts as a corpus, which the library reads.
+void prepare_and_read(const PrepareOptions& options, VocabularyMap& vocabulary) {
+  const PrepareSummary summary = prepare_corpus(options);
   constexpr int all = 1 << 20, none = -1;
   DocumentSet docs;
   LabelList ids, labels;
@@ -345,10 +326,41 @@ void prepare_and_read(const std::string& input, TextsFormat format, unsigned cha
   check(classes <= summary.classes, "texts of one class are together");
 }
 
+// The input is a path that holds texts; the bits of choice pick the options, and whether a corpus
+// is written, which takes several times as long.
+void read_and_tokenize(const std::string& input, TextsFormat format, unsigned char choice) {
+  static const WordSet compounds = {"well-known", "a-b"};
+  PrepareOptions options{.input = input, .output = scratch() / "corpus", .format = format};
+  options.keep_case = (choice & 1) != 0;
+  options.min_length = (choice & 2) != 0 ? 2 : 1;
+  options.limit = (choice & 4) != 0 ? 1 : 0;
+  const bool write = (choice & 8) != 0;
+  const bool join = !write && (choice & 16) != 0;
+  const TokenRules rules{.keep_case = options.keep_case,
+                         .min_length = options.min_length,
+                         .vocabulary = join ? &compounds : nullptr};
+  VocabularyMap vocabulary;
+  refused([&] {
+    read_texts(input, format, [&](const SourceText& text) {
+      require_class_name(text.label, text.place);
+      check(is_valid_utf8(text.label), "a class name is valid UTF-8");
+      const std::vector<std::string> tokens = tokens_of(text.text, rules);
+      check_tokens(tokens, rules);
+      for (const std::string& token : tokens) {
+        vocabulary.try_emplace(token, static_cast<int>(vocabulary.size()));
+      }
+    });
+  });
+  if (!write) return;
+  if (refused([&] { prepare_and_read(options, vocabulary); })) {
+    check(!fs::exists(options.output), "a failed preparation leaves nothing");
+  }
+}
+
 // The options in one byte, then the file.
 void lines_of_texts(std::string_view bytes, TextsFormat format) {
   if (bytes.empty()) return;
-  prepare_and_read(file_of(bytes.substr(1)), format, bytes[0]);
+  read_and_tokenize(file_of(bytes.substr(1)), format, bytes[0]);
 }
 
 void tsv_texts(std::string_view bytes) { lines_of_texts(bytes, TextsFormat::tsv); }
@@ -373,7 +385,7 @@ void tree_of_texts(std::string_view bytes) {
     fs::create_directories((tree / file).parent_path(), no_such_name);
     std::ofstream(tree / file, std::ios::binary) << part;
   });
-  prepare_and_read(tree, TextsFormat::tree, bytes[0]);
+  read_and_tokenize(tree, TextsFormat::tree, bytes[0]);
   fs::remove_all(tree);
 }
 
