@@ -55,6 +55,8 @@ TEST(Tokenizer, FindsTheWordsOfAnyText) {
       {"'nation's' don\u2019t rock'n'roll o'neill-smith dogs' x",
        {"nation", "don", "rock", "o", "smith", "dogs", "x"}},
       // Case and composition beyond ASCII; a soft hyphen is nothing.
+      // A lower-case i composes with the accent that a dotted capital left alone.
+      {"\u0130\u0301", {"\u00ED"}},
       {"\u00C9COLE e\u0301cole STRASSE Stra\u00DFe \u0416\u0423\u041A \u4E16\u754C co\u00ADop",
        {"\u00E9cole", "\u00E9cole", "strasse", "stra\u00DFe", "\u0436\u0443\u043A", "\u4E16\u754C",
         "coop"}}};
@@ -185,6 +187,8 @@ TEST_F(Prepare, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
       {"..\ttwo\n", ":1: the class name \"..\" cannot name a directory"},
       {" \t\n\ttwo\n", ":2: the class name \"\" is empty"},
       {std::string("\0\1\t", 3), ":1: the class name holds a control character"},
+      {"caf\xE9\tone\n", ":1: the class name \"caf\uFFFD\" is not valid UTF-8"},
+      {"a\1/\tone\n", ":1: the class name \"a\\x01/\" holds a path separator"},
       {std::string(256, 'x') + "\t", ":1: the class name is longer than 255 bytes"},
       {"", ": holds no documents"},
       {"a\t123 ...\n", ": no document has a token"}};
@@ -195,6 +199,9 @@ TEST_F(Prepare, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
       {"{\"label\":\"a\",\"text\":\"b\"}\n{\"label\":\n", ":2: no valid JSON at byte 10"},
       {"[]\n", ":1: not a JSON object"},
       {"{\"label\":\"a\"}\n", ":1: no \"text\""},
+      {"{\"label\":\"a\xE9\",\"text\":\"b\"}\n",
+       ":1: the class name \"a\uFFFD\" is not valid UTF-8"},
+      {"{\"label\":\"a\",\"text\":1e999}\n", ":1: a number that is too large"},
       {"{\"label\":[1],\"text\":\"b\"}\n", ":1: \"label\" is neither a text nor a whole number"}};
   for (const auto& [text, error] : jsonl) {
     EXPECT_EQ(error_for("in.jsonl", text), dir_ / "in.jsonl" + error);
@@ -259,7 +266,7 @@ TEST_F(Convert, TheLibraryReadsWhatItWrites) {
 
 TEST_F(Convert, LeavesOutWhatCannotBeStoredAndCountsIt) {
   const ConvertSummary summary =
-      convert("5 2\na 1 2\na 3 4\nnew york 5 6\n 7 8\nb 0 -0\n", VectorFormat::with_header);
+      convert("5 2\na 1 2\na 3 4\nnew york 5 6\n 7 8\nb 1e-400 -0\n", VectorFormat::with_header);
   EXPECT_EQ(output(), embedding_bytes({{"a", {1, 2}}, {"b", {0, -0.0f}}}));
   EXPECT_EQ((Counts{summary.words, summary.duplicates, summary.with_space, summary.zero_rows}),
             (Counts{2, 1, 2, 1}));
@@ -297,6 +304,11 @@ TEST_F(Convert, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
       {"a 1 2\nb 3 4 5\n", ":2: more than 2 numbers"},
       {"a 1 2\nb 3 4x\n", ":2: \"4x\" is not a number"},
       {"a 1 2\nb nan 4\n", ":2: \"nan\" is not a finite 32-bit number"},
+      {"a 1 2\nb 3 \x01\xE9\n", ":2: \"\\x01\uFFFD\" is not a number"},
+      {"a 1 2\nb -1e999 4\n", ":2: \"-1e999\" is not a finite 32-bit number"},
+      {"99999999999999999999 2\na 1 2\n",
+       ":1: the header announces 99999999999999999999 words of 2 dimensions, more than can be "
+       "counted"},
       {"a 1 2\nb 1e39 4\n", ":2: \"1e39\" is not a finite 32-bit number"},
       {"a 1 2\n\nb 1 4\n", ":2: an empty line"},
       {"no numbers here\n", ":1: no word followed by numbers"},

@@ -160,6 +160,8 @@ TEST(EmbeddingInput, EveryDefectIsNamedWithItsPlace) {
   }
   const std::pair<std::string, std::string> cases[] = {
       {bytes, "no error"},
+      {"1 1\ncat abc=", "no error"},  // the bytes of 0.0555, which are no text of a number
+      {"1 1\ncat 0.12", "is a text file (talvik convert makes an embedding file of it)"},
       {"", "is empty"},
       {"cat 0.1 0.2\n",
        "does not begin with two integers, records and floats per vector (talvik convert makes "
@@ -184,6 +186,14 @@ TEST(EmbeddingInput, EveryDefectIsNamedWithItsPlace) {
        "the values of record 1, word 'cat', are implausible (magnitude 4.6e-41): the floats must "
        "be little-endian"}};
   for (const auto& [file, expected] : cases) EXPECT_EQ(defect(file, read_word_vectors), expected);
+  // Neither room is made for the words of a file with holes, nor is a hole searched to its end.
+  const auto with_hole = [](const std::string& path) {
+    constexpr std::uintmax_t hole_bytes = 100'000'000'000;
+    std::filesystem::resize_file(path, hole_bytes);
+    read_embedding_words(path);
+  };
+  EXPECT_EQ(defect("9000000000 1\n", with_hole),
+            "the word of record 1 has no end (a wrong header, or a file with holes?)");
 }
 
 TEST(EmbeddingInput, NumbersScalesAndWarns) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "run_error.hpp"
+#include "tokenizer.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -18,6 +19,12 @@ constexpr const char* list_name = "documents.tsv";
 bool is_control_character(char c) {
   constexpr char delete_character = 0x7F;
   return static_cast<unsigned char>(c) < ' ' || c == delete_character;
+}
+
+bool is_valid_utf8(std::string_view text) {
+  long long replaced = 0;
+  valid_utf8(text, replaced);
+  return replaced == 0;
 }
 
 }  // namespace
@@ -35,11 +42,15 @@ void require_class_name(const std::string& label, const std::string& place) {
     problem = "holds a path separator";
   } else if (std::any_of(label.begin(), label.end(), is_control_character)) {
     throw RunError(place + ": the class name holds a control character");
+  } else if (!is_valid_utf8(label)) {
+    problem = "is not valid UTF-8";
   } else if (label.size() > longest_file_name) {
     throw RunError(
         fmt::format("{}: the class name is longer than {} bytes", place, longest_file_name));
   }
-  if (problem) throw RunError(fmt::format("{}: the class name \"{}\" {}", place, label, problem));
+  if (problem) {
+    throw RunError(fmt::format("{}: the class name \"{}\" {}", place, printable(label), problem));
+  }
 }
 
 CorpusWriter::CorpusWriter(const std::string& path)

@@ -26,6 +26,14 @@ using internal::Index;
 namespace {
 
 constexpr long long zero_words_named = 5;
+constexpr Index longest_word_bytes = 1 << 20;
+
+/// The words to make room for before any is read.  A file with holes announces billions and holds
+/// none; the tables of so many would fill the memory.
+long long room_at_first(long long num_words) {
+  constexpr long long most = 1 << 20;
+  return std::min(num_words, most);
+}
 
 EmbeddingHeader checked_header(const std::string& path, std::string_view file) {
   const EmbeddingHeader header = internal::read_embedding_header(file);
@@ -47,9 +55,15 @@ EmbeddingHeader checked_header(const std::string& path, std::string_view file) {
   return header;
 }
 
-bool all_printable(std::string_view bytes) {
-  return std::all_of(bytes.begin(), bytes.end(),
-                     [](unsigned char c) { return std::isprint(c) || std::isspace(c); });
+/// Whether a record's vector is the text of numbers.  The bytes of a few floats may be printable by
+/// chance, but hardly digits up to the next blank.
+bool looks_like_text(std::string_view vector) {
+  const bool printable = std::all_of(vector.begin(), vector.end(), [](unsigned char c) {
+    return std::isprint(c) || std::isspace(c);
+  });
+  const std::string_view first = vector.substr(0, vector.find_first_of(" \t\r\n"));
+  return printable && !first.empty() &&
+         first.find_first_not_of("+-.0123456789eE") == std::string_view::npos;
 }
 
 /// The largest magnitude of a record's vector, whose numbers are checked.
@@ -90,37 +104,49 @@ EmbeddingFile::EmbeddingFile(const std::string& path)
 EmbeddingFacts EmbeddingFile::walk(const std::function<void(const EmbeddingRecord&)>& visit) const {
   EmbeddingFacts facts;
   std::unordered_map<std::string_view, long long> records;  // by word
-  records.reserve(header_.num_records);
+  records.reserve(room_at_first(header_.num_records));
   StatusLine status;
-  const auto walked =
-      walk_embedding_records(file_.bytes(), header_, [&](const EmbeddingRecord& record) {
-        status.show(
-            [&] { return reading_progress(path_, record.number, num_words(), status.seconds()); });
-        if (record.number == 1 && all_printable(record.vector)) {
-          throw RunError(path_ + ": is a text file (talvik convert makes an embedding file of it)");
-        }
-        // The one newline before a record is skipped; one inside a word shows that records and
-        // header do not agree, and that what would be read are no vectors.
-        if (record.word.find('\n') != std::string_view::npos) {
-          throw RunError(
-              fmt::format("{}: the word of record {}, {}, holds a line break (a wrong header?)",
-                          path_, record.number, quoted(record.word)));
-        }
-        const auto [known, is_new] = records.emplace(record.word, record.number);
-        if (!is_new) {
-          throw RunError(fmt::format("{}: records {} and {} are of the same word {}", path_,
-                                     known->second, record.number, quoted(record.word)));
-        }
-        if (checked_magnitude(path_, record) == 0 && facts.num_zero_rows++ < zero_words_named) {
-          facts.zero_words.push_back(quoted(record.word));
-        }
-        visit(record);
-      });
-  if (walked.count < num_words()) {
-    throw RunError(
-        fmt::format("{}: ends within record {} of {}", path_, walked.count + 1, num_words()));
+  const auto check = [&](const EmbeddingRecord& record) {
+    status.show(
+        [&] { return reading_progress(path_, record.number, num_words(), status.seconds()); });
+    if (record.number == 1 && looks_like_text(record.vector)) {
+      throw RunError(path_ + ": is a text file (talvik convert makes an embedding file of it)");
+    }
+    // The one newline before a record is skipped; one inside a word shows that records and
+    // header do not agree, and that what would be read are no vectors.
+    if (record.word.find('\n') != std::string_view::npos) {
+      throw RunError(
+          fmt::format("{}: the word of record {}, {}, holds a line break (a wrong header?)", path_,
+                      record.number, quoted(record.word)));
+    }
+    const auto [known, is_new] = records.emplace(record.word, record.number);
+    if (!is_new) {
+      throw RunError(fmt::format("{}: records {} and {} are of the same word {}", path_,
+                                 known->second, record.number, quoted(record.word)));
+    }
+    if (checked_magnitude(path_, record) == 0 && facts.num_zero_rows++ < zero_words_named) {
+      facts.zero_words.push_back(quoted(record.word));
+    }
+    visit(record);
+  };
+  const std::string_view bytes = file_.bytes();
+  Index end = header_.end;
+  EmbeddingRecord record{};
+  for (record.number = 1; record.number <= num_words(); ++record.number) {
+    // What follows the longest word is not searched: a hole in a file is a word without an end.
+    const Index most_bytes = longest_word_bytes + header_.vec_size * internal::float_bytes;
+    const std::string_view searched = bytes.substr(0, end + most_bytes);
+    if (!next_embedding_record(searched, header_, end, record)) {
+      throw RunError(
+          searched.size() < bytes.size()
+              ? fmt::format("{}: the word of record {} has no end (a wrong header, or a "
+                            "file with holes?)",
+                            path_, record.number)
+              : fmt::format("{}: ends within record {} of {}", path_, record.number, num_words()));
+    }
+    check(record);
   }
-  const std::string_view rest = file_.bytes().substr(walked.end);
+  const std::string_view rest = bytes.substr(end);
   const auto end_of_space =
       std::find_if_not(rest.begin(), rest.end(), [](unsigned char c) { return std::isspace(c); });
   facts.trailing_bytes = rest.end() - end_of_space;
@@ -138,7 +164,7 @@ WordVectors read_word_vectors(const std::string& path) {
   read.vec_size = static_cast<int>(file.vec_size());
   read.vectors = std::make_unique_for_overwrite<float[]>(
       internal::elements(file.num_words(), file.vec_size()));
-  read.vocabulary.reserve(file.num_words());
+  read.vocabulary.reserve(room_at_first(file.num_words()));
   const EmbeddingFacts facts = file.walk([&](const EmbeddingRecord& record) {
     const Index row = record.number - 1;
     read.vocabulary.emplace(record.word, static_cast<int>(row));
@@ -162,20 +188,14 @@ WordVectors read_word_vectors(const std::string& path) {
 WordSet read_embedding_words(const std::string& path) {
   const EmbeddingFile file(path);
   WordSet words;
-  words.reserve(file.num_words());
+  words.reserve(room_at_first(file.num_words()));
   file.walk([&](const EmbeddingRecord& record) { words.emplace(record.word); });
   return words;
 }
 
 std::string quoted(std::string_view word) {
   constexpr size_t longest = 40;
-  std::string text = "'";
-  for (const unsigned char byte : word.substr(0, longest)) {
-    const bool plain = byte >= 0x80 || std::isprint(byte);  // UTF-8 passes
-    text += plain ? std::string(1, static_cast<char>(byte)) : fmt::format("\\x{:02x}", byte);
-  }
-  long long replaced = 0;  // a word may hold, and the cut may leave, a piece of a character
-  return valid_utf8(text, replaced) + (word.size() > longest ? "...'" : "'");
+  return "'" + printable(word.substr(0, longest)) + (word.size() > longest ? "...'" : "'");
 }
 
 }  // namespace talvik::tool

@@ -51,8 +51,7 @@ WordVectors read_word_vectors(const std::string& path);
 
 WordSet read_embedding_words(const std::string& path);
 
-/// A word between single quotes, cut to a few dozen bytes, unprintable bytes as \xNN, what is no
-/// UTF-8 as U+FFFD.
+/// A word between single quotes, cut to a few dozen bytes, printable.
 std::string quoted(std::string_view word);
 
 }  // namespace talvik::tool

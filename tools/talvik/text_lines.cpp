@@ -13,7 +13,7 @@
 namespace talvik::tool {
 namespace {
 
-constexpr unsigned buffer_bytes = 1 << 20;
+constexpr unsigned buffer_bytes = 1 << 16;
 constexpr size_t longest_line_bytes = 256u << 20;
 
 }  // namespace

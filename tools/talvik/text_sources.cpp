@@ -22,6 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr std::string_view replacement_character = "\xEF\xBF\xBD";  // U+FFFD
+
 using TextHandler = std::function<void(const SourceText&)>;
 
 std::string trimmed(std::string_view text) {
@@ -36,7 +38,7 @@ std::string whole_file(const fs::path& path) {
   std::string text;
   if (file) text.assign(std::istreambuf_iterator<char>(file), {});
   if (!file || file.bad()) {
-    throw RunError(path.string() + ": cannot be read: " + std::strerror(errno));
+    throw RunError(printable(path.string()) + ": cannot be read: " + std::strerror(errno));
   }
   return text;
 }
@@ -69,7 +71,7 @@ void read_tree(const fs::path& root, ReadTexts& read, const TextHandler& handle)
     handle({.source = file.string(),
             .label = file.begin()->string(),
             .text = whole_file(root / file),
-            .place = (root / file).string()});
+            .place = printable((root / file).string())});
   }
 }
 
@@ -113,20 +115,30 @@ nlohmann::json object_of(const std::string& line, const std::string& place, Read
     object = nlohmann::json::parse(valid_utf8(line, read.replaced));
   } catch (const nlohmann::json::parse_error& error) {
     throw RunError(fmt::format("{}: no valid JSON at byte {}", place, error.byte));
+  } catch (const nlohmann::json::out_of_range&) {
+    throw RunError(place + ": a number that is too large");
   }
   if (!object.is_object()) throw RunError(place + ": not a JSON object");
   return object;
 }
 
 void read_jsonl(const std::string& path, ReadTexts& read, const TextHandler& handle) {
-  for_each_line(path,
-                [&](const std::string& line, const std::string& where, const std::string& place) {
-                  const nlohmann::json object = object_of(line, place, read);
-                  handle({.source = object.contains("id") ? member(object, "id", place) : where,
-                          .label = trimmed(member(object, "label", place)),
-                          .text = member(object, "text", place),
-                          .place = place});
-                });
+  for_each_line(
+      path, [&](const std::string& line, const std::string& where, const std::string& place) {
+        const long long replaced_before = read.replaced;
+        const nlohmann::json object = object_of(line, place, read);
+        const std::string label = trimmed(member(object, "label", place));
+        const bool repaired = read.replaced > replaced_before;
+        // Labels that differ in invalid bytes would become one class.
+        if (repaired && label.find(replacement_character) != std::string::npos) {
+          throw RunError(
+              fmt::format("{}: the class name \"{}\" is not valid UTF-8", place, printable(label)));
+        }
+        handle({.source = object.contains("id") ? member(object, "id", place) : where,
+                .label = label,
+                .text = member(object, "text", place),
+                .place = place});
+      });
 }
 
 TextsFormat format_of(const std::string& input, TextsFormat asked) {

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>  // strtof
+#include <system_error>
 
 #include "run_error.hpp"
 #include "tokenizer.hpp"
@@ -26,28 +28,43 @@ std::vector<std::string_view> fields_of(std::string_view line) {
   return fields;
 }
 
+// Whether the whole field is a number, which may be out of the range of the type.
 template <class Number>
-std::optional<Number> whole_field(std::string_view field) {
-  Number value{};
-  const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), value);
-  if (error != std::errc() || end != field.data() + field.size()) return std::nullopt;
-  return value;
+bool is_number(std::string_view field, Number& value, std::errc& error) {
+  const char* const last = field.data() + field.size();
+  const auto parsed = std::from_chars(field.data(), last, value);
+  error = parsed.ec;
+  return error != std::errc::invalid_argument && parsed.ptr == last;
 }
 
 // A number, finite or not; what is too small for a float becomes 0.
 std::optional<float> number_of(std::string_view field) {
   if (!field.empty() && field.front() == '+') field.remove_prefix(1);
-  if (const auto value = whole_field<float>(field)) return value;
-  if (const auto wide = whole_field<double>(field)) return static_cast<float>(*wide);
-  return std::nullopt;
+  float value = 0;
+  std::errc error{};
+  if (!is_number(field, value, error)) return std::nullopt;
+  // Too small and too large are one error: strtof tells them apart.
+  return error == std::errc() ? value : std::strtof(std::string(field).c_str(), nullptr);
 }
 
-std::optional<Header> header_of(const std::vector<std::string_view>& fields) {
+std::optional<Header> header_of(const std::vector<std::string_view>& fields,
+                                const std::string& place) {
   if (fields.size() != 2) return std::nullopt;
-  const auto words = whole_field<long long>(fields[0]);
-  const auto dimensions = whole_field<long long>(fields[1]);
-  if (!words || !dimensions || *words < 1 || *dimensions < 1) return std::nullopt;
-  return Header{*words, *dimensions};
+  Header header{};
+  std::errc words_error{}, dimensions_error{};
+  if (!is_number(fields[0], header.words, words_error) ||
+      !is_number(fields[1], header.dimensions, dimensions_error) || fields[0].front() == '-' ||
+      fields[1].front() == '-') {
+    return std::nullopt;
+  }
+  if (words_error != std::errc() || dimensions_error != std::errc()) {
+    throw RunError(
+        fmt::format("{}: the header announces {} words of {} dimensions, more than can "
+                    "be counted",
+                    place, fields[0], fields[1]));
+  }
+  if (header.words < 1 || header.dimensions < 1) return std::nullopt;
+  return header;
 }
 
 // Raw floats are full of bytes that no text holds.
@@ -85,7 +102,7 @@ void read_row(std::string_view line, const std::vector<std::string_view>& fields
   for (size_t j = 0; j < row.size(); ++j) {
     const std::string_view field = fields[first + j];
     const auto value = number_of(field);
-    if (!value) throw RunError(fmt::format("{}: \"{}\" is not a number", place, field));
+    if (!value) throw RunError(fmt::format("{}: \"{}\" is not a number", place, printable(field)));
     if (!std::isfinite(*value)) {
       throw RunError(fmt::format("{}: \"{}\" is not a finite 32-bit number", place, field));
     }
@@ -102,7 +119,7 @@ void read_row(std::string_view line, const std::vector<std::string_view>& fields
 TextVectors::TextVectors(const std::string& path, VectorFormat format) : path_(path), lines_(path) {
   if (!lines_.next(line_)) throw RunError(path + ": is empty");
   fields_ = fields_of(line_);
-  if (format != VectorFormat::without_header) header_ = header_of(fields_);
+  if (format != VectorFormat::without_header) header_ = header_of(fields_, lines_.place());
   if (!header_ && format == VectorFormat::with_header) {
     throw RunError(lines_.place() +
                    ": no header of two whole numbers, words and dimensions (a file of the format "

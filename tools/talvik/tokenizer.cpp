@@ -1,6 +1,7 @@
 // Characters are classified, lowered and composed by utf8proc.
 #include "tokenizer.hpp"
 
+#include <fmt/core.h>
 #include <utf8proc.h>
 
 #include <algorithm>
@@ -95,9 +96,12 @@ struct Compound {
   bool cut = false;              // an apostrophe has ended it, what follows is left out
 };
 
+// A lower-case letter may compose with a mark that its capital left alone.
+std::string lower_case(std::string_view word) { return composed(lowered(word)); }
+
 void add_token(const std::string& part, const TokenRules& rules, std::vector<std::string>& tokens) {
   const std::string word = composed(part);
-  const std::string lower = lowered(word);
+  const std::string lower = lower_case(word);
   if (length_of(word) < rules.min_length) return;
   if (rules.stop_words && rules.stop_words->contains(lower)) return;
   tokens.push_back(rules.keep_case ? word : lower);
@@ -111,8 +115,8 @@ void finish(Compound& compound, const TokenRules& rules, std::vector<std::string
       whole += (i > 0 ? "-" : "") + compound.parts[i];
       letter = letter || compound.has_letter[i];
     }
-    const std::string word = composed(rules.keep_case ? whole : lowered(whole));
-    if (letter && rules.vocabulary->contains(word)) {
+    const std::string word = composed(whole);
+    if (letter && rules.vocabulary->contains(rules.keep_case ? word : lower_case(word))) {
       add_token(whole, rules, tokens);
       compound = {};
       return;
@@ -167,6 +171,20 @@ std::string valid_utf8(std::string_view text, long long& replaced) {
   valid.reserve(text.size());
   for (size_t at = 0; at < text.size();) append(valid, next_character(text, at, replaced));
   return valid;
+}
+
+std::string printable(std::string_view text) {
+  std::string shown;
+  for (const unsigned char byte : text) {
+    constexpr unsigned char delete_character = 0x7F;
+    if (byte < ' ' || byte == delete_character) {
+      shown += fmt::format("\\x{:02x}", byte);
+    } else {
+      shown += static_cast<char>(byte);
+    }
+  }
+  long long replaced = 0;
+  return valid_utf8(shown, replaced);
 }
 
 }  // namespace talvik::tool

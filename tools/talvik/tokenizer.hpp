@@ -20,7 +20,7 @@ struct TokenRules {
 
 /// The tokens of a UTF-8 text, in order.
 ///   * A token is a run of letters, marks and decimal digits with at least one letter.
-///   * It is put into lower case, unless the rules keep the case, and composed (form C).
+///   * It is put into lower case, unless the rules keep the case, and is in form C.
 ///   * An apostrophe inside a word ends it and what follows goes, as in the corpus reader:
 ///     "nation's" gives "nation".
 ///   * Words joined by hyphens stay one token where the vocabulary has the compound; otherwise
@@ -32,6 +32,9 @@ std::vector<std::string> tokenize(std::string_view text, const TokenRules& rules
 
 /// The text with U+FFFD for every invalid or cut UTF-8 sequence; their number is added to replaced.
 std::string valid_utf8(std::string_view text, long long& replaced);
+
+/// The text as a message may show it: control characters as \xNN, what is no UTF-8 as U+FFFD.
+std::string printable(std::string_view text);
 
 }  // namespace talvik::tool
 

@@ -48,10 +48,8 @@ class CorpusMaker {
   CorpusMaker& operator=(const CorpusMaker&) = delete;
 
   void add(const SourceText& text) {
-    long long replaced_in_label = 0;
-    const std::string label = valid_utf8(text.label, replaced_in_label);
-    require_class_name(label, text.place);
-    long long& documents = documents_of_[label];
+    require_class_name(text.label, text.place);
+    long long& documents = documents_of_[text.label];
     if (options_.limit > 0 && documents == options_.limit) {
       ++summary_.over_limit;
       return;
@@ -69,10 +67,10 @@ class CorpusMaker {
     summary_.tokens_out += tokens_out;
     summary_.empty += tokens.empty();
     summary_.unknown += !tokens.empty() && tokens_in == 0;
-    if (!tokens.empty()) corpus_.write_document(label, id, tokens);
+    if (!tokens.empty()) corpus_.write_document(text.label, id, tokens);
     corpus_.list_document({.id = id,
                            .source = text.source,
-                           .label = label,
+                           .label = text.label,
                            .tokens_in = tokens_in,
                            .tokens_out = rules_.vocabulary ? std::to_string(tokens_out) : "-"});
     status_.show([&] { return fmt::format("{} documents", summary_.documents); });
