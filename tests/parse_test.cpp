@@ -95,7 +95,7 @@ TEST(Embeddings, AFileGivesItsWordsAndUnitRowsOrALineAboutItsFault) {
       {"2 3\n" + cat + dog.substr(0, dog.size() - 1), ends + "2\n"},
       {"9000000000000000000 0\na b ",
        fault + "announces 9000000000000000000 words of 0 floats and ends within word 3\n"}};
-  for (const char* header : {"cat 3", "2", "2 x", "-2 3\n", "2 +-3", "2 99999999999999999999\n"}) {
+  for (const char* header : {"cat 3", "2", "2 x", "-2 3\n", "2 +-0", "2 99999999999999999999\n"}) {
     cases.emplace_back(header, fault + "does not begin with two counts\n");
   }
   for (const auto& [bytes, expected] : cases) {
