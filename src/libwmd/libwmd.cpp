@@ -140,6 +140,37 @@ internal::DistinctRows distinct_rows_of(const void* rows, Index row_bytes) {
                                       max_rows, num_cpu_threads);
 }
 
+// Passes hold what the threads of the computation have room for.  Where the batch was copied for
+// fewer threads, its rows are grouped again by their numbers.
+void fit_passes_to_threads() {
+  const internal::DistinctRows& held = host::distinct2;
+  const int num_passes = static_cast<int>(held.passes.size());
+  const int max_rows = internal::rows_per_pass(internal::EngineBudget{}, num_cpu_threads);
+  if (internal::largest_pass(held, 0, num_passes) <= max_rows) return;
+  std::vector<int> row_of_entry(host::start2[host::num_docs2]);
+  for (const internal::RowPass& pass : held.passes) {
+    for (int e = pass.first_entry; e < pass.last_entry; ++e) {
+      row_of_entry[e] = pass.first_row + held.row_of_entry[e];
+    }
+  }
+  internal::DistinctRows fitting = distinct_rows_of(row_of_entry.data(), sizeof(int));
+  if (host::X2) {
+    const int m = host::vec_size;
+    const Index rows = std::ssize(fitting.entry_of_row);
+    Array<float> X2 = new_array<float>(elements(rows, m)), Rn2 = new_array<float>(rows);
+    for (Index r = 0; r < rows; ++r) {
+      const int row = row_of_entry[fitting.entry_of_row[r]];
+      std::copy_n(host::X2.get() + elements(row, m), m, X2.get() + elements(r, m));
+      Rn2[r] = host::Rn2[row];
+    }
+    host::X2 = std::move(X2);
+    host::Rn2 = std::move(Rn2);
+  } else {
+    internal::order_rows(host::ind2.get(), fitting);
+  }
+  host::distinct2 = std::move(fitting);
+}
+
 int remove_query_documents() {
   host::weight2.reset();
   host::start2.reset();
@@ -307,6 +338,7 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
   const DistanceSource source =
       precompute ? DistanceSource::ground_of_word : DistanceSource::vectors;
   const bool capacity_step = delta_iterations > 0;
+  fit_passes_to_threads();
   const BlockRequest request = request_of(source, capacity_step ? 1 : 0, NearestRule::as_asked);
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
 
@@ -334,6 +366,7 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
 int ed_min_vocab_cpu_multi(float* Z, int delta_iterations, bool precompute) {
   const DistanceSource source =
       precompute ? DistanceSource::ground_of_entry : DistanceSource::vectors;
+  fit_passes_to_threads();
   const BlockRequest request = request_of(source, delta_iterations, NearestRule::halving);
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
   const int nearest = internal::nearest_of_batch(held_batch(), request.steps, request.rule);
