@@ -1,6 +1,7 @@
 // CPU engine: its own copies of the data, and the exported functions over them.  What they compute
 // on plain pointers and counts is in src/libwmd/cpu; no other file names the state below.
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <new>  // nothrow, bad_array_new_length
 #include <string>
@@ -33,6 +34,8 @@ using internal::DistanceSource;
 using internal::elements;
 using internal::Index;
 using internal::NearestRule;
+
+constexpr Index multi_docs_most = 256;  // columns of Y_k without capacity steps
 
 template <class T>
 using Array = std::unique_ptr<T[]>;
@@ -217,20 +220,52 @@ BlockRequest request_of(DistanceSource source, int steps, NearestRule rule) {
           .budget = {}};
 }
 
-// Uninitialised, line-aligned scratch; untouched pages are never committed.  It is asked for at the
-// size that the failure message states, and used up to the size that the computation needs.
+// Uninitialised scratch; untouched pages are never committed.  It is asked for at the size that the
+// failure message states, or at the size that the computation needs if that is larger; what is used
+// begins at the first line in it.
 class Buffer {
  public:
   Buffer(Index asked, Index needed, const std::string& message)
-      : storage_(new (std::nothrow) float[std::max(asked, needed) + internal::line_floats]) {
+      : storage_(allocate(asked, needed)) {
     if (!storage_) internal::fail("Failed to allocate memory for " + message);
     internal::begin_on_large_pages(floats(), needed * sizeof(float));
   }
   [[nodiscard]] float* floats() const { return internal::line_start(storage_.get()); }
 
  private:
+  // Compilers differ in what the expression does for sizes beyond any array.
+  static float* allocate(Index asked, Index needed) {
+    constexpr Index most = std::numeric_limits<Index>::max() / sizeof(float);
+    if (asked < 0 || asked > most) throw std::bad_array_new_length();
+    const Index used = needed > 0 ? needed + internal::line_floats : 0;
+    return new (std::nothrow) float[std::max(asked, used)];
+  }
+
   Array<float> storage_;
 };
+
+// The tiles do without the buffers below.  They are asked for all the same, so that a process that
+// cannot have what the computation states says so at once; no page of them is ever touched.
+
+std::vector<Buffer> ask_for_weights(bool capacity_steps) {
+  std::vector<Buffer> buffers;
+  if (!capacity_steps) return buffers;
+  buffers.emplace_back(host::num_words, 0, "weight_updated");
+  buffers.emplace_back(host::num_words, 0, "weight_delta");
+  return buffers;
+}
+
+std::vector<Buffer> ask_for_transposed(bool precompute, bool capacity_step) {
+  std::vector<Buffer> buffers;
+  const auto ask = [&](const std::string& name, Index floats) {
+    buffers.emplace_back(floats, 0, name + ": " + std::to_string(floats));
+  };
+  if (!precompute) ask("X2t", elements(host::start2[host::num_docs2], host::vec_size));
+  if (!capacity_step) return buffers;
+  const Index table = elements(host::voc_size, host::num_docs2);
+  for (const char* name : {"minval2_trans", "minval2t_trans", "minweight2_trans"}) ask(name, table);
+  return buffers;
+}
 
 }  // namespace
 
@@ -345,18 +380,21 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
   const Index n2 = host::start2[host::num_docs2];
   const Index products = n2 * internal::words_of_y(host::voc_size, n2);
   const Index table = elements(host::voc_size, host::num_docs2);
-  const Index step_table = capacity_step ? table : 0;
-  const Index step_needed = capacity_step ? needed.table : 0;
   const std::string table_bytes = std::to_string(table * sizeof(float));
   const Buffer Y(products, needed.panels, "Y: " + std::to_string(products));
-  const Buffer minval2t(step_table, step_needed, "minval2t, size: " + table_bytes);
-  const Buffer minweight2(step_table, step_needed, "minweight2, size: " + table_bytes);
+  std::vector<Buffer> step_tables;
+  if (capacity_step) {
+    step_tables.emplace_back(table, needed.table, "minval2t, size: " + table_bytes);
+    step_tables.emplace_back(table, needed.table, "minweight2, size: " + table_bytes);
+  }
+  const std::vector<Buffer> weights = ask_for_weights(capacity_step);
   const Buffer minval2(table, needed.table, "minval2: " + std::to_string(table));
+  const std::vector<Buffer> transposed = ask_for_transposed(precompute, capacity_step);
 
   BlockBuffers buffers{.panels = Y.floats(), .distance = {minval2.floats()}, .capacity = {}};
   if (capacity_step) {
-    buffers.distance.push_back(minval2t.floats());
-    buffers.capacity.push_back(minweight2.floats());
+    buffers.distance.push_back(step_tables[0].floats());
+    buffers.capacity.push_back(step_tables[1].floats());
   }
   internal::compute_distance_block(held_vocabulary(), held_collection(), held_batch(), request,
                                    buffers, Z);
@@ -373,8 +411,12 @@ int ed_min_vocab_cpu_multi(float* Z, int delta_iterations, bool precompute) {
 
   const Buffer Y(internal::multi_y_floats, needed.panels,
                  "Y: " + std::to_string(internal::multi_y_floats));
-  const Buffer Y_k(0, nearest * needed.table, "Y_k");
-  const Buffer weights_min_k(0, (nearest - 1) * needed.table, "weights_min_k");
+  const Index steps = std::max(delta_iterations, 0);
+  const Index columns = elements(steps + 1, host::voc_size);
+  const Index plain_columns = elements(multi_docs_most, host::voc_size);
+  const Buffer Y_k(steps > 0 ? columns : plain_columns, nearest * needed.table, "Y_k");
+  const Buffer weights_min_k(columns, (nearest - 1) * needed.table, "weights_min_k");
+  const std::vector<Buffer> weights = ask_for_weights(steps > 0);
 
   BlockBuffers buffers{.panels = Y.floats(), .distance = {}, .capacity = {}};
   for (int t = 0; t < nearest; ++t) buffers.distance.push_back(Y_k.floats() + t * needed.table);
