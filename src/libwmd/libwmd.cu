@@ -85,9 +85,11 @@ std::unique_ptr<float[]> prepare_rows(float* rows, int num_rows, int m) {
   return norms;
 }
 
-std::vector<int> number_rows(const float* rows, int m, const int* start, int count) {
-  constexpr int no_limit = std::numeric_limits<int>::max();
-  return internal::find_distinct_rows(rows, elements(std::max(m, 0), sizeof(float)), start, count,
+// One pass over all entries: the offsets of documents are not needed for it.
+std::vector<int> number_rows(const float* rows, int m, int num_rows) {
+  constexpr int no_limit = std::numeric_limits<int>::max(), one_doc = 1;
+  const int start[] = {0, num_rows};
+  return internal::find_distinct_rows(rows, elements(std::max(m, 0), sizeof(float)), start, one_doc,
                                       no_limit, num_cpu_threads)
       .row_of_entry;
 }
@@ -178,7 +180,7 @@ int remove_raw_data2() {
 
 int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
   const auto Rn2 = prepare_rows(X2, n2, m);
-  std::vector<int> row_ids2 = number_rows(X2, m, start2_, num_docs2_);
+  std::vector<int> row_ids2 = number_rows(X2, m, n2);
   remove_vectors2();
   num_docs2 = num_docs2_;
   X2_dev = hold(held.X2, X2, elements(n2, m), "X2");
@@ -222,11 +224,13 @@ int compute_ground_distances(float* D_ground) {
   DeviceArray<float> matrix = allocate_ground_distances();
   const internal::DeviceRows words{voc_size, W_dev, RW_dev};
   internal::compute_word_distances(dense, words, words, matrix.get());
-  if (D_ground) {
-    cudaMemcpy(D_ground, matrix.get(), elements(voc_size, voc_size) * sizeof(float),
-               cudaMemcpyDeviceToHost);
-  }
   internal::require_launched();
+  if (D_ground) {
+    const std::size_t bytes = elements(voc_size, voc_size) * sizeof(float);
+    if (cudaMemcpy(D_ground, matrix.get(), bytes, cudaMemcpyDeviceToHost) != cudaSuccess) {
+      internal::fail("Failed to copy D_ground");
+    }
+  }
   internal::free_on_device(std::move(matrix), "D_ground_dev");
   return 1;
 }
