@@ -9,12 +9,14 @@
 #include <utility>
 #include <vector>
 
+#include "internal/address_space.hpp"
 #include "internal/failure.hpp"
 #include "internal/index.hpp"
 #include "internal/large_pages.hpp"
 #include "internal/team.hpp"
 #include "libwmd/attached_words.hpp"
 #include "libwmd/cpu/cache_line.hpp"
+#include "libwmd/cpu/dense_product.hpp"
 #include "libwmd/cpu/distance_block.hpp"
 #include "libwmd/cpu/ground_distances.hpp"
 #include "libwmd/cpu/select_smallest.hpp"
@@ -244,6 +246,16 @@ class Buffer {
   Array<float> storage_;
 };
 
+// A BLAS that cannot have its memory does not come back, so it is looked for before the first call.
+void require_blas_memory() {
+#ifdef EIGEN_USE_BLAS
+  if (internal::product_scratch(host::vec_size).on_matrix_unit) return;
+  const std::size_t bytes = std::max(num_cpu_threads, 1) * internal::blas_bytes_per_thread;
+  if (internal::fits_address_space(bytes)) return;
+  internal::fail("Failed to allocate memory for dense products: " + std::to_string(bytes));
+#endif
+}
+
 // The tiles do without the buffers below.  They are asked for all the same, so that a process that
 // cannot have what the computation states says so at once; no page of them is ever touched.
 
@@ -365,6 +377,7 @@ int internal::attached_words_cpu() { return host::D_ground ? host::voc_size : 0;
 int compute_ground_distances_cpu(float* D_ground) {
   const Index pairs = elements(host::voc_size, host::voc_size);
   internal::advise_large_pages(D_ground, pairs * sizeof(float));
+  require_blas_memory();
   internal::compute_ground_matrix(held_vocabulary(), metric_in_use(), num_cpu_threads, D_ground);
   return 1;
 }
@@ -396,6 +409,7 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
     buffers.distance.push_back(step_tables[0].floats());
     buffers.capacity.push_back(step_tables[1].floats());
   }
+  if (!precompute) require_blas_memory();
   internal::compute_distance_block(held_vocabulary(), held_collection(), held_batch(), request,
                                    buffers, Z);
   return 1;
@@ -423,6 +437,7 @@ int ed_min_vocab_cpu_multi(float* Z, int delta_iterations, bool precompute) {
   for (int t = 0; t + 1 < nearest; ++t) {
     buffers.capacity.push_back(weights_min_k.floats() + t * needed.table);
   }
+  if (!precompute) require_blas_memory();
   internal::compute_distance_block(held_vocabulary(), held_collection(), held_batch(), request,
                                    buffers, Z);
   return 1;
