@@ -1,5 +1,6 @@
 // Ranges of documents as flat arrays, vocabularies shrunk to them, and the split over processes.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <array>
 #include <memory>
@@ -96,6 +97,27 @@ TEST(Copies, NegativeCountsRaiseTheArrayLengthException) {
   EXPECT_EQ(copy_vectors2_cpu(0, -1, nullptr, nullptr, 0, ints), 1);
   remove_raw_data_cpu();
   update_weights_delta(floats, floats, floats, floats);  // nothing is loaded, nothing is done
+}
+
+TEST(Teams, LeaveTheHostsTeamsAloneAndMayGrowBetweenCopyAndComputation) {
+  constexpr int entries = 20'000;  // more than the panels of 64 threads hold together
+  const int threads = num_cpu_threads, host_threads = omp_get_max_threads();
+  std::vector<float> X(entries), weight(entries, 1.f);
+  std::iota(X.rbegin(), X.rend(), 1.f);  // the nearest entry is the last one
+  float W = 0, Z = 0;
+  int word = 0, starts[2] = {0, 1}, starts2[2] = {0, entries};
+  num_cpu_threads = 1;
+  copy_vocabulary_cpu(1, 1, &W);
+  copy_raw_data_cpu(1, &word, weight.data(), 1, starts);
+  copy_vectors2_cpu(entries, 1, X.data(), weight.data(), 1, starts2);
+  num_cpu_threads = 64;
+  ed_min_vocab_cpu(&Z, 0, false);
+  EXPECT_EQ(Z, 1);
+  EXPECT_EQ(omp_get_max_threads(), host_threads);
+  remove_vectors2_cpu();
+  remove_raw_data_cpu();
+  remove_vocabulary_cpu();
+  num_cpu_threads = threads;
 }
 
 struct SplitCase {

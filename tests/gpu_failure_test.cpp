@@ -52,6 +52,7 @@ const std::vector<Failures> every_failure{
     // The ground matrix is allocated to be computed, and again to be uploaded.
     {load_indices, "cudaMalloc", 2, 5, no_memory, {"D_ground_dev", "D_ground_dev"}},
     {load_indices, "cudaMalloc", 2, 7, no_memory, {"ind2", "weight2"}},
+    {load_indices, "cudaMemcpy", 1, 5, no_copy, {"D_ground"}},
     {load_indices, "cudaMemcpy", 1, 7, no_copy, {"ind2", "weight2"}},
     {load_indices, "cublasSgemm_v2", 14, 0, "Dense matrix-matrix multiplication failed: 14"},
     {load_indices, "cudaFree", 1, 0, not_freed, {"D_ground_dev"}},

@@ -8,11 +8,28 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "support/world.hpp"
 #include "talvik.hpp"
+
+namespace {
+
+int buffers_left = -1;  // until one fails; negative: none does
+
+}  // namespace
+
+// The engine's working buffers come from here.  Weak: a sanitizer may keep its own.
+[[gnu::weak]] void* operator new[](size_t bytes, const std::nothrow_t&) noexcept {
+  if (buffers_left-- == 0) return nullptr;
+  try {
+    return operator new[](bytes);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
 
 namespace talvik {
 namespace {
@@ -33,6 +50,15 @@ void scale_out(const char* output_file) {
                          world.resident_labels, 12, test::count_entries(world.resident),
                          world.queries, world.query_labels, 9, test::count_entries(world.queries),
                          D_max.data(), true, output_file, false);
+}
+
+// The run's nothrow allocation of that number, from 0 on, fails.
+void fail_buffer(int number, int steps) {
+  buffers_left = number;
+  float* D = nullptr;
+  rwmd2_parallel(50, world.embeddings.data(), 5, 3, steps, false, world.resident, {}, 12,
+                 test::count_entries(world.resident), world.queries, {}, 9,
+                 test::count_entries(world.queries), &D, false, nullptr, false);
 }
 
 // Process 0 is said to hold 2^30 documents, so that the matrix is larger than any address space.
@@ -68,6 +94,11 @@ const std::vector<Failure> failures{
      [] { scale_out("/nonexistent/out.csv"); }},
     {1, "Failed to open result file: ", [] { scale_out(nullptr); }},
     {2, "Failed to write result file: /dev/full", [] { split_resident("/dev/full"); }},
+    {1, "Failed to allocate memory for weight_delta", [] { fail_buffer(4, 1); }},
+    {1,
+     "Failed to allocate memory for X2t: " + std::to_string(5 * test::count_entries(world.queries)),
+     [] { fail_buffer(6, 1); }},
+    {1, "Failed to allocate memory for weights_min_k", [] { fail_buffer(2, 2); }},
     {2, "Failed to allocate memory for D_trans: 562949953421312", ask_for_a_huge_matrix},
     {2, "sort_cpu_parallel: k is 13, but all processes together hold 12 resident documents",
      ask_for_too_long_lists},

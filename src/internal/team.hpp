@@ -24,9 +24,10 @@ static_assert(share_of(1, 4, 2) == std::pair(1, 2) && share_of(3, 4, 2) == std::
 /// whole team has finished.
 template <class Body>
 void for_each_share(int threads, int n, const Body& body) {
-  omp_set_num_threads(std::max(threads, 1));
+  // The clause, not omp_set_num_threads, which would change the host program's own teams.
+  const int team = std::max(threads, 1);
   std::exception_ptr failure;  // an exception may not leave the parallel region
-#pragma omp parallel
+#pragma omp parallel num_threads(team)
   {
     try {
       const int thread = omp_get_thread_num();

@@ -1,6 +1,7 @@
 // CPU engine: its own copies of the data, and the exported functions over them.  What they compute
 // on plain pointers and counts is in src/libwmd/cpu; no other file names the state below.
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <new>  // nothrow, bad_array_new_length
 #include <string>
@@ -8,12 +9,14 @@
 #include <utility>
 #include <vector>
 
+#include "internal/address_space.hpp"
 #include "internal/failure.hpp"
 #include "internal/index.hpp"
 #include "internal/large_pages.hpp"
 #include "internal/team.hpp"
 #include "libwmd/attached_words.hpp"
 #include "libwmd/cpu/cache_line.hpp"
+#include "libwmd/cpu/dense_product.hpp"
 #include "libwmd/cpu/distance_block.hpp"
 #include "libwmd/cpu/ground_distances.hpp"
 #include "libwmd/cpu/select_smallest.hpp"
@@ -33,6 +36,8 @@ using internal::DistanceSource;
 using internal::elements;
 using internal::Index;
 using internal::NearestRule;
+
+constexpr Index multi_docs_most = 256;  // columns of Y_k without capacity steps
 
 template <class T>
 using Array = std::unique_ptr<T[]>;
@@ -143,6 +148,37 @@ internal::DistinctRows distinct_rows_of(const void* rows, Index row_bytes) {
                                       max_rows, num_cpu_threads);
 }
 
+// Passes hold what the threads of the computation have room for.  Where the batch was copied for
+// fewer threads, its rows are grouped again by their numbers.
+void fit_passes_to_threads() {
+  const internal::DistinctRows& held = host::distinct2;
+  const int num_passes = static_cast<int>(held.passes.size());
+  const int max_rows = internal::rows_per_pass(internal::EngineBudget{}, num_cpu_threads);
+  if (internal::largest_pass(held, 0, num_passes) <= max_rows) return;
+  std::vector<int> row_of_entry(host::start2[host::num_docs2]);
+  for (const internal::RowPass& pass : held.passes) {
+    for (int e = pass.first_entry; e < pass.last_entry; ++e) {
+      row_of_entry[e] = pass.first_row + held.row_of_entry[e];
+    }
+  }
+  internal::DistinctRows fitting = distinct_rows_of(row_of_entry.data(), sizeof(int));
+  if (host::X2) {
+    const int m = host::vec_size;
+    const Index rows = std::ssize(fitting.entry_of_row);
+    Array<float> X2 = new_array<float>(elements(rows, m)), Rn2 = new_array<float>(rows);
+    for (Index r = 0; r < rows; ++r) {
+      const int row = row_of_entry[fitting.entry_of_row[r]];
+      std::copy_n(host::X2.get() + elements(row, m), m, X2.get() + elements(r, m));
+      Rn2[r] = host::Rn2[row];
+    }
+    host::X2 = std::move(X2);
+    host::Rn2 = std::move(Rn2);
+  } else {
+    internal::order_rows(host::ind2.get(), fitting);
+  }
+  host::distinct2 = std::move(fitting);
+}
+
 int remove_query_documents() {
   host::weight2.reset();
   host::start2.reset();
@@ -193,20 +229,62 @@ BlockRequest request_of(DistanceSource source, int steps, NearestRule rule) {
           .budget = {}};
 }
 
-// Uninitialised, line-aligned scratch; untouched pages are never committed.  It is asked for at the
-// size that the failure message states, and used up to the size that the computation needs.
+// Uninitialised scratch; untouched pages are never committed.  It is asked for at the size that the
+// failure message states, or at the size that the computation needs if that is larger; what is used
+// begins at the first line in it.
 class Buffer {
  public:
   Buffer(Index asked, Index needed, const std::string& message)
-      : storage_(new (std::nothrow) float[std::max(asked, needed) + internal::line_floats]) {
+      : storage_(allocate(asked, needed)) {
     if (!storage_) internal::fail("Failed to allocate memory for " + message);
     internal::begin_on_large_pages(floats(), needed * sizeof(float));
   }
   [[nodiscard]] float* floats() const { return internal::line_start(storage_.get()); }
 
  private:
+  // Compilers differ in what the expression does for sizes beyond any array.
+  static float* allocate(Index asked, Index needed) {
+    constexpr Index most = std::numeric_limits<Index>::max() / sizeof(float);
+    if (asked < 0 || asked > most) throw std::bad_array_new_length();
+    const Index used = needed > 0 ? needed + internal::line_floats : 0;
+    return new (std::nothrow) float[std::max(asked, used)];
+  }
+
   Array<float> storage_;
 };
+
+// A BLAS that cannot have its memory does not come back, so it is looked for before the first call.
+void require_blas_memory() {
+#ifdef EIGEN_USE_BLAS
+  if (internal::product_scratch(host::vec_size).on_matrix_unit) return;
+  const std::size_t bytes = std::max(num_cpu_threads, 1) * internal::blas_bytes_per_thread;
+  if (internal::fits_address_space(bytes)) return;
+  internal::fail("Failed to allocate memory for dense products: " + std::to_string(bytes));
+#endif
+}
+
+// The tiles do without the buffers below.  They are asked for all the same, so that a process that
+// cannot have what the computation states says so at once; no page of them is ever touched.
+
+std::vector<Buffer> ask_for_weights(bool capacity_steps) {
+  std::vector<Buffer> buffers;
+  if (!capacity_steps) return buffers;
+  buffers.emplace_back(host::num_words, 0, "weight_updated");
+  buffers.emplace_back(host::num_words, 0, "weight_delta");
+  return buffers;
+}
+
+std::vector<Buffer> ask_for_transposed(bool precompute, bool capacity_step) {
+  std::vector<Buffer> buffers;
+  const auto ask = [&](const std::string& name, Index floats) {
+    buffers.emplace_back(floats, 0, name + ": " + std::to_string(floats));
+  };
+  if (!precompute) ask("X2t", elements(host::start2[host::num_docs2], host::vec_size));
+  if (!capacity_step) return buffers;
+  const Index table = elements(host::voc_size, host::num_docs2);
+  for (const char* name : {"minval2_trans", "minval2t_trans", "minweight2_trans"}) ask(name, table);
+  return buffers;
+}
 
 }  // namespace
 
@@ -311,6 +389,7 @@ int internal::attached_words_cpu() { return host::D_ground ? host::voc_size : 0;
 int compute_ground_distances_cpu(float* D_ground) {
   const Index pairs = elements(host::voc_size, host::voc_size);
   internal::advise_large_pages(D_ground, pairs * sizeof(float));
+  require_blas_memory();
   internal::compute_ground_matrix(held_vocabulary(), metric_in_use(host::W_is_unit),
                                   num_cpu_threads, D_ground);
   return 1;
@@ -320,25 +399,30 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
   const DistanceSource source =
       precompute ? DistanceSource::ground_of_word : DistanceSource::vectors;
   const bool capacity_step = delta_iterations > 0;
+  fit_passes_to_threads();
   const BlockRequest request = request_of(source, capacity_step ? 1 : 0, NearestRule::as_asked);
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
 
   const Index n2 = host::start2[host::num_docs2];
   const Index products = n2 * internal::words_of_y(host::voc_size, n2);
   const Index table = elements(host::voc_size, host::num_docs2);
-  const Index step_table = capacity_step ? table : 0;
-  const Index step_needed = capacity_step ? needed.table : 0;
   const std::string table_bytes = std::to_string(table * sizeof(float));
   const Buffer Y(products, needed.panels, "Y: " + std::to_string(products));
-  const Buffer minval2t(step_table, step_needed, "minval2t, size: " + table_bytes);
-  const Buffer minweight2(step_table, step_needed, "minweight2, size: " + table_bytes);
+  std::vector<Buffer> step_tables;
+  if (capacity_step) {
+    step_tables.emplace_back(table, needed.table, "minval2t, size: " + table_bytes);
+    step_tables.emplace_back(table, needed.table, "minweight2, size: " + table_bytes);
+  }
+  const std::vector<Buffer> weights = ask_for_weights(capacity_step);
   const Buffer minval2(table, needed.table, "minval2: " + std::to_string(table));
+  const std::vector<Buffer> transposed = ask_for_transposed(precompute, capacity_step);
 
   BlockBuffers buffers{.panels = Y.floats(), .distance = {minval2.floats()}, .capacity = {}};
   if (capacity_step) {
-    buffers.distance.push_back(minval2t.floats());
-    buffers.capacity.push_back(minweight2.floats());
+    buffers.distance.push_back(step_tables[0].floats());
+    buffers.capacity.push_back(step_tables[1].floats());
   }
+  if (!precompute) require_blas_memory();
   internal::compute_distance_block(held_vocabulary(), held_collection(), held_batch(), request,
                                    buffers, Z);
   return 1;
@@ -347,20 +431,26 @@ int ed_min_vocab_cpu(float* Z, int delta_iterations, bool precompute) {
 int ed_min_vocab_cpu_multi(float* Z, int delta_iterations, bool precompute) {
   const DistanceSource source =
       precompute ? DistanceSource::ground_of_entry : DistanceSource::vectors;
+  fit_passes_to_threads();
   const BlockRequest request = request_of(source, delta_iterations, NearestRule::halving);
   const BlockSizes needed = internal::block_sizes(held_vocabulary(), held_batch(), request);
   const int nearest = internal::nearest_of_batch(held_batch(), request.steps, request.rule);
 
   const Buffer Y(internal::multi_y_floats, needed.panels,
                  "Y: " + std::to_string(internal::multi_y_floats));
-  const Buffer Y_k(0, nearest * needed.table, "Y_k");
-  const Buffer weights_min_k(0, (nearest - 1) * needed.table, "weights_min_k");
+  const Index steps = std::max(delta_iterations, 0);
+  const Index columns = elements(steps + 1, host::voc_size);
+  const Index plain_columns = elements(multi_docs_most, host::voc_size);
+  const Buffer Y_k(steps > 0 ? columns : plain_columns, nearest * needed.table, "Y_k");
+  const Buffer weights_min_k(columns, (nearest - 1) * needed.table, "weights_min_k");
+  const std::vector<Buffer> weights = ask_for_weights(steps > 0);
 
   BlockBuffers buffers{.panels = Y.floats(), .distance = {}, .capacity = {}};
   for (int t = 0; t < nearest; ++t) buffers.distance.push_back(Y_k.floats() + t * needed.table);
   for (int t = 0; t + 1 < nearest; ++t) {
     buffers.capacity.push_back(weights_min_k.floats() + t * needed.table);
   }
+  if (!precompute) require_blas_memory();
   internal::compute_distance_block(held_vocabulary(), held_collection(), held_batch(), request,
                                    buffers, Z);
   return 1;

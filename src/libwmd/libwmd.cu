@@ -90,9 +90,11 @@ std::vector<internal::RowHash> hash_rows(const float* rows, int num_rows, int m)
   return internal::hash_rows(rows, elements(m, sizeof(float)), num_rows, num_cpu_threads);
 }
 
-std::vector<int> number_rows(const float* rows, int m, const int* start, int count) {
-  constexpr int no_limit = std::numeric_limits<int>::max();
-  return internal::find_distinct_rows(rows, elements(std::max(m, 0), sizeof(float)), start, count,
+// One pass over all entries: the offsets of documents are not needed for it.
+std::vector<int> number_rows(const float* rows, int m, int num_rows) {
+  constexpr int no_limit = std::numeric_limits<int>::max(), one_doc = 1;
+  const int start[] = {0, num_rows};
+  return internal::find_distinct_rows(rows, elements(std::max(m, 0), sizeof(float)), start, one_doc,
                                       no_limit, num_cpu_threads)
       .row_of_entry;
 }
@@ -189,7 +191,7 @@ int remove_raw_data2() {
 int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
   std::vector<internal::RowHash> hash = hash_rows(X2, n2, m);
   const auto Rn2 = prepare_rows(X2, n2, m);
-  std::vector<int> row_ids2 = number_rows(X2, m, start2_, num_docs2_);
+  std::vector<int> row_ids2 = number_rows(X2, m, n2);
   remove_vectors2();
   num_docs2 = num_docs2_;
   X2_dev = hold(held.X2, X2, elements(n2, m), "X2");
@@ -238,11 +240,13 @@ int compute_ground_distances(float* D_ground) {
   constexpr const internal::EqualRows* every_word_and_itself = nullptr;
   internal::set_distances_of_equal_rows(words, words, every_word_and_itself, voc_size,
                                         matrix.get());
-  if (D_ground) {
-    cudaMemcpy(D_ground, matrix.get(), elements(voc_size, voc_size) * sizeof(float),
-               cudaMemcpyDeviceToHost);
-  }
   internal::require_launched();
+  if (D_ground) {
+    const std::size_t bytes = elements(voc_size, voc_size) * sizeof(float);
+    if (cudaMemcpy(D_ground, matrix.get(), bytes, cudaMemcpyDeviceToHost) != cudaSuccess) {
+      internal::fail("Failed to copy D_ground");
+    }
+  }
   internal::free_on_device(std::move(matrix), "D_ground_dev");
   return 1;
 }

@@ -137,6 +137,7 @@ inline void convert_products(const DeviceRows& words, const DeviceRows& rows, fl
       launch(cos_to_dist, row_grid(rows.count), block_shape(), rows.count, words.count, products);
       return;
     case Metric::unit_euclidean:
+      require_launched();  // Thrust clears the error of an earlier launch
       transform_in_place(products, elements(rows.count, words.count), c_to_e<float>());
       return;
     case Metric::euclidean:
