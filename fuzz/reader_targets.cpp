@@ -48,12 +48,6 @@ void check(bool kept, const char* promise) {
   std::abort();
 }
 
-bool is_valid_utf8(std::string_view text) {
-  long long replaced = 0;
-  valid_utf8(text, replaced);
-  return replaced == 0;
-}
-
 // A file that lives in memory, for readers that take a path.
 class MemoryFile {
  public:
