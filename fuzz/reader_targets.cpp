@@ -48,12 +48,6 @@ void check(bool kept, const char* promise) {
   std::abort();
 }
 
-bool is_valid_utf8(std::string_view text) {
-  long long replaced = 0;
-  valid_utf8(text, replaced);
-  return replaced == 0;
-}
-
 // A file that lives in memory, for readers that take a path.
 class MemoryFile {
  public:
@@ -76,17 +70,12 @@ const std::string& file_of(std::string_view bytes) {
   return file.holding(bytes);
 }
 
-// An empty directory in memory, where there is one.
+// An empty directory, below TMPDIR.
 const fs::path& scratch() {
   static const struct Scratch {
-    Scratch() {
-      const fs::path shared_memory = "/dev/shm";
-      path = fs::is_directory(shared_memory) ? shared_memory : fs::temp_directory_path();
-      path /= "talvik-fuzz-" + std::to_string(getpid());
-      fs::create_directory(path);
-    }
+    Scratch() { fs::create_directory(path); }
     ~Scratch() { fs::remove_all(path); }
-    fs::path path;
+    fs::path path = fs::temp_directory_path() / ("talvik-fuzz-" + std::to_string(getpid()));
   } directory;
   return directory.path;
 }

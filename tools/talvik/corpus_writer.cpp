@@ -21,12 +21,6 @@ bool is_control_character(char c) {
   return static_cast<unsigned char>(c) < ' ' || c == delete_character;
 }
 
-bool is_valid_utf8(std::string_view text) {
-  long long replaced = 0;
-  valid_utf8(text, replaced);
-  return replaced == 0;
-}
-
 }  // namespace
 
 void require_class_name(const std::string& label, const std::string& place) {

@@ -69,11 +69,9 @@ std::optional<Header> header_of(const std::vector<std::string_view>& fields,
 
 // Raw floats are full of bytes that no text holds.
 bool looks_binary(std::string_view line) {
-  long long invalid = 0;
-  valid_utf8(line, invalid);
-  return invalid > 0 || std::any_of(line.begin(), line.end(), [](char c) {
-           return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r';
-         });
+  return !is_valid_utf8(line) || std::any_of(line.begin(), line.end(), [](char c) {
+    return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r';
+  });
 }
 
 // Dimensions of a file without a header: the numbers at the end of its first row.  At least one

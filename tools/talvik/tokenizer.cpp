@@ -173,6 +173,12 @@ std::string valid_utf8(std::string_view text, long long& replaced) {
   return valid;
 }
 
+bool is_valid_utf8(std::string_view text) {
+  long long replaced = 0;
+  valid_utf8(text, replaced);
+  return replaced == 0;
+}
+
 std::string printable(std::string_view text) {
   std::string shown;
   for (const unsigned char byte : text) {

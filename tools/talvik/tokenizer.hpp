@@ -33,6 +33,8 @@ std::vector<std::string> tokenize(std::string_view text, const TokenRules& rules
 /// The text with U+FFFD for every invalid or cut UTF-8 sequence; their number is added to replaced.
 std::string valid_utf8(std::string_view text, long long& replaced);
 
+bool is_valid_utf8(std::string_view text);
+
 /// The text as a message may show it: control characters as \xNN, what is no UTF-8 as U+FFFD.
 std::string printable(std::string_view text);
 
