@@ -16,8 +16,8 @@ namespace {
 int blas_threads(char** environment) {
   cpu_set_t processors;
   CPU_ZERO(&processors);
-  int threads = sched_getaffinity(0, sizeof processors, &processors) == 0 ? CPU_COUNT(&processors)
-                                                                           : 1;
+  int threads =
+      sched_getaffinity(0, sizeof processors, &processors) == 0 ? CPU_COUNT(&processors) : 1;
   for (; *environment; ++environment) {
     const std::string_view variable = *environment;
     for (const std::string_view name : {"OPENBLAS_NUM_THREADS=", "OMP_NUM_THREADS="}) {
@@ -38,7 +38,8 @@ void require_address_space(int /*argc*/, char** /*argv*/, char** environment) {
   _exit(1);
 }
 
-[[gnu::used, gnu::section(".preinit_array")]] void (*const load_check)(int, char**, char**) =
-    require_address_space;
+[[gnu::used,
+  gnu::section(".preinit_array")]] void (*const load_check)(int, char**,
+                                                            char**) = require_address_space;
 
 }  // namespace
