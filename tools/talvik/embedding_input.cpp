@@ -195,7 +195,8 @@ WordSet read_embedding_words(const std::string& path) {
 
 std::string quoted(std::string_view word) {
   constexpr size_t longest = 40;
-  return "'" + printable(word.substr(0, longest)) + (word.size() > longest ? "...'" : "'");
+  return fmt::format("'{}{}'", printable(word.substr(0, longest)),
+                     word.size() > longest ? "..." : "");
 }
 
 }  // namespace talvik::tool
