@@ -4,6 +4,7 @@
 #include <unistd.h>  // sysconf
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <thread>
@@ -85,13 +86,38 @@ MemoryPlan plan_memory(const RunShape& shape) {
 
 std::string in_gib(double bytes) { return fmt::format("{:.2f} GiB", bytes / gib); }
 
+namespace {
+
+// The lowest limit of this process's control group and those above it.
+double control_group_bytes(const std::string& root, const std::string& group, const char* file) {
+  double lowest = std::numeric_limits<double>::infinity();
+  for (std::filesystem::path path = group;; path = path.parent_path()) {
+    double bytes = 0;
+    if (std::ifstream(root + path.string() + "/" + file) >> bytes && bytes > 0) {
+      lowest = std::min(lowest, bytes);
+    }
+    if (!path.has_relative_path()) return lowest;
+  }
+}
+
+}  // namespace
+
 double machine_memory_bytes() {
   double bytes =
       static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGE_SIZE));
-  for (const char* limit :
-       {"/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory/memory.limit_in_bytes"}) {
-    double contained = 0;
-    if (std::ifstream(limit) >> contained && contained > 0) bytes = std::min(bytes, contained);
+  // Lines "number:controllers:path"; the one without controllers is of version 2.
+  std::ifstream groups("/proc/self/cgroup");
+  for (std::string line; std::getline(groups, line);) {
+    const size_t controllers = line.find(':') + 1, path = line.find(':', controllers) + 1;
+    if (controllers == 0 || path == 0) continue;
+    const std::string names = line.substr(controllers, path - 1 - controllers);
+    const std::string group = line.substr(path);
+    if (names.empty()) {
+      bytes = std::min(bytes, control_group_bytes("/sys/fs/cgroup", group, "memory.max"));
+    } else if (names.find("memory") != std::string::npos) {
+      bytes = std::min(
+          bytes, control_group_bytes("/sys/fs/cgroup/memory", group, "memory.limit_in_bytes"));
+    }
   }
   return bytes;
 }

@@ -43,7 +43,7 @@ MemoryPlan plan_memory(const RunShape& shape);
 /// "1.50 GiB".
 std::string in_gib(double bytes);
 
-/// Memory of this machine, or of the container where that has less.
+/// Memory of this machine, or of the control groups of this process where those have less.
 double machine_memory_bytes();
 
 /// The refusal of a run, or an empty text.
