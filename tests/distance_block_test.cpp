@@ -6,11 +6,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>  // ssize
-#include <new>       // bad_alloc
-#include <numeric>
+#include <new>  // bad_alloc
 #include <random>
-#include <set>
 #include <vector>
 
 #include "internal/team.hpp"
@@ -20,6 +17,7 @@
 #include "support/engine.hpp"
 #include "support/instruction_sets.hpp"
 #include "support/oracle.hpp"
+#include "support/pipelines.hpp"  // nearest_first
 #include "support/world.hpp"
 
 namespace talvik::internal {
@@ -46,6 +44,10 @@ std::vector<float> block_within(const Limits& limits, const World& world, int st
 
   DistinctRows distinct = find_distinct_rows(batch.ind.data(), sizeof(int), batch.start.data(),
                                              batch.num_docs, limits.max_rows, threads);
+  for (const RowPass& pass : distinct.passes) {  // every word at most once
+    EXPECT_LE(pass.last_row - pass.first_row, std::min(limits.max_rows, voc_size));
+  }
+  EXPECT_EQ(distinct.passes.size() == 1, limits.max_rows >= voc_size);
   if (source != DistanceSource::vectors) order_rows(batch.ind.data(), distinct);
   std::vector<float> rows, row_norms;
   for (const int entry : distinct.entry_of_row) {
@@ -65,9 +67,8 @@ std::vector<float> block_within(const Limits& limits, const World& world, int st
   std::vector<float> panels(sizes.panels), Z(resident.num_docs * batch.num_docs, -1.0f);
   std::vector<std::vector<float>> tables(2 * nearest - 1, std::vector<float>(sizes.table));
   BlockBuffers buffers{panels.data(), {}, {}};
-  for (auto& table : tables) {
-    const bool is_distance = std::ssize(buffers.distance) < nearest;
-    (is_distance ? buffers.distance : buffers.capacity).push_back(table.data());
+  for (int t = 0; t < 2 * nearest - 1; ++t) {
+    (t < nearest ? buffers.distance : buffers.capacity).push_back(tables[t].data());
   }
   compute_distance_block(
       vocabulary,
@@ -89,8 +90,7 @@ TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
                                         DistanceSource::ground_of_entry}) {
       for (const Limits& limits : all_limits) {
         SCOPED_TRACE(testing::Message()
-                     << "steps " << steps << ", budget " << limits.budget.panel_floats << ", "
-                     << limits.max_rows << " rows");
+                     << "steps " << steps << ", budget " << &limits - all_limits);
         const auto compare = [&] {
           test::expect_near(expected, block_within(limits, world, steps, source));
         };
@@ -100,29 +100,9 @@ TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
   }
 }
 
-TEST(DistinctRows, PassesHoldEveryRowOnceAndNoMoreThanMayBe) {
-  const Csr batch(test::crowded_world().queries);
-  for (const int max_rows : {1, 7, 40, 100000}) {
-    const DistinctRows found = find_distinct_rows(batch.ind.data(), sizeof(int), batch.start.data(),
-                                                  batch.num_docs, max_rows, 2);
-    EXPECT_EQ(found.passes.size() == 1, max_rows == 100000);
-    for (const RowPass& pass : found.passes) {
-      EXPECT_LE(pass.last_row - pass.first_row, max_rows);
-      std::set<int> words;
-      for (int r = pass.first_row; r < pass.last_row; ++r) {
-        EXPECT_TRUE(words.insert(batch.ind[found.entry_of_row[r]]).second);
-      }
-    }
-  }
-}
-
 // Expects the k first of a full sort in which NaN comes last and equal values keep their order.
 void expect_smallest(const std::vector<float>& values, int k) {
-  std::vector<int> order(values.size());
-  std::iota(order.begin(), order.end(), 0);
-  std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
-    return std::isnan(values[b]) ? !std::isnan(values[a]) : values[a] < values[b];
-  });
+  std::vector<int> order = test::nearest_first(values, 0, static_cast<int>(values.size()));
   order.resize(k);
   test::on_every_instruction_set([&] {
     std::vector<Candidate> smallest;
@@ -155,14 +135,12 @@ TEST(Selection, MatchesAFullSortForEveryK) {
 }
 
 TEST(Team, ExceptionOfAThreadReachesTheCaller) {
-  const auto fail_at = [](int item) {
-    for_each_share(3, 10, [item](int first, int last, int) {
-      if (first <= item && item < last) throw std::bad_alloc();
-    });
-  };
-  EXPECT_NO_THROW(fail_at(10));
-  EXPECT_THROW(fail_at(0), std::bad_alloc);
-  EXPECT_THROW(fail_at(9), std::bad_alloc);
+  for (const int failing : {0, 9}) {
+    const auto fail = [&](int first, int last, int) {
+      if (first <= failing && failing < last) throw std::bad_alloc();
+    };
+    EXPECT_THROW(for_each_share(3, 10, fail), std::bad_alloc);
+  }
 }
 
 TEST(Blas, SettingOfTheHostProgramIsBackAfterwards) {

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <numeric>
+#include <tuple>
 #include <vector>
 
 #include "support/instruction_sets.hpp"
@@ -41,44 +41,47 @@ std::vector<Mode> every_mode() {
   return modes;
 }
 
-void apply_settings(const Mode& mode) {
-  use_cosine = mode.cosine;
-  normalize_embeddings = mode.normalise;
-}
-
-class Engine : public ::testing::TestWithParam<Mode> {
+class Engines : public testing::Test {
  protected:
-  ~Engine() override { apply_settings({}); }
+  ~Engines() override { use_cosine = normalize_embeddings = false; }
 };
 
-TEST_P(Engine, MatchesTheOracle) {
-  const Mode& mode = GetParam();
-  const World world = crowded_world();
-  apply_settings(mode);
+// Calls body under the mode's settings, once for each instruction set if the rule is the one-step
+// rule.  Longer lists meet every instruction set in the tests of the block itself.
+template <class Body>
+void run(const Mode& mode, const Body& body) {
+  SCOPED_TRACE(testing::Message() << "rule " << static_cast<int>(mode.rule) << ", steps "
+                                  << mode.steps << ", ground " << mode.ground << ", cosine "
+                                  << mode.cosine << ", normalise " << mode.normalise);
+  use_cosine = mode.cosine;
+  normalize_embeddings = mode.normalise;
   num_cpu_threads = 1 + (mode.steps + 1) % 4;
-  const std::vector<double> expected = oracle_block(world, mode.steps, mode.rule);
-  const auto compare = [&] {
-    expect_near(expected, distance_block(world, mode.steps, mode.rule, mode.ground));
-  };
-  // The other rule's longer lists meet every instruction set in the tests of the block itself.
-  mode.rule == StepRule::single ? on_every_instruction_set(compare) : compare();
+  mode.rule == StepRule::single ? on_every_instruction_set(body) : body();
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, Engine, ::testing::ValuesIn(every_mode()));
+void expect_oracle(const World& world, const Mode& mode) {
+  run(mode, [&] {
+    expect_near(oracle_block(world, mode.steps, mode.rule),
+                distance_block(world, mode.steps, mode.rule, mode.ground));
+  });
+}
 
-TEST(Engines, EntriesInAnyOrderMeetTheBlockOfTheirWord) {
+TEST_F(Engines, MatchTheOracle) {
+  for (const Mode& mode : every_mode()) expect_oracle(crowded_world(), mode);
+}
+
+TEST_F(Engines, EntriesInAnyOrderMeetTheBlockOfTheirWord) {
   // 41 tables for 83 documents: the words fill two blocks of tables.
-  const World world = random_world({.voc_size = 6000,
-                                    .vec_size = 1,
-                                    .num_resident = 5,
-                                    .num_queries = 83,
-                                    .max_words = 40,
-                                    .whole_numbers = true});
-  expect_near(oracle_block(world, 20, StepRule::halving),
-              distance_block(world, 20, StepRule::halving, false));
+  expect_oracle(random_world({.voc_size = 6000,
+                              .vec_size = 1,
+                              .num_resident = 5,
+                              .num_queries = 83,
+                              .max_words = 40,
+                              .whole_numbers = true}),
+                {StepRule::halving, 20});
 }
 
-TEST(Engines, NothingToDoIsNoFailure) {
+TEST_F(Engines, NothingToDoIsNoFailure) {
   std::vector<World> worlds(5, random_world({}));
   worlds[0].queries.clear();
   worlds[1].resident.clear();
@@ -87,166 +90,120 @@ TEST(Engines, NothingToDoIsNoFailure) {
   worlds[4] = random_world({.vec_size = 0});  // all words in one place
   for (const World& world : worlds) {
     for (const StepRule rule : rules_to_run()) {
-      expect_near(oracle_block(world, 1, rule), distance_block(world, 1, rule, false));
-      if (rule == StepRule::halving) continue;  // slow, and nothing of its own
-      expect_near(oracle_block(world, 1, rule), distance_block(world, 1, rule, true));
+      expect_oracle(world, {rule, 1});
+      // The halving rule is slow, and its ground distances are those of the one-step rule.
+      if (rule != StepRule::halving) expect_oracle(world, {rule, 1, true});
     }
   }
 }
 
 // Only one rule has a longest distance, none a largest weight; and the negative weights of a long
 // document mean nothing to a short one beside it.
-TEST(Engines, DistancesAndWeightsOfAnySizeAndSignMatchTheOracle) {
+TEST_F(Engines, DistancesAndWeightsOfAnySizeAndSignMatchTheOracle) {
   const DocumentSet queries{{{2, 1.0f}},
                             {{0, .5f}, {3, -1.0f}},
                             {{3, -1.0f}, {0, .5f}, {1, .5f}},
                             {{0, .5f}, {3, -1.0f}, {4, -.25f}, {2, .5f}}};
   const DocumentSet resident{{{1, 1.0f}}, {{4, -.5f}, {0, 1.0f}}, {{2, 2.0f}, {3, .125f}}};
   const World worlds[] = {
-      {{.voc_size = 5, .vec_size = 1}, {0, 1e16f, -1e16f, 1, 2}, resident, queries, {}, {}},
-      {{.voc_size = 3, .vec_size = 1},
-       {0, 1, 2},
-       {{{0, 3e30f}}},
-       {{{1, 2e30f}, {2, 5e30f}}},
-       {},
-       {}}};
+      {{.voc_size = 5, .vec_size = 1}, {0, 1e16f, -1e16f, 1, 2}, resident, queries},
+      {{.voc_size = 3, .vec_size = 1}, {0, 1, 2}, {{{0, 3e30f}}}, {{{1, 2e30f}, {2, 5e30f}}}}};
   for (const World& world : worlds) {
-    for (const bool cosine : {false, true}) {
-      apply_settings({.rule = StepRule::single, .steps = 0, .cosine = cosine});
-      for (const StepRule rule : rules_to_run()) {
-        for (const int steps : {0, 1, 3}) {
-          SCOPED_TRACE(testing::Message()
-                       << "steps " << steps << ", rule " << static_cast<int>(rule));
-          expect_near(oracle_block(world, steps, rule), distance_block(world, steps, rule, false));
-        }
+    for (const StepRule rule : rules_to_run()) {
+      for (const int steps : {0, 1, 3}) {
+        for (const bool cosine : {false, true}) expect_oracle(world, {rule, steps, false, cosine});
       }
     }
   }
-  apply_settings({});
+}
+
+// An example beside the oracle, which could make the engines' own mistakes.
+TEST_F(Engines, WeightMovesToTheNearestWordsInTurn) {
+  // Word 0 has the words 1, 2, 3 and 4 at distances 1, 3, 7 and 20, and each takes a quarter.
+  const World world{{.voc_size = 5, .vec_size = 1},
+                    {0, 1, 3, 7, 20},
+                    {{{0, 1.0f}}},
+                    {{{3, .25f}, {1, .25f}, {4, .25f}, {2, .25f}}}};
+  const std::vector<float> expected{1, 2.5f, 4.5f, 7.75f};  // the last is the exact transport
+  for (const StepRule rule : rules_to_run()) {
+    for (const int steps : {0, 1, 2, 3}) {
+      const float distance = expected[rule == StepRule::single ? std::min(steps, 1) : steps];
+      EXPECT_EQ(distance_block(world, steps, rule, false), std::vector{distance});
+    }
+  }
 }
 
 // Products are rounded in many ways, so that near words may come out nearer than equal ones.
-TEST(Engines, WordsThatDocumentsShareAreAtDistanceZero) {
+TEST_F(Engines, WordsThatDocumentsShareAreAtDistanceZero) {
   constexpr int m = 33;
-  const WorldShape shape{.vec_size = m, .num_resident = 40, .max_words = 20};
-  World world = random_world(shape);
-  const auto scale = [&](int from, int to, float factor) {
-    const float* row = &world.embeddings[from * m];
-    std::transform(row, row + m, &world.embeddings[to * m], [=](float x) { return factor * x; });
-  };
-  for (int word = 0; word < shape.voc_size; ++word) scale(word, word, 30);
-  scale(4, 5, 1), scale(6, 7, 3), scale(8, 9, 1.0000001f);  // equal, of one direction, nearly equal
-  world.resident.push_back({{4, .5f}, {5, .5f}, {6, .5f}, {7, .5f}, {8, .5f}, {9, .5f}});
-  world.queries = world.resident;
-  const size_t docs = world.queries.size();
   for (const Mode& mode : every_mode()) {
-    // The products of rows of any length have no bound, so none is nearest to itself.
-    if (mode.ground || (mode.cosine && !mode.normalise)) continue;
-    apply_settings(mode);
-    const auto compare = [&] {
-      const std::vector<float> Z = distance_block(world, mode.steps, mode.rule, false);
-      for (size_t d = 0; d < docs; ++d) ASSERT_EQ(Z[d * docs + d], 0) << "document " << d;
+    if (mode.ground) continue;
+    // The cosine of rows as they come knows equal words where their length is 1, up to rounding.
+    // Even then it has no lower bound, so that a document may not hold a nearly equal word.
+    const bool unit = mode.cosine && !mode.normalise;
+    World world = random_world({.vec_size = m, .num_resident = 40, .max_words = unit ? 1 : 20});
+    const auto scale = [&](int from, int to, float factor) {
+      const float* row = &world.embeddings[from * m];
+      std::transform(row, row + m, &world.embeddings[to * m], [=](float x) { return factor * x; });
     };
-    mode.rule == StepRule::single ? on_every_instruction_set(compare) : compare();
-  }
-  apply_settings({});
-}
-
-// Scaling may be done in the caller's array, from which query rows are taken afterwards.
-TEST(Engines, EqualRowsAreKnownWhicheverIsCopiedFirst) {
-  const World world = random_world({.voc_size = 30, .vec_size = 33});
-  std::vector<int> words(30), start(31);
-  std::iota(words.begin(), words.end(), 0);
-  std::iota(start.begin(), start.end(), 0);
-  std::vector<float> weight(30, 1.0f), Z(900);
-  normalize_embeddings = true;
-  for (const StepRule rule : rules_to_run()) {
-    const bool use_gpu = engine_of(rule);
-    for (const bool vocabulary_first : {false, true}) {
-      std::vector<float> W = world.embeddings, X = W;
-      if (vocabulary_first) internal::load_vocabulary(use_gpu, 30, 33, W.data());
-      if (vocabulary_first) X = W;
-      internal::load_batch_vectors(use_gpu, 30, 33, X.data(), weight.data(), 30, start.data());
-      if (!vocabulary_first) internal::load_vocabulary(use_gpu, 30, 33, W.data());
-      internal::load_resident(use_gpu, 30, words.data(), weight.data(), 30, start.data());
-      function_of(rule)(Z.data(), 0, false);
-      for (int word = 0; word < 30; ++word) EXPECT_EQ(Z[word * 31], 0) << "word " << word;
-      internal::release_batch(use_gpu, false);
-      internal::release_vocabulary(use_gpu);
-      internal::release_resident(use_gpu);
+    for (int word = 0; word < world.shape.voc_size; ++word) {
+      const float* row = &world.embeddings[word * m];
+      const float length = std::sqrt(std::inner_product(row, row + m, row, 0.0f));
+      scale(word, word, unit ? 1 / length : 30);
+    }
+    if (!unit) {  // words that are equal, of one direction, nearly equal
+      scale(4, 5, 1), scale(6, 7, 3), scale(8, 9, 1.0000001f);
+      world.resident.push_back({{4, .5f}, {5, .5f}, {6, .5f}, {7, .5f}, {8, .5f}, {9, .5f}});
+    }
+    world.queries = world.resident;
+    const size_t docs = world.queries.size();
+    for (const CopyOrder order :
+         {CopyOrder::rows_as_given, CopyOrder::vocabulary_first, CopyOrder::batch_first}) {
+      if (order != CopyOrder::rows_as_given && !mode.normalise) continue;
+      run(mode, [&] {
+        const std::vector<float> Z = distance_block(world, mode.steps, mode.rule, false, order);
+        for (size_t d = 0; d < docs; ++d) ASSERT_EQ(Z[d * docs + d], 0) << "document " << d;
+      });
     }
   }
-  apply_settings({});
 }
 
-TEST(Engines, CosineOfRowsThatCameAtUnitLengthIsZeroForEqualOnes) {
-  // Their squared norms are 1 up to rounding.  Word 1 has no direction, word 2 is of length 2.
-  World world = random_world({.voc_size = 40, .vec_size = 33, .num_resident = 0});
-  for (unsigned word = 0; word < 40; ++word) {
-    float* row = &world.embeddings[word * 33];
-    const float length = std::sqrt(std::inner_product(row, row + 33, row, 0.0f));
-    const float wanted = word == 1 ? 0 : word == 2 ? 2 : 1;
-    std::transform(row, row + 33, row, [=](float x) { return x * (wanted / length); });
-    world.resident.push_back({{word, 1.0f}});
-  }
-  world.queries = world.resident;
-  apply_settings({.rule = StepRule::single, .steps = 0, .cosine = true});
-  for (const StepRule rule : rules_to_run()) {
-    const std::vector<float> Z = distance_block(world, 0, rule, false);
-    for (int word = 0; word < 40; ++word) {
-      EXPECT_NEAR(Z[word * 41],
-                  word == 1   ? 1
-                  : word == 2 ? -3
-                              : 0,
-                  word == 2 ? 1e-6 : 0)
-          << "word " << word;
-    }
-  }
-  apply_settings({});
-}
-
-TEST(Engines, NormalisationSwitchedAfterTheCopiesKeepsTheOrderOfDistances) {
-  struct Switch {
-    bool at_copies;
-    float words[2];
-    double square;  // of the distance of word 0 to the nearer of both
-  };
-  const Switch switches[] = {{false, {1, 3}, 0}, {false, {2, 3}, 6}, {true, {.1f, .2f}, 1.95}};
-  for (const auto& [at_copies, words, square] : switches) {
-    World world{{.voc_size = 2, .vec_size = 1}, {words[0], words[1]}, {}, {}, {}, {}};
-    world.resident = {{{0, 1.0f}}};
-    world.queries = {{{0, 0.5f}, {1, 0.5f}}};
+TEST_F(Engines, NormalisationSwitchedAfterTheCopiesKeepsTheOrderOfDistances) {
+  using Switch = std::tuple<bool, float, float, double>;
+  for (const auto& [at_copies, first, second, square] :
+       {Switch{false, 1, 3, 0}, Switch{false, 2, 3, 6}, Switch{true, .1f, .2f, 1.95}}) {
+    const World world{
+        {.voc_size = 2, .vec_size = 1}, {first, second}, {{{0, 1.0f}}}, {{{0, .5f}, {1, .5f}}}};
     for (const auto function : {ed_min_vocab_cpu, ed_min_vocab_cpu_multi}) {
       normalize_embeddings = at_copies;
       const std::vector<float> Z = distance_block(world, cpu_engine, false, [&](float* out) {
-        normalize_embeddings = !at_copies;
+        normalize_embeddings = !normalize_embeddings;
         function(out, 0, false);
       });
-      EXPECT_NEAR(Z[0], std::sqrt(square), 1e-6);
+      EXPECT_NEAR(Z[0], std::sqrt(square), 1e-6);  // to the nearer of the two words
     }
   }
-  apply_settings({});
 }
 
-TEST(Engines, WordWithoutAVectorIsFarAway) {
-  World world{{.voc_size = 3, .vec_size = 2}, {NAN, 0, 3, 4, 6, 8}, {}, {}, {}, {}};
-  world.resident = {{{0, 1.0f}}, {{1, 1.0f}}};
-  world.queries = {{{2, 1.0f}, {1, 1.0f}}, {{2, 1.0f}, {0, 1.0f}}, {{0, 1.0f}, {2, 1.0f}}};
+TEST_F(Engines, WordWithoutAVectorIsFarAway) {
+  const World world{{.voc_size = 3, .vec_size = 2},
+                    {NAN, 0, 3, 4, 6, 8},
+                    {{{0, 1.0f}}, {{1, 1.0f}}},
+                    {{{2, 1.0f}, {1, 1.0f}}, {{2, 1.0f}, {0, 1.0f}}, {{0, 1.0f}, {2, 1.0f}}}};
+  const std::vector<float> expected{1e30f, 0, 1e30f, 5, 1e30f, 5};
   for (const StepRule rule : rules_to_run()) {
-    for (const bool ground : {false, true}) {
-      const auto compare = [&] {
-        for (const int steps : {0, 1}) {
-          EXPECT_EQ(distance_block(world, steps, rule, ground),
-                    (std::vector<float>{1e30f, 0, 1e30f, 5, 1e30f, 5}));
-        }
-      };
-      rule == StepRule::single ? on_every_instruction_set(compare) : compare();
+    for (const int steps : {0, 1}) {
+      for (const bool ground : {false, true}) {
+        run({rule, steps}, [&] {
+          EXPECT_EQ(distance_block(world, steps, rule, ground), expected) << "ground " << ground;
+        });
+      }
     }
   }
 }
 
-TEST(Engines, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
-  World world{{.voc_size = 2}, {}, {{{0, 1.0f}}}, {{{1, 1.0f}}}, {}, {}};
+TEST_F(Engines, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
+  World world{{.voc_size = 2}, {}, {{{0, 1.0f}}}, {{{1, 1.0f}}}};
   world.ground = {0, 1, 2, 0};  // [word 0][word 1] = 1, [word 1][word 0] = 2
   for (const StepRule rule : rules_to_run()) {
     const float expected = rule == StepRule::single ? 1 : 2;  // row of the vocabulary, or the query
@@ -254,11 +211,12 @@ TEST(Engines, AsymmetricGroundDistancesAreReadByRowOfTheRightWord) {
   }
 }
 
-TEST(Engines, GroundDistancesAreTheWordDistancesOfEveryPair) {
+TEST_F(Engines, GroundDistancesAreTheWordDistancesOfEveryPair) {
   const World world = random_world({.voc_size = 600});  // the last tile is partial
   for (const Mode& mode : every_mode()) {
     if (mode.steps != 1 || mode.rule == StepRule::halving) continue;  // every setting, once
-    apply_settings(mode);
+    use_cosine = mode.cosine;
+    normalize_embeddings = mode.normalise;
     const std::vector<float> D = ground_matrix(world, engine_of(mode.rule));
     for (unsigned pair = 0; pair < D.size(); ++pair) {
       const unsigned u = pair / 600, v = pair % 600;
@@ -267,38 +225,6 @@ TEST(Engines, GroundDistancesAreTheWordDistancesOfEveryPair) {
           << u << ", " << v;
       ASSERT_TRUE(D[pair] == D[v * 600 + u] || engine_of(mode.rule) == gpu_engine);
     }
-  }
-  apply_settings({});
-}
-
-// The least cost of moving one document's weight to the other's, for words on a line: the area
-// between their distribution functions.  It knows nothing of nearest words, and so is a witness
-// against an oracle that makes the engine's own mistakes.
-double exact_transport(const World& world, const Document& from, const Document& to) {
-  std::map<float, double> excess;
-  for (const auto& [word, weight] : from) excess[world.embeddings[word]] += weight;
-  for (const auto& [word, weight] : to) excess[world.embeddings[word]] -= weight;
-  double area = 0, carried = 0, last = 0;
-  for (const auto& [place, weight] : excess) {
-    area += std::fabs(carried) * (place - last);
-    carried += weight;
-    last = place;
-  }
-  return area;
-}
-
-TEST(Engines, DistancesGrowWithTheStepsAndStayBelowTheExactTransport) {
-  const World world = random_world(
-      {.vec_size = 1, .num_resident = 40, .num_queries = 40, .min_words = 4});  // nothing is halved
-  std::vector<float> fewer(1600, 0);
-  for (const int steps : {0, 1, 3}) {
-    const std::vector<float> Z = distance_block(world, steps, StepRule::halving, false);
-    for (size_t at = 0; at < Z.size(); ++at) {
-      ASSERT_LE(Z[at],
-                exact_transport(world, world.resident[at % 40], world.queries[at / 40]) + 1e-3);
-      ASSERT_GE(Z[at], fewer[at] - 1e-5) << "steps " << steps << ", at " << at;
-    }
-    fewer = Z;
   }
 }
 

@@ -59,11 +59,20 @@ struct Csr {
   std::vector<float> weight;
 };
 
+/// What is copied first.  Normalisation may scale the caller's rows in their place, from which the
+/// batch takes its own.
+enum class CopyOrder {
+  rows_as_given,     ///< the batch takes its rows before the vocabulary is copied
+  vocabulary_first,  ///< and afterwards here
+  batch_first        ///< the batch takes its rows and is copied, then the vocabulary
+};
+
 /// Z of the whole world as one batch: Z[d * resident documents + i].
 /// @param compute  void(float* Z), run while the world is loaded
 template <class Compute>
 std::vector<float> distance_block(const World& world, bool use_gpu, bool ground,
-                                  const Compute& compute) {
+                                  const Compute& compute,
+                                  CopyOrder order = CopyOrder::rows_as_given) {
   const int voc_size = world.shape.voc_size, vec_size = world.shape.vec_size;
   Csr resident(world.resident), batch(world.queries);
   std::vector<float> embeddings = world.embeddings, D, X(batch.entries * vec_size);
@@ -75,11 +84,17 @@ std::vector<float> distance_block(const World& world, bool use_gpu, bool ground,
     internal::load_batch_indices(use_gpu, batch.entries, batch.ind.data(), batch.weight.data(),
                                  batch.num_docs, batch.start.data());
   } else {
+    const auto copy_vocabulary_at = [&](CopyOrder place) {
+      if (place != order) return;
+      internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings.data());
+    };
+    copy_vocabulary_at(CopyOrder::vocabulary_first);
     setup_vectors(embeddings.data(), vec_size, world.queries, 0, batch.num_docs, X.data(),
                   batch.start.data(), batch.weight.data());
-    internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings.data());
+    copy_vocabulary_at(CopyOrder::rows_as_given);
     internal::load_batch_vectors(use_gpu, batch.entries, vec_size, X.data(), batch.weight.data(),
                                  batch.num_docs, batch.start.data());
+    copy_vocabulary_at(CopyOrder::batch_first);
   }
   std::vector<float> Z(resident.num_docs * batch.num_docs, -1.0f);
   compute(Z.data());
@@ -94,10 +109,10 @@ std::vector<float> distance_block(const World& world, bool use_gpu, bool ground,
 }
 
 /// The same by the function of a rule.
-inline std::vector<float> distance_block(const World& world, int steps, StepRule rule,
-                                         bool ground) {
-  return distance_block(world, engine_of(rule), ground,
-                        [&](float* Z) { function_of(rule)(Z, steps, ground); });
+inline std::vector<float> distance_block(const World& world, int steps, StepRule rule, bool ground,
+                                         CopyOrder order = CopyOrder::rows_as_given) {
+  const auto compute = [&](float* Z) { function_of(rule)(Z, steps, ground); };
+  return distance_block(world, engine_of(rule), ground, compute, order);
 }
 
 /// Distances reach the oracle within float rounding; squared distances near 0 lose half of their

@@ -29,7 +29,7 @@ struct World {
   WorldShape shape;
   std::vector<float> embeddings;
   DocumentSet resident, queries;
-  LabelList resident_labels, query_labels;
+  LabelList resident_labels = {}, query_labels = {};
   std::vector<float> ground = {};  ///< word distances, where they are not those of embeddings
 };
 
@@ -62,7 +62,7 @@ inline DocumentSet random_documents(const WorldShape& shape, int count, std::mt1
 
 inline World random_world(const WorldShape& shape) {
   std::mt19937 random(shape.seed);
-  World world{shape, std::vector<float>(shape.voc_size * shape.vec_size), {}, {}, {}, {}};
+  World world{shape, std::vector<float>(shape.voc_size * shape.vec_size), {}, {}};
   std::normal_distribution<float> component;
   std::uniform_int_distribution<int> whole(-3, 3);
   for (float& x : world.embeddings) x = shape.whole_numbers ? whole(random) : component(random);
