@@ -29,13 +29,14 @@ using test::World;
 struct Limits {
   EngineBudget budget;
   int max_rows;
+  int threads = 3;
 };
 
 // The block of a world whose resident documents ascend by word, from working memory of exactly the
 // sizes that the budget asks for.
 std::vector<float> block_within(const Limits& limits, const World& world, int steps,
                                 DistanceSource source) {
-  constexpr int threads = 3;
+  const int threads = limits.threads;
   const int voc_size = world.shape.voc_size, m = world.shape.vec_size;
   const Csr resident(world.resident), batch(world.queries);
   std::vector<float> W = world.embeddings, norms(round_up(voc_size, line_floats));
@@ -83,7 +84,8 @@ TEST(DistanceBlock, IsTheSameUnderEveryBudget) {
   // Documents of up to 12 entries, and one of 40, in passes of 5 and 25 rows: several passes for
   // one document, and several documents for one pass.  The last one has several strips in a panel.
   const EngineBudget tiny{1, 1, 1}, small{3000, 3000, 3000}, wide{30'000, 30'000, 1};
-  const Limits all_limits[] = {{tiny, 5}, {small, 5}, {small, 25}, {tiny, 1000}, {wide, 25}};
+  const Limits all_limits[] = {{tiny, 5},    {small, 5}, {small, 25},
+                               {tiny, 1000}, {wide, 25}, {{}, 5, 1}};
   for (const int steps : {0, 1, 2, 7, 15, 20}) {
     const std::vector<double> expected = test::oracle_block(world, steps, test::StepRule::halving);
     for (const DistanceSource source : {DistanceSource::vectors, DistanceSource::ground_of_word,

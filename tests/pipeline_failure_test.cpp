@@ -42,11 +42,11 @@ void split_resident(int steps = 0, const char* output_file = "/dev/null") {
                  num_words2, &D, true, output_file, false);
 }
 
-void scale_out(const char* output_file) {
+void scale_out(const char* output_file, bool compute_topk = true) {
   std::vector<float> D_max(9 * 12);
   rwmd2_scaleout_wrapper(50, world.embeddings.data(), 5, 3, 0, false, world.resident,
                          world.resident_labels, 12, num_words1, world.queries, world.query_labels,
-                         9, num_words2, D_max.data(), true, output_file, false);
+                         9, num_words2, D_max.data(), compute_topk, output_file, false);
 }
 
 // Process 0 is said to hold 2^30 documents, so that the matrix is larger than any address space.
@@ -99,7 +99,10 @@ const std::vector<Failure> failures{
     {1, "A document holds word 50, but the vocabulary has 50 words",
      [] { world.resident[0][0].first = 50, split_resident(); }},
     {1, "A document holds word 4294967295, but the vocabulary has 50 words",
-     [] { world.queries.back().back().first = -1u, split_resident(); }},
+     [] { world.resident[1][0].first = -1u, split_resident(); }},
+    // In the second process's part of the queries.
+    {2, "A document holds word 50, but the vocabulary has 50 words",
+     [] { world.queries.back().back().first = 50, scale_out(nullptr, false); }},
     // The attached matrix decides, whatever vocabulary is announced.
     {1, "A document holds word 1, but the vocabulary has 1 words",
      [] {

@@ -299,6 +299,8 @@ TEST_P(Pipelines, EmptyCollectionsGiveEmptyResults) {
   world.queries.assign(11, {});  // a batch without entries, 1e30 away
   world.resident.assign(14, {{0, 1.0f}});
   expect_split(run(3, 1));
+  world.queries.back() = {{7, 0.5f}};  // and one that takes half of a weight
+  expect_split(run(3, 1));
 }
 
 TEST_P(Pipelines, TheRunAfterAFailedAllocationIsRight) {

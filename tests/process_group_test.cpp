@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <ctime>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -39,6 +40,8 @@ TEST(Identity, ComesFromTheLauncherAndIsPrinted) {
   init();
   EXPECT_EQ((std::vector{local_rank, local_size}), (std::vector{0, 1}));
 }
+
+TEST(Clock, ShowsTheTimeOfDay) { EXPECT_NEAR(When(), static_cast<double>(std::time(nullptr)), 2); }
 
 TEST(Collectives, ReachEveryProcess) {
   std::array<int, 2> counts{myid, 10}, sums{};
