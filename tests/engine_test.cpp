@@ -41,8 +41,7 @@ std::vector<Mode> every_mode() {
   return modes;
 }
 
-class Engines : public testing::Test {
- protected:
+struct Engines : testing::Test {
   ~Engines() override { use_cosine = normalize_embeddings = false; }
 };
 
@@ -72,12 +71,7 @@ TEST_F(Engines, MatchTheOracle) {
 
 TEST_F(Engines, EntriesInAnyOrderMeetTheBlockOfTheirWord) {
   // 41 tables for 83 documents: the words fill two blocks of tables.
-  expect_oracle(random_world({.voc_size = 6000,
-                              .vec_size = 1,
-                              .num_resident = 5,
-                              .num_queries = 83,
-                              .max_words = 40,
-                              .whole_numbers = true}),
+  expect_oracle(random_world({.voc_size = 6000, .vec_size = 1, .num_queries = 83, .max_words = 40}),
                 {StepRule::halving, 20});
 }
 
