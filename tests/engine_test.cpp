@@ -185,14 +185,10 @@ TEST_F(Engines, WordWithoutAVectorIsFarAway) {
                     {{{0, 1.0f}}, {{1, 1.0f}}},
                     {{{2, 1.0f}, {1, 1.0f}}, {{2, 1.0f}, {0, 1.0f}}, {{0, 1.0f}, {2, 1.0f}}}};
   const std::vector<float> expected{1e30f, 0, 1e30f, 5, 1e30f, 5};
-  for (const StepRule rule : rules_to_run()) {
-    for (const int steps : {0, 1}) {
-      for (const bool ground : {false, true}) {
-        run({rule, steps}, [&] {
-          EXPECT_EQ(distance_block(world, steps, rule, ground), expected) << "ground " << ground;
-        });
-      }
-    }
+  for (const Mode& mode : every_mode()) {
+    if (mode.cosine || mode.normalise) continue;
+    run(mode,
+        [&] { EXPECT_EQ(distance_block(world, mode.steps, mode.rule, mode.ground), expected); });
   }
 }
 

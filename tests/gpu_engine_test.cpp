@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <functional>
 #include <new>
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -49,7 +48,9 @@ class GpuEngine : public testing::Test {
 // The worlds of these tests have their words on a line at whole numbers, and dyadic weights:
 // results are exact floats, however they are computed.
 void expect_exact(const World& world, int steps, bool ground, const internal::GpuBudget& budget) {
-  SCOPED_TRACE("steps " + std::to_string(steps) + (ground ? ", ground" : ""));
+  SCOPED_TRACE(testing::Message() << budget.block_floats << " floats, groups of "
+                                  << budget.group_docs << ", steps " << steps << ", ground "
+                                  << ground);
   const std::vector<double> oracle = oracle_block(world, steps, StepRule::powers_of_two);
   const auto compute = [&](float* Z) { internal::compute_gpu_block(Z, steps, ground, budget); };
   EXPECT_EQ(distance_block(world, gpu_engine, ground, compute),
@@ -66,11 +67,9 @@ TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {
   // 1 row: every distinct row by itself.  3, 9: most documents in parts.  30: groups of some.
   for (const long long rows : {1, 3, 9, 30, 100'000}) {
     for (const int group_docs : {1, 5, 256}) {
-      SCOPED_TRACE(std::to_string(rows) + " rows, groups of " + std::to_string(group_docs));
+      const internal::GpuBudget budget{rows * world.shape.voc_size, group_docs};
       for (const int steps : {0, 1, 3, 20}) {
-        for (const bool ground : {false, true}) {
-          expect_exact(world, steps, ground, {rows * world.shape.voc_size, group_docs});
-        }
+        for (const bool ground : {false, true}) expect_exact(world, steps, ground, budget);
       }
     }
   }

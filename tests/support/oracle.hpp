@@ -3,6 +3,7 @@
 #define TALVIK_TESTS_ORACLE_HPP
 
 #include <algorithm>
+#include <bit>  // bit_ceil
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -26,9 +27,7 @@ inline int oracle_nearest(int delta_iterations, int n, StepRule rule) {
   const int steps = std::max(delta_iterations, 0);
   if (rule == StepRule::single) return std::min(steps, 1) + 1;
   int nearest = steps + 1;
-  if (rule == StepRule::powers_of_two) {
-    for (nearest = 16; nearest / 2 > steps;) nearest /= 2;
-  }
+  if (rule == StepRule::powers_of_two) nearest = std::bit_ceil(std::min(nearest, 16) + 0u);
   while (nearest > n && nearest > 1) nearest /= 2;
   return std::min(nearest, steps + 1);
 }
