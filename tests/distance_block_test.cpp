@@ -144,10 +144,7 @@ TEST(Team, ExceptionOfAThreadReachesTheCaller) {
 TEST(Blas, SettingOfTheHostProgramIsBackAfterwards) {
   if (!openblas_set_num_threads) GTEST_SKIP() << "built without OpenBLAS";
   openblas_set_num_threads(2);
-  {
-    const SingleThreadedBlas single;
-    EXPECT_EQ(openblas_get_num_threads(), 1);
-  }
+  EXPECT_EQ((SingleThreadedBlas(), openblas_get_num_threads()), 1);  // while the temporary lives
   EXPECT_EQ(openblas_get_num_threads(), 2);
 }
 

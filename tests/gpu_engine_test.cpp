@@ -48,9 +48,8 @@ class GpuEngine : public testing::Test {
 // The worlds of these tests have their words on a line at whole numbers, and dyadic weights:
 // results are exact floats, however they are computed.
 void expect_exact(const World& world, int steps, bool ground, const internal::GpuBudget& budget) {
-  SCOPED_TRACE(testing::Message() << budget.block_floats << " floats, groups of "
-                                  << budget.group_docs << ", steps " << steps << ", ground "
-                                  << ground);
+  SCOPED_TRACE(testing::Message() << "steps " << steps << ", ground " << ground << ", floats "
+                                  << budget.block_floats << ", group " << budget.group_docs);
   const std::vector<double> oracle = oracle_block(world, steps, StepRule::powers_of_two);
   const auto compute = [&](float* Z) { internal::compute_gpu_block(Z, steps, ground, budget); };
   EXPECT_EQ(distance_block(world, gpu_engine, ground, compute),

@@ -59,13 +59,10 @@ struct Csr {
   std::vector<float> weight;
 };
 
-/// What is copied first.  Normalisation may scale the caller's rows in their place, from which the
-/// batch takes its own.
-enum class CopyOrder {
-  rows_as_given,     ///< the batch takes its rows before the vocabulary is copied
-  vocabulary_first,  ///< and afterwards here
-  batch_first        ///< the batch takes its rows and is copied, then the vocabulary
-};
+/// Copying scales the caller's rows in place if normalisation is on.  The batch takes its rows from
+/// the vocabulary's before the vocabulary is copied, afterwards with vocabulary_first; with
+/// batch_first it is also copied before.
+enum class CopyOrder { rows_as_given, vocabulary_first, batch_first };
 
 /// Z of the whole world as one batch: Z[d * resident documents + i].
 /// @param compute  void(float* Z), run while the world is loaded

@@ -58,8 +58,8 @@ inline double oracle_distance(const std::vector<float>& embeddings, int vec_size
     std::vector<std::pair<double, double>> nearest;  // distance and capacity
     for (const auto& [other, capacity] : query) {
       const double distance = oracle_word_distance(embeddings, vec_size, word, other);
-      const bool limited = rule != StepRule::halving;
-      nearest.emplace_back(limited ? std::min(distance, 1e30) : distance, capacity);
+      nearest.emplace_back(rule == StepRule::halving ? distance : std::min(distance, 1e30),
+                           capacity);
     }
     std::stable_sort(nearest.begin(), nearest.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
