@@ -38,7 +38,7 @@ std::set<std::string> names_in(const std::filesystem::path& root) {
   return names;
 }
 
-TEST(Tokenizer, FindsTheWordsOfAnyText) {
+TEST(Tokenizer, FindsTheWordsOfAnyTextByAnyRules) {
   const TempDir dir;
   write_file(dir / "stop", "The\nisn't\n");
   write_file(dir / "none", "...\n");
@@ -85,13 +85,11 @@ TEST(Tokenizer, FindsTheWordsOfAnyText) {
 
 const std::string list_head = "id\tsource\tclass\ttokens_in\ttokens_out\n";
 
+/// A directory with an input, and what either command makes of it.
 class DataSide : public testing::Test {
  protected:
   PrepareOptions options(const std::string& input) {
-    PrepareOptions options;
-    options.input = dir_ / input;
-    options.output = dir_ / "out";
-    return options;
+    return {.input = dir_ / input, .output = dir_ / "out", .embeddings = "", .stop_words = ""};
   }
   ConvertSummary convert(const std::string& text, VectorFormat format = VectorFormat::automatic,
                          const std::string& words = "") {
@@ -115,15 +113,14 @@ using Prepare = DataSide;
 using Convert = DataSide;
 
 TEST_F(Prepare, TreeIsReadInTheOrderOfItsPaths) {
-  std::filesystem::create_directories(dir_ / "in/a");
-  for (const char* link : {"in/a/link", "in/.#lock"}) {  // they lead nowhere
-    std::filesystem::create_symlink("nowhere", dir_ / link);
-  }
   const std::pair<const char*, const char*> files[] = {
       {"in/b/x.txt", "Second class"}, {"in/a/deep/er.txt", "One\ntwo"},
       {"in/a/later", "..."},          {"in/a-b/z", "Third"},
       {"in/README", "no class"},      {"in/.git/config", "hidden"}};
   for (const auto& [name, text] : files) write_file(dir_ / name, text);
+  for (const char* link : {"in/a/link", "in/.#lock"}) {  // they lead nowhere
+    std::filesystem::create_symlink("nowhere", dir_ / link);
+  }
   const PrepareSummary summary = prepare_corpus(options("in"));
   EXPECT_EQ(names_in(dir_ / "out"),
             (std::set<std::string>{"a", "a/1", "a-b", "a-b/3", "b", "b/4", "documents.tsv"}));
@@ -200,8 +197,8 @@ TEST_F(Convert, AllThreeTextFormsGiveTheSameRecords) {
   EXPECT_EQ(output(), expected);
   convert("2 2 \r\ncaf\u00E9 1 -0.5 \r\nb 1e-3 2 \r\n\r\n", VectorFormat::with_header);  // fastText
   EXPECT_EQ(output(), expected);
-  convert(
-      "caf\u00E9\t1 -0.5\nb 1e-3 2");  // GloVe; the count is not known when the header is written
+  // GloVe: the count is not known when the header is written.
+  convert("caf\u00E9\t1 -0.5\nb 1e-3 2");
   EXPECT_EQ(output(), std::string(9, ' ') + expected);
 }
 
