@@ -13,6 +13,8 @@
 namespace talvik {
 namespace {
 
+using Raised = std::bad_array_new_length;
+
 DocumentSet docs_of(unsigned a, unsigned b, unsigned c, unsigned d, unsigned e, unsigned f) {
   return {{{a, 0.1f}}, {{b, 0.5f}, {c, 0.25f}}, {}, {{d, 1.f}, {e, 2.f}}, {{f, 3.f}}};
 }
@@ -60,14 +62,12 @@ TEST(Compression, KeepsTheOrderOfTheWordsAndTheDocumentsOutsideTheRanges) {
   owner.reset(rows);
   EXPECT_TRUE(size == 0 && rows != nullptr);
   for (const auto& [voc, vec] : {std::pair{-1, 2}, {10, -2}}) {
-    EXPECT_THROW(compress_vocabulary(voc, embeddings, &size, &rows, vec, docs, 1, 2),
-                 std::bad_array_new_length);
+    EXPECT_THROW(compress_vocabulary(voc, embeddings, &size, &rows, vec, docs, 1, 2), Raised);
   }
   EXPECT_FALSE(use_cosine) << "the metric is the host program's choice";
 }
 
 TEST(Copies, NegativeCountsRaiseTheArrayLengthException) {
-  using Raised = std::bad_array_new_length;
   int ints[3] = {0, 1, 2};
   float floats[4] = {};
   for (const auto& [n, m] : {std::pair{-1, 2}, {2, -2}}) {
@@ -84,7 +84,7 @@ TEST(Copies, NegativeCountsRaiseTheArrayLengthException) {
 
 TEST(Teams, LeaveTheHostsTeamsAloneAndMayGrowBetweenCopyAndComputation) {
   constexpr int entries = 20'000;  // more than the panels of 64 threads hold together
-  const int threads = num_cpu_threads, host_threads = omp_get_max_threads();
+  const int host_threads = omp_get_max_threads();
   std::vector<float> X(entries), weight(entries, 1.f);
   std::iota(X.rbegin(), X.rend(), 1.f);  // the nearest entry is the last one
   float W = 0, Z = 0;
@@ -100,7 +100,6 @@ TEST(Teams, LeaveTheHostsTeamsAloneAndMayGrowBetweenCopyAndComputation) {
   remove_vectors2_cpu();
   remove_raw_data_cpu();
   remove_vocabulary_cpu();
-  num_cpu_threads = threads;
 }
 
 TEST(Split, GroupsReachTheirTargetAndGiveBackWhatMakesThemOverfull) {

@@ -24,10 +24,9 @@ TEST(Kernels, ConversionReadsTheNormsFromItsFirstColumn) {
   EXPECT_EQ(dot, 5);
 }
 
-class HostdevDeathTest : public testing::Test {
- protected:
+struct HostdevDeathTest : testing::Test {
   // Death tests start the program anew: threads of an OpenMP team do not survive a fork.
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  HostdevDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
 float* allocate(size_t floats) {
@@ -67,7 +66,7 @@ TEST_F(HostdevDeathTest, FreshMemoryHoldsNaNsAndNothingReachesBeyondIt) {
 
 // The mode is read once a process, hence the fresh process of a death test.
 TEST_F(HostdevDeathTest, GuardedMemoryIsOpenToDeviceWorkOnly) {
-  const auto guarded_run = [](auto mistake) {
+  const auto guarded_run = [](void (*mistake)(float*)) {
     setenv("TALVIK_HOSTDEV_GUARD", "1", 1);
     float* memory = allocate(8);
     launch(write_one, 1, 1, 7, memory);
@@ -75,15 +74,11 @@ TEST_F(HostdevDeathTest, GuardedMemoryIsOpenToDeviceWorkOnly) {
     mistake(memory);
     std::exit(0);
   };
-  const auto write_on_host = [](float* memory) { *static_cast<volatile float*>(memory) = 1; };
-  const auto write_beyond = [](float* memory) { launch(write_one, 1, 1, 8, memory); };
-  const auto write_freed = [](float* memory) {
-    cudaFree(memory);
-    launch(write_one, 1, 1, 0, memory);
-  };
-  EXPECT_DEATH(guarded_run(write_on_host), "no mistake so far");
-  EXPECT_DEATH(guarded_run(write_beyond), "no mistake so far");
-  EXPECT_DEATH(guarded_run(write_freed), "no mistake so far");
+  void (*const mistakes[])(float*) = {
+      [](float* memory) { *static_cast<volatile float*>(memory) = 1; },  // on the host
+      [](float* memory) { launch(write_one, 1, 1, 8, memory); },         // beyond the end
+      [](float* memory) { cudaFree(memory), launch(write_one, 1, 1, 0, memory); }};
+  for (const auto mistake : mistakes) EXPECT_DEATH(guarded_run(mistake), "no mistake so far");
 }
 
 #if defined(__has_feature)
@@ -99,8 +94,7 @@ TEST_F(HostdevDeathTest, ThreadSanitizerSeesNeighboursRace) {
     launch(sum_without_care, 1, 128, &sum);
     std::exit(0);
   };
-  const int found_a_race = 66;
-  EXPECT_EXIT(racing_run(), testing::ExitedWithCode(found_a_race), "data race");
+  EXPECT_EXIT(racing_run(), testing::ExitedWithCode(66), "data race");
 }
 #endif
 #endif

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <set>
 #include <string>
@@ -20,11 +21,7 @@
 #include "support/output.hpp"
 #include "talvik/pipelines.hpp"
 
-namespace {
-
-std::atomic<int> allocations_left = -1;  // until one fails; negative: none does
-
-}  // namespace
+static std::atomic<int> allocations_left = -1;  // until one fails; negative: none does
 
 // Every allocation that tells of a failure by an exception.  Weak: the thread sanitizer has its
 // own, which stay.
@@ -70,8 +67,7 @@ Matrix larger_of(Matrix a, const Matrix& b) {
 
 // Runs the code, whose batches must be queries first .. first + count - 1 in their order, with
 // lists of k.  Returns the number of batches.
-template <class Code>
-int expect_batches(int first, int count, int k, const Code& code) {
+int expect_batches(int first, int count, int k, const std::function<void()>& code) {
   std::vector<BatchResult> batches;  // their lists are gone
   batch_finished_context = &batches;
   batch_finished = [](const BatchResult& batch, void* context) {
@@ -106,28 +102,24 @@ class Pipelines : public testing::TestWithParam<bool> {
     use_cosine = false;
     cleanup_distribution_info();
     EXPECT_TRUE(test::nothing_is_held());
-    test::set_devices(1);
   }
 
   RunParameters run(int k, int steps, bool compute_topk = true,
                     long long budget = internal::batch_budget_floats) {
-    const bool precompute = false;
-    return {50,
-            world.embeddings.data(),
-            1,
-            k,
-            steps,
-            precompute,
-            compute_topk,
-            path.c_str(),
-            use_gpu,
-            budget};
+    return {.voc_size = 50,
+            .embeddings = world.embeddings.data(),
+            .vec_size = 1,
+            .k = k,
+            .delta_iterations = steps,
+            .compute_topk = compute_topk,
+            .output_file = path.c_str(),
+            .use_gpu = use_gpu,
+            .budget_floats = budget};
   }
-  static LabelledDocuments collection(const DocumentSet& docs, const LabelList& labels) {
-    return {docs, labels, static_cast<int>(docs.size()), test::count_entries(docs)};
+  LabelledDocuments resident() const {
+    return internal::counted(world.resident, world.resident_labels);
   }
-  LabelledDocuments resident() const { return collection(world.resident, world.resident_labels); }
-  LabelledDocuments queries() const { return collection(world.queries, world.query_labels); }
+  LabelledDocuments queries() const { return internal::counted(world.queries, world.query_labels); }
 
   Matrix expected(int steps, bool by_resident = false) const {
     return test::expected_distances(world, world.resident, world.queries, steps, use_gpu,
@@ -136,18 +128,17 @@ class Pipelines : public testing::TestWithParam<bool> {
 
   // Process 0's lists and every process's rows.
   void expect_split(RunParameters parameters) const {
-    const Matrix distances = expected(parameters.delta_iterations);
+    const int steps = parameters.delta_iterations;
     float* D = nullptr;
     EXPECT_EQ(internal::split_resident_run(parameters, resident(), queries(), &D), 0);
     EXPECT_EQ(D, nullptr);
     barrier_mpi();
     EXPECT_EQ(myid == 0 ? test::take_file(path) : "",
-              myid == 0 ? test::expected_lines(distances, 0, queries().num_docs, parameters.k,
-                                               world.query_labels, world.resident_labels)
-                        : "");
+              test::expected_lines(expected(steps), 0, myid == 0 ? queries().num_docs : 0,
+                                   parameters.k, world.query_labels, world.resident_labels));
     parameters.compute_topk = false;
     EXPECT_EQ(internal::split_resident_run(parameters, resident(), queries(), &D), 0);
-    expect_own_rows(D, expected(parameters.delta_iterations, true));
+    expect_own_rows(D, expected(steps, true));
     std::free(D);
     EXPECT_FALSE(myid == 0 && std::filesystem::exists(path));
   }
@@ -230,7 +221,6 @@ TEST_P(Pipelines, SplitResidentBatchesOfEveryProcessCoverTheSameQueries) {
 }
 
 TEST_P(Pipelines, ALoadedCollectionAnswersSeveralQueryCollections) {
-  const test::World whole = world;
   const int released = use_gpu ? 1 : 0, entries = test::count_entries(world.resident);
   EXPECT_EQ(rwmd2_parallel_init(50, world.embeddings.data(), 1, false, world.resident,
                                 world.resident_labels, 14, entries, use_gpu),
@@ -238,7 +228,7 @@ TEST_P(Pipelines, ALoadedCollectionAnswersSeveralQueryCollections) {
   EXPECT_TRUE(!use_gpu || dev_id == local_id);
   EXPECT_TRUE(!use_gpu || !test::device_is_emulated || test::device_in_use() == local_id);
   for (const int first : {0, 4}) {
-    world.queries.assign(whole.queries.begin() + first, whole.queries.end());
+    world.queries.erase(world.queries.begin(), world.queries.begin() + first);
     float* D = nullptr;
     EXPECT_EQ(rwmd2_parallel_query(world.embeddings.data(), 1, 1, 1, false, 14, {}, world.queries,
                                    {}, 11 - first, test::count_entries(world.queries), &D, false,

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <array>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -36,14 +38,14 @@ std::set<std::string> names_in(const std::filesystem::path& root) {
   return names;
 }
 
-TEST(Tokenizer, FindsTheWordsOfAnyText) {
+TEST(Tokenizer, FindsTheWordsOfAnyTextByAnyRules) {
   const TempDir dir;
   write_file(dir / "stop", "The\nisn't\n");
   write_file(dir / "none", "...\n");
   EXPECT_EQ(error_of([&] { stop_words_from(dir / "none"); }), dir / "none" + ": holds no words");
   const WordSet own = stop_words_from(dir / "stop");
-  const WordSet vocabulary = {"well-known", "mid-1990s", "pre"};
-  const std::string_view compounds = "Well-Known mid-1990s pre-war - no--where end- 1990-91";
+  const WordSet known = {"well-known", "mid-1990s", "pre"};
+  const std::string_view compounds = "Well-Known mid-1990s pre-war - a--b e- 1990-91";
   const struct {
     std::string_view text;
     Tokens tokens;
@@ -64,45 +66,30 @@ TEST(Tokenizer, FindsTheWordsOfAnyText) {
        {"\u00E9cole", "\u00E9cole", "strasse", "stra\u00DFe", "\u0436\u0443\u043A", "\u4E16\u754C",
         "coop"}},
       // The length counts characters, not bytes.
-      {"Paris E\u0301cole \u00E9\u00E9 ab",
-       {"Paris", "\u00C9cole"},
-       {.keep_case = true, .min_length = 3}},
+      {"Cat E\u0301cole \u00E9\u00E9", {"Cat", "\u00C9cole"}, {.keep_case = true, .min_length = 3}},
       // A compound stays whole where the vocabulary has it.
-      {compounds,
-       {"well-known", "mid-1990s", "pre", "war", "no", "where", "end"},
-       {.vocabulary = &vocabulary}},
-      {compounds, {"well", "known", "mid", "1990s", "pre", "war", "no", "where", "end"}},
+      {compounds, {"well-known", "mid-1990s", "pre", "war", "a", "b", "e"}, {.vocabulary = &known}},
+      {compounds, {"well", "known", "mid", "1990s", "pre", "war", "a", "b", "e"}},
       // Stop words match whatever the case.
       {"THE cat isn't the", {"cat"}, {.stop_words = &own}},
       {"THE cat isn't the", {"cat"}, {.keep_case = true, .stop_words = &own}},
-      {"We don't think that the cat's asleep",
-       {"think", "cat", "asleep"},
-       {.stop_words = &english_stop_words()}},
+      {"We don't eat that the cat's", {"eat", "cat"}, {.stop_words = &english_stop_words()}},
       // Latin-1 e acute, an overlong slash, a lone continuation byte, a euro sign cut at the end.
-      {"caf\xE9 a\xC0\xAF"
-       "b \x80 end\xE2\x82",
-       {"caf", "a", "b", "end"},
-       {},
-       4}};
+      {"caf\xE9 a\xC0\xAFz \x80 end\xE2\x82", {"caf", "a", "z", "end"}, {}, 4}};
   for (const auto& [text, tokens, rules, replaced] : cases) {
     long long counted = 0;
     EXPECT_EQ(tokenize(text, rules, counted), tokens);
     EXPECT_EQ(counted, replaced) << text;
   }
-  long long replaced = 0;
-  EXPECT_EQ(valid_utf8("ok \u20AC \xE2\x82", replaced), "ok \u20AC \uFFFD");
-  EXPECT_EQ(replaced, 1);
 }
 
 const std::string list_head = "id\tsource\tclass\ttokens_in\ttokens_out\n";
 
+/// A directory with an input, and what either command makes of it.
 class DataSide : public testing::Test {
  protected:
   PrepareOptions options(const std::string& input) {
-    PrepareOptions options;
-    options.input = dir_ / input;
-    options.output = dir_ / "out";
-    return options;
+    return {.input = dir_ / input, .output = dir_ / "out", .embeddings = "", .stop_words = ""};
   }
   ConvertSummary convert(const std::string& text, VectorFormat format = VectorFormat::automatic,
                          const std::string& words = "") {
@@ -111,8 +98,8 @@ class DataSide : public testing::Test {
   }
   std::string output() { return read_file(dir_ / "out"); }
   // The message without the input's path.  Nothing is left but what was there.
-  template <class Code>
-  std::string error_for(const std::string& name, const std::string& content, const Code& code) {
+  std::string error_for(const std::string& name, const std::string& content,
+                        const std::function<void()>& code) {
     write_file(dir_ / name, content);
     const std::set<std::string> before = names_in(dir_.path());
     const std::string error = error_of(code), path = dir_ / name;
@@ -126,16 +113,14 @@ using Prepare = DataSide;
 using Convert = DataSide;
 
 TEST_F(Prepare, TreeIsReadInTheOrderOfItsPaths) {
-  std::filesystem::create_directories(dir_ / "in/a");
+  const std::pair<const char*, const char*> files[] = {
+      {"in/b/x.txt", "Second class"}, {"in/a/deep/er.txt", "One\ntwo"},
+      {"in/a/later", "..."},          {"in/a-b/z", "Third"},
+      {"in/README", "no class"},      {"in/.git/config", "hidden"}};
+  for (const auto& [name, text] : files) write_file(dir_ / name, text);
   for (const char* link : {"in/a/link", "in/.#lock"}) {  // they lead nowhere
     std::filesystem::create_symlink("nowhere", dir_ / link);
   }
-  write_file(dir_ / "in/b/x.txt", "Second class");
-  write_file(dir_ / "in/a/deep/er.txt", "One\ntwo");
-  write_file(dir_ / "in/a/later", "...");
-  write_file(dir_ / "in/a-b/z", "Third");
-  write_file(dir_ / "in/README", "no class");
-  write_file(dir_ / "in/.git/config", "hidden");
   const PrepareSummary summary = prepare_corpus(options("in"));
   EXPECT_EQ(names_in(dir_ / "out"),
             (std::set<std::string>{"a", "a/1", "a-b", "a-b/3", "b", "b/4", "documents.tsv"}));
@@ -179,27 +164,22 @@ TEST_F(Prepare, JsonLinesGiveTheirOwnIds) {
 }
 
 TEST_F(Prepare, BadInputIsNamedWithItsPlaceAndLeavesNothing) {
-  const struct {
-    std::string name, text, error;
-  } cases[] = {
+  const std::array<std::string, 3> cases[] = {
       {"tsv", "a\tone\nno tab\n", ":2: no tab between label and text"},
       {"tsv", "a\tone\n../b\ttwo\n", ":2: the class name \"../b\" holds a path separator"},
       {"tsv", "..\ttwo\n", ":1: the class name \"..\" cannot name a directory"},
       {"tsv", " \t\n\ttwo\n", ":2: the class name \"\" is empty"},
       {"tsv", std::string("\0\1\t", 3), ":1: the class name holds a control character"},
       {"tsv", "caf\xE9\tone\n", ":1: the class name \"caf\uFFFD\" is not valid UTF-8"},
-      {"tsv", "a\1/\tone\n", ":1: the class name \"a\\x01/\" holds a path separator"},
       {"tsv", std::string(256, 'x') + "\t", ":1: the class name is longer than 255 bytes"},
       {"tsv", "", ": holds no documents"},
       {"tsv", "a\t123 ...\n", ": no document has a token"},
       {"jsonl", "{\"label\":\"a\",\"text\":\"b\"}\n{\"label\":\n", ":2: no valid JSON at byte 10"},
       {"jsonl", "[]\n", ":1: not a JSON object"},
       {"jsonl", "{\"label\":\"a\"}\n", ":1: no \"text\""},
-      {"jsonl", "{\"label\":\"a\xE9\",\"text\":\"b\"}\n",
-       ":1: the class name \"a\uFFFD\" is not valid UTF-8"},
+      {"jsonl", "{\"label\":\"a\xE9\"}", ":1: the class name \"a\uFFFD\" is not valid UTF-8"},
       {"jsonl", "{\"label\":\"a\",\"text\":1e999}\n", ":1: a number that is too large"},
-      {"jsonl", "{\"label\":[1],\"text\":\"b\"}\n",
-       ":1: \"label\" is neither a text nor a whole number"}};
+      {"jsonl", "{\"label\":[1]}", ":1: \"label\" is neither a text nor a whole number"}};
   for (const auto& [name, text, error] : cases) {
     const std::string file = "in." + name;
     EXPECT_EQ(error_for(file, text, [&] { prepare_corpus(options(file)); }), error);
@@ -217,8 +197,8 @@ TEST_F(Convert, AllThreeTextFormsGiveTheSameRecords) {
   EXPECT_EQ(output(), expected);
   convert("2 2 \r\ncaf\u00E9 1 -0.5 \r\nb 1e-3 2 \r\n\r\n", VectorFormat::with_header);  // fastText
   EXPECT_EQ(output(), expected);
-  convert(
-      "caf\u00E9\t1 -0.5\nb 1e-3 2");  // GloVe; the count is not known when the header is written
+  // GloVe: the count is not known when the header is written.
+  convert("caf\u00E9\t1 -0.5\nb 1e-3 2");
   EXPECT_EQ(output(), std::string(9, ' ') + expected);
 }
 
@@ -271,10 +251,9 @@ TEST_F(Convert, BadInputIsNamedWithItsPlaceAndKeepsAnEarlierOutput) {
   }
   const auto with_header = [&] { convert("a 1 2\n", VectorFormat::with_header); };
   EXPECT_EQ(error_for("in", "", with_header).substr(0, 15), ":1: no header o");
-  const auto onto_itself = [&] {
-    convert_text_vectors({dir_ / "out", dir_ / "out", VectorFormat::automatic, ""});
-  };
-  EXPECT_EQ(error_of(onto_itself), dir_ / "out" + ": is both input and output");
+  const ConvertOptions onto_itself{dir_ / "out", dir_ / "out", VectorFormat::automatic, ""};
+  EXPECT_EQ(error_of([&] { convert_text_vectors(onto_itself); }),
+            dir_ / "out" + ": is both input and output");
   EXPECT_EQ(output(), "kept");
 }
 

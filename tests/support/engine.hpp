@@ -59,13 +59,10 @@ struct Csr {
   std::vector<float> weight;
 };
 
-/// What is copied first.  Normalisation may scale the caller's rows in their place, from which the
-/// batch takes its own.
-enum class CopyOrder {
-  rows_as_given,     ///< the batch takes its rows before the vocabulary is copied
-  vocabulary_first,  ///< and afterwards here
-  batch_first        ///< the batch takes its rows and is copied, then the vocabulary
-};
+/// Copying scales the caller's rows in place if normalisation is on.  The batch takes its rows from
+/// the vocabulary's before the vocabulary is copied, afterwards with vocabulary_first; with
+/// batch_first it is also copied before.
+enum class CopyOrder { rows_as_given, vocabulary_first, batch_first };
 
 /// Z of the whole world as one batch: Z[d * resident documents + i].
 /// @param compute  void(float* Z), run while the world is loaded
@@ -84,26 +81,22 @@ std::vector<float> distance_block(const World& world, bool use_gpu, bool ground,
     internal::load_batch_indices(use_gpu, batch.entries, batch.ind.data(), batch.weight.data(),
                                  batch.num_docs, batch.start.data());
   } else {
-    const auto copy_vocabulary_at = [&](CopyOrder place) {
-      if (place != order) return;
+    const auto copy_vocabulary = [&] {
       internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings.data());
     };
-    copy_vocabulary_at(CopyOrder::vocabulary_first);
+    if (order == CopyOrder::vocabulary_first) copy_vocabulary();
     setup_vectors(embeddings.data(), vec_size, world.queries, 0, batch.num_docs, X.data(),
                   batch.start.data(), batch.weight.data());
-    copy_vocabulary_at(CopyOrder::rows_as_given);
+    if (order == CopyOrder::rows_as_given) copy_vocabulary();
     internal::load_batch_vectors(use_gpu, batch.entries, vec_size, X.data(), batch.weight.data(),
                                  batch.num_docs, batch.start.data());
-    copy_vocabulary_at(CopyOrder::batch_first);
+    if (order == CopyOrder::batch_first) copy_vocabulary();
   }
   std::vector<float> Z(resident.num_docs * batch.num_docs, -1.0f);
   compute(Z.data());
   internal::release_batch(use_gpu, ground);
-  if (ground) {
-    internal::detach_ground(use_gpu);
-  } else {
-    internal::release_vocabulary(use_gpu);
-  }
+  if (ground) internal::detach_ground(use_gpu);
+  if (!ground) internal::release_vocabulary(use_gpu);
   internal::release_resident(use_gpu);
   return Z;
 }

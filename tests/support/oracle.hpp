@@ -3,6 +3,7 @@
 #define TALVIK_TESTS_ORACLE_HPP
 
 #include <algorithm>
+#include <bit>  // bit_ceil
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -26,9 +27,7 @@ inline int oracle_nearest(int delta_iterations, int n, StepRule rule) {
   const int steps = std::max(delta_iterations, 0);
   if (rule == StepRule::single) return std::min(steps, 1) + 1;
   int nearest = steps + 1;
-  if (rule == StepRule::powers_of_two) {
-    for (nearest = 16; nearest / 2 > steps;) nearest /= 2;
-  }
+  if (rule == StepRule::powers_of_two) nearest = std::bit_ceil(std::min(nearest, 16) + 0u);
   while (nearest > n && nearest > 1) nearest /= 2;
   return std::min(nearest, steps + 1);
 }
@@ -59,8 +58,8 @@ inline double oracle_distance(const std::vector<float>& embeddings, int vec_size
     std::vector<std::pair<double, double>> nearest;  // distance and capacity
     for (const auto& [other, capacity] : query) {
       const double distance = oracle_word_distance(embeddings, vec_size, word, other);
-      const bool limited = rule != StepRule::halving;
-      nearest.emplace_back(limited ? std::min(distance, 1e30) : distance, capacity);
+      nearest.emplace_back(rule == StepRule::halving ? distance : std::min(distance, 1e30),
+                           capacity);
     }
     std::stable_sort(nearest.begin(), nearest.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });

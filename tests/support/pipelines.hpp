@@ -45,8 +45,7 @@ inline std::string scratch_path(const std::string& name) {
 
 /// The text of a file, which is then removed; "(no file)" without one.
 inline std::string take_file(const std::string& path) {
-  if (!std::filesystem::exists(path)) return "(no file)";
-  std::string text = read_file(path);
+  std::string text = std::filesystem::exists(path) ? read_file(path) : "(no file)";
   std::filesystem::remove(path);
   return text;
 }

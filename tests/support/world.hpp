@@ -3,7 +3,6 @@
 #define TALVIK_TESTS_WORLD_HPP
 
 #include <algorithm>
-#include <numeric>
 #include <random>
 #include <vector>
 
@@ -68,10 +67,8 @@ inline World random_world(const WorldShape& shape) {
   for (float& x : world.embeddings) x = shape.whole_numbers ? whole(random) : component(random);
   world.resident = random_documents(shape, shape.num_resident, random);
   world.queries = random_documents(shape, shape.num_queries, random);
-  world.resident_labels.resize(shape.num_resident);
-  world.query_labels.resize(shape.num_queries);
-  std::iota(world.resident_labels.begin(), world.resident_labels.end(), 100ul);
-  std::iota(world.query_labels.begin(), world.query_labels.end(), 7000ul);
+  for (int i = 0; i < shape.num_resident; ++i) world.resident_labels.push_back(100ul + i);
+  for (int i = 0; i < shape.num_queries; ++i) world.query_labels.push_back(7000ul + i);
   return world;
 }
 
