@@ -254,12 +254,17 @@ class Buffer {
 };
 
 // A BLAS that cannot have its memory does not come back, so it is looked for before the first call.
+// What the threads of an earlier computation have got they keep.
 void require_blas_memory() {
 #ifdef EIGEN_USE_BLAS
-  if (internal::product_scratch(host::vec_size).on_matrix_unit) return;
-  const std::size_t bytes = std::max(num_cpu_threads, 1) * internal::blas_bytes_per_thread;
-  if (internal::fits_address_space(bytes)) return;
-  internal::fail("Failed to allocate memory for dense products: " + std::to_string(bytes));
+  static int threads_served = 0;
+  const int more = std::max(num_cpu_threads, 1) - threads_served;
+  if (more <= 0 || internal::product_scratch(host::vec_size).on_matrix_unit) return;
+  const std::size_t bytes = more * internal::blas_bytes_per_thread;
+  if (!internal::fits_address_space(bytes)) {
+    internal::fail("Failed to allocate memory for dense products: " + std::to_string(bytes));
+  }
+  threads_served += more;
 #endif
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -87,7 +88,9 @@ std::unique_ptr<float[]> prepare_rows(float* rows, int num_rows, int m) {
 }
 
 std::vector<internal::RowHash> hash_rows(const float* rows, int num_rows, int m) {
-  return internal::hash_rows(rows, elements(m, sizeof(float)), num_rows, num_cpu_threads);
+  if (num_rows < 0) throw std::bad_array_new_length();
+  return internal::hash_rows(rows, elements(std::max(m, 0), sizeof(float)), num_rows,
+                             num_cpu_threads);
 }
 
 // One pass over all entries: the offsets of documents are not needed for it.

@@ -68,18 +68,18 @@ bool parse_embedding_file(const char* path, bool write_vocabulary, const char* v
     return false;
   }
 
-  *vectors = matrix.release();
-  std::ofstream
-      file;  // one that cannot be created is no failure: the caller still gets the vectors
+  // A file that cannot be created is no failure: the caller still gets the vectors.
+  std::ofstream file;
   if (write_vocabulary && vocabulary_file) file.open(vocabulary_file, std::ios::trunc);
   internal::walk_embedding_records(text, header, [&](const internal::EmbeddingRecord& record) {
-    internal::copy_unit_vector(record.vector, *vectors + (record.number - 1) * header.vec_size);
+    internal::copy_unit_vector(record.vector, matrix.get() + (record.number - 1) * header.vec_size);
     if (!write_vocabulary) {
       add_word(record.word, voc);
     } else if (file.is_open()) {
       file << record.word << '\n';
     }
   });
+  *vectors = matrix.release();
   return true;
 }
 

@@ -36,10 +36,6 @@ bool is_open_file(const std::string& path) {
   return false;
 }
 
-bool is_standard_output(const std::string& path) {
-  return path == "-" || path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
-}
-
 // Standard output as it was; from now on its number leads to standard error.
 int take_standard_output() {
   std::cout.flush();
@@ -53,6 +49,10 @@ int take_standard_output() {
 
 std::string unique_beside(const std::string& path) {
   return fmt::format("{}.partial-{}-{:08x}", path, getpid(), std::random_device{}());
+}
+
+bool is_standard_output(const std::string& path) {
+  return path == "-" || path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
 }
 
 bool is_stream(const std::string& path) {

@@ -19,6 +19,7 @@ std::string unique_beside(const std::string& path);
 /// Whether path names a stream, which is written but not replaced: "-" and /dev/stdout for standard
 /// output, a pipe, a terminal or another character device.
 bool is_stream(const std::string& path);
+bool is_standard_output(const std::string& path);
 
 /// A result file.  Links are followed: the file that they lead to is replaced.
 class AtomicFile {

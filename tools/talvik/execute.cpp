@@ -164,20 +164,6 @@ void write_lists(const RunOptions& options, const Problem& problem, const Result
   });
 }
 
-/// The library's own lines are not written while it lives.
-class Silence {
- public:
-  explicit Silence(bool wanted) : lines_(wanted ? std::cout.rdbuf(nullptr) : nullptr) {}
-  ~Silence() {
-    if (lines_) std::cout.rdbuf(lines_);  // which clears the state, too
-  }
-  Silence(const Silence&) = delete;
-  Silence& operator=(const Silence&) = delete;
-
- private:
-  std::streambuf* lines_;
-};
-
 void run(const RunOptions& options, const std::function<Problem()>& load) {
   LibraryRun library{.mode = options.mode,
                      .steps = options.steps,
@@ -199,8 +185,8 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
   library.k = facts.k + (problem.self_run() ? 1 : 0);  // room for the query itself
   RunOutcome outcome = run_library(problem, library);
   if (problem.self_run()) put_self_first(outcome.lists, problem.self_of_query);
-  if (library.want_matrix) write_matrix(options, problem, outcome, outputs);
   write_lists(options, problem, outcome.lists, outputs);
+  if (library.want_matrix) write_matrix(options, problem, outcome, outputs);
   report_after(problem, options, outcome.lists, outcome.seconds);
 }
 
@@ -208,7 +194,8 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
 
 int execute(const RunOptions& options, const std::function<Problem()>& load) {
   {
-    const Silence silence(!options.verbose);
+    const Silence silence(!options.verbose || is_standard_output(options.out) ||
+                          is_standard_output(options.matrix));
     init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
   }
   int status = status_ok;

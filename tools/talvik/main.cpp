@@ -75,7 +75,8 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    remove_unfinished_on_signals();
+    open_standard_streams();
+    remove_unfinished_at_the_end();
     return run(argc, argv);
   } catch (const std::exception& error) {  // before or after a command, which end by themselves
     complain("talvik: {}\n", error.what());

@@ -1,13 +1,56 @@
 #include "messages.hpp"
 
+#include <fcntl.h>   // open, fcntl
+#include <unistd.h>  // close
+
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <sstream>
+#include <string>
 
 #include "run_error.hpp"
 
 namespace talvik::tool {
+namespace {
+
+std::stringbuf* kept_back = nullptr;  // by the Silence that lives
+
+void complain_of_last_line() {
+  if (!kept_back) return;
+  std::istringstream lines(kept_back->str());
+  std::string last;
+  for (std::string line; std::getline(lines, line);) last = line;
+  if (!last.empty()) complain("talvik: {}\n", last);
+}
+
+}  // namespace
+
+Silence::Silence(bool wanted) {
+  if (!wanted) return;
+  static std::stringbuf lines;
+  static const bool registered = std::atexit(complain_of_last_line) == 0;
+  static_cast<void>(registered);
+  kept_back = &lines;
+  lines_ = std::cout.rdbuf(&lines);
+}
+
+Silence::~Silence() {
+  if (!lines_) return;
+  std::cout.rdbuf(lines_);
+  kept_back->str("");
+  kept_back = nullptr;
+}
+
+void open_standard_streams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) >= 0) continue;
+    const int opened = open("/dev/null", O_RDWR);  // the lowest number, which is this one
+    if (opened > stream) close(opened);
+  }
+}
 
 void say_text(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
@@ -18,7 +61,7 @@ void complain_text(std::string_view text) {
 
 void finish_output() {
   errno = 0;
-  const bool library = !std::cout.rdbuf() || std::cout.flush();
+  const bool library = static_cast<bool>(std::cout.flush());
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && library) return;
   throw RunError(std::string("standard output: cannot be written") +
                  (errno != 0 ? std::string(": ") + std::strerror(errno) : ""));

@@ -5,6 +5,7 @@
 
 #include <fmt/core.h>
 
+#include <streambuf>
 #include <string_view>
 #include <utility>
 
@@ -25,6 +26,23 @@ template <class... T>
 void complain(fmt::format_string<T...> format, T&&... values) {
   complain_text(fmt::format(format, std::forward<T>(values)...));
 }
+
+/// The library's own lines are kept back while it lives.  Where the process ends meanwhile, which
+/// the library says in its last line, that line goes to standard error.
+class Silence {
+ public:
+  explicit Silence(bool wanted);
+  ~Silence();
+  Silence(const Silence&) = delete;
+  Silence& operator=(const Silence&) = delete;
+
+ private:
+  std::streambuf* lines_ = nullptr;
+};
+
+/// Opens the null device in the place of a standard stream that is closed, so that no other file
+/// gets its number.
+void open_standard_streams();
 
 /// Throws RunError where something of standard output has been lost, the library's lines included.
 void finish_output();

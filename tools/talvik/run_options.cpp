@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "atomic_output.hpp"
+
 namespace talvik::tool {
 namespace {
 
@@ -12,6 +14,7 @@ constexpr int most_threads = 4096;  // of far larger teams the threading library
 
 bool same_file(const std::string& a, const std::string& b) {
   if (a.empty() || b.empty()) return false;
+  if (is_standard_output(a) && is_standard_output(b)) return true;
   std::error_code missing;
   return std::filesystem::path(a).lexically_normal() ==
              std::filesystem::path(b).lexically_normal() ||
@@ -98,6 +101,9 @@ void check_run_options(const RunOptions& options, const std::vector<std::string>
   }
   if (same_file(options.out, options.matrix)) {
     throw CLI::ValidationError("--matrix", options.matrix + " is also the name after --out");
+  }
+  if (options.keep_shards && is_stream(options.matrix)) {
+    throw CLI::ValidationError("--keep-shards", options.matrix + " is a stream");
   }
   if (options.keep_shards && is_shard_of(options.out, options.matrix)) {
     throw CLI::ValidationError("--keep-shards", options.out + " is also the name of a shard");

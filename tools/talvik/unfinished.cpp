@@ -1,12 +1,13 @@
 #include "unfinished.hpp"
 
 #include <fcntl.h>   // O_CLOEXEC
-#include <unistd.h>  // pipe2, read, write, _exit
+#include <unistd.h>  // pipe2, read, write, usleep, _exit
 
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <set>
@@ -31,6 +32,29 @@ void remove_path(const std::string& path) {
   std::filesystem::remove_all(path, ignored);
 }
 
+// Whoever still writes into the directory finds it no longer; what was begun before is waited for.
+void remove_while_written(const std::string& path) {
+  const std::string aside = path + ".removed";
+  const bool moved = std::rename(path.c_str(), aside.c_str()) == 0;
+  constexpr int most_attempts = 100;
+  std::error_code error;
+  for (int attempt = 0; moved && attempt < most_attempts; ++attempt) {
+    std::filesystem::remove_all(aside, error);
+    if (!error) break;
+    usleep(1000);
+  }
+  remove_path(path);
+}
+
+// For who ends the process without leaving its scopes.
+void remove_all_unfinished() {
+  Registry& all = registry();
+  if (!all.mutex.try_lock()) return;  // the signal's thread is at it
+  for (const std::string& path : all.paths) remove_path(path);
+  all.paths.clear();
+  all.mutex.unlock();
+}
+
 // A handler may do next to nothing, so it only wakes a thread, which may do everything.
 int signal_pipe = -1;
 
@@ -47,7 +71,7 @@ void wait_for_signal(int pipe) {
   }
   Registry& all = registry();
   const std::lock_guard lock(all.mutex);  // held to the end: nothing new begins
-  for (const std::string& path : all.paths) remove_path(path);
+  for (const std::string& path : all.paths) remove_while_written(path);
   constexpr int by_signal = 128;
   _exit(by_signal + number);
 }
@@ -78,7 +102,9 @@ bool Unfinished::rename_to(const std::string& name) {
   return true;
 }
 
-void remove_unfinished_on_signals() {
+void remove_unfinished_at_the_end() {
+  std::atexit(remove_all_unfinished);
+  std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows where its file is written
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return;  // signals end the process as ever
   signal_pipe = ends[1];

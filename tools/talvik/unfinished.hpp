@@ -26,9 +26,10 @@ class Unfinished {
   std::string path_;
 };
 
-/// From now on INT, TERM and HUP remove what is unfinished and end the process with status 128 plus
-/// the signal's number; a signal that is ignored stays so.  Not to be called twice.
-void remove_unfinished_on_signals();
+/// From now on what is unfinished is removed when the library ends the process, and INT, TERM and
+/// HUP do so and end it with status 128 plus the signal's number; a signal that is ignored stays
+/// so. A pipe without a reader is a failed write.  Not to be called twice.
+void remove_unfinished_at_the_end();
 
 }  // namespace talvik::tool
 

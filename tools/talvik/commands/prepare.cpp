@@ -4,6 +4,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <vector>
@@ -28,6 +29,17 @@ const Names<TextsFormat> formats = {
     {"tsv", TextsFormat::tsv},
     {"jsonl", TextsFormat::jsonl},
 };
+
+// A corpus below its own texts would be read as one of their classes.
+void require_outside(const std::string& output, const std::string& input) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  if (!fs::is_directory(input, error)) return;
+  const fs::path inner = fs::weakly_canonical(output, error), outer = fs::canonical(input, error);
+  const auto [in_outer, in_inner] =
+      std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end());
+  if (in_outer == outer.end()) throw RunError(output + ": lies within the input " + input);
+}
 
 // Tokenises texts, numbers them, writes and counts them.
 class CorpusMaker {
@@ -126,6 +138,7 @@ void print_summary(const PrepareOptions& options, const PrepareSummary& summary)
 }  // namespace
 
 PrepareSummary prepare_corpus(const PrepareOptions& options) {
+  require_outside(options.output, options.input);
   CorpusMaker corpus(options);
   const ReadTexts read =
       read_texts(options.input, options.format, [&](const SourceText& text) { corpus.add(text); });
