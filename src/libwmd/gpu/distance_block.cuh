@@ -165,9 +165,10 @@ std::vector<EqualRows> find_equal_rows(const GpuBlock& block, const RowPass& pas
   const std::vector<EqualRows> more = find_equal_hashes(block.hashes.scaled_word, row_hash);
   pairs.insert(pairs.end(), more.begin(), more.end());
   const auto key = [](const EqualRows& pair) { return std::pair(pair.word, pair.row); };
-  std::ranges::sort(pairs, {}, key);
-  const auto twice = std::ranges::unique(pairs, {}, key);
-  pairs.erase(twice.begin(), twice.end());
+  std::sort(pairs.begin(), pairs.end(),
+            [key](const auto& a, const auto& b) { return key(a) < key(b); });
+  const auto same = [key](const auto& a, const auto& b) { return key(a) == key(b); };
+  pairs.erase(std::unique(pairs.begin(), pairs.end(), same), pairs.end());
   return pairs;
 }
 
