@@ -30,10 +30,8 @@ std::string without_slashes_at_end(std::string path) {
 
 // Whatever file it is, a rename over it would part it from whoever holds it open.
 bool is_open_file(const std::string& path) {
-  for (const char* prefix : {"/dev/std", "/dev/fd/", "/proc/self/fd/"}) {
-    if (path.starts_with(prefix)) return true;
-  }
-  return false;
+  return path.starts_with("/dev/std") || path.starts_with("/dev/fd/") ||
+         path.starts_with("/proc/self/fd/");
 }
 
 // Standard output as it was; from now on its number leads to standard error.

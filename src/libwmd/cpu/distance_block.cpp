@@ -364,7 +364,7 @@ std::vector<std::vector<EqualRows>> find_equal_rows(const SectionTask& task) {
   for (int p = task.section.first_pass; p < task.section.last_pass; ++p) {
     const RowPass& pass = task.batch.distinct->passes[p];
     const std::vector<RowHash> hashes =
-        hash_rows(task.batch.rows + elements(pass.first_row, m), m * sizeof(float),
+        hash_rows(task.batch.rows + elements(pass.first_row, m), elements(m, sizeof(float)),
                   pass.last_row - pass.first_row, task.request.threads);
     found.push_back(find_equal_hashes(task.vocabulary.row_hash, hashes));
     for (EqualRows& pair : found.back()) pair.row += pass.first_row;
