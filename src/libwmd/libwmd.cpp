@@ -302,8 +302,6 @@ int copy_raw_data_cpu(int n, int* ind, float* weight, int num_docs_, int* start)
   host::ind = copy_of(ind, n);
   host::weight = copy_of(weight, n);
   host::start = copy_of(start, Index{num_docs_} + 1);
-  host::ascending_ind.reset();
-  host::ascending_weight.reset();
   if (!ascends_within_documents()) sort_within_documents();
   return 1;
 }

@@ -5,10 +5,8 @@
 #include <unistd.h>  // isatty
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
 #include <memory>
 #include <string_view>
 #include <utility>
