@@ -11,17 +11,21 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>  // istreambuf_iterator
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "context.hpp"
 #include "engine_calls.hpp"
+#include "search_data.hpp"
+#include "talvik/communicator.hpp"
+#include "talvik/search.hpp"
 #include "worlds.hpp"
 
 namespace talvik::bench {
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ChildRequest, world, steps, repetitions, threads, ranks,
-                                   instruction_set, return_block)
+                                   instruction_set, return_block, search)
 
 namespace {
 
@@ -101,6 +105,16 @@ json measure_engine(const ChildRequest& request, const std::filesystem::path& fo
 }
 
 // From the start of all ranks to the end of the last.
+Samples of_all_ranks(const Samples& samples) {
+  Samples all = samples;
+  const auto repetitions = static_cast<int>(samples.wall.size());
+  MPI_Allreduce(samples.wall.data(), all.wall.data(), repetitions, MPI_DOUBLE, MPI_MAX,
+                MPI_COMM_WORLD);
+  MPI_Allreduce(samples.cpu.data(), all.cpu.data(), repetitions, MPI_DOUBLE, MPI_SUM,
+                MPI_COMM_WORLD);
+  return all;
+}
+
 json measure_whole_run(const ChildRequest& request, const std::filesystem::path& folder) {
   constexpr int k = 16;
   init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
@@ -113,12 +127,43 @@ json measure_whole_run(const ChildRequest& request, const std::filesystem::path&
       run_lists(collections, std::move(resident), std::move(queries), k, folder / "lists");
     });
   }
-  Samples all = samples;
-  MPI_Allreduce(samples.wall.data(), all.wall.data(), request.repetitions, MPI_DOUBLE, MPI_MAX,
-                MPI_COMM_WORLD);
-  MPI_Allreduce(samples.cpu.data(), all.cpu.data(), request.repetitions, MPI_DOUBLE, MPI_SUM,
-                MPI_COMM_WORLD);
+  const Samples all = of_all_ranks(samples);
   return {{"wall", all.wall}, {"cpu", all.cpu}, {"copies_mib", 0}, {"working_mib", 0}};
+}
+
+// A process as a user has it: the collection, or its slice, is loaded, the queries are read.
+json measure_search(const ChildRequest& request) {
+  constexpr int k = 10;
+  std::unique_ptr<Communicator> group;
+  int rank = 0, size = 1;
+  if (request.ranks > 0) {
+    init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
+    group = std::make_unique<Communicator>(MPI_COMM_WORLD);
+    rank = group->rank(), size = group->size();
+  }
+  const LargeData data{request.world};
+  const Collection collection = Collection::load(data.saved(), rank, size);
+  const Collection queries = read_queries(collection, data.queries());
+  const SearchOptions options{.distance = {.steps = request.steps},
+                              .threads = request.threads,
+                              .communicator = group.get()};
+  Samples samples;
+  for (int i = 0; i < request.repetitions; ++i) {
+    if (group) barrier_mpi();
+    add_sample(samples, [&] { neighbours(collection, queries, k, options); });
+  }
+  double peak_mib = peak_resident_mib();
+  if (group) {
+    samples = of_all_ranks(samples);
+    MPI_Allreduce(MPI_IN_PLACE, &peak_mib, 1, MPI_DOUBLE, MPI_MAX, MPI_COMM_WORLD);
+  }
+  return {
+      {"wall", samples.wall}, {"cpu", samples.cpu}, {"copies_mib", 0}, {"working_mib", peak_mib}};
+}
+
+json measure(const ChildRequest& request, const std::filesystem::path& folder) {
+  if (request.search) return measure_search(request);
+  return request.ranks > 0 ? measure_whole_run(request, folder) : measure_engine(request, folder);
 }
 
 }  // namespace
@@ -169,8 +214,7 @@ int serve_as_child(const std::string& text) {
   }
   num_cpu_threads = request.threads;
   openblas_set_num_threads(request.threads);
-  json report =
-      request.ranks > 0 ? measure_whole_run(request, folder) : measure_engine(request, folder);
+  json report = measure(request, folder);
   report["kernels"] = kernels_in_use();
   if (myid == 0) std::ofstream(folder / "report") << report;
   if (request.ranks > 0) finalize_mpi();

@@ -11,21 +11,24 @@
 namespace talvik::bench {
 
 struct ChildRequest {
-  std::string world;
+  std::string world;  ///< or, for a two-way search of a large collection, its folder
   int steps = 0;
   int repetitions = 1;
   int threads = 1;
-  int ranks = 0;                     ///< 0: the engine alone; else a whole run under mpirun
+  int ranks = 0;                     ///< 0: the engine or the search alone, without mpirun; else a
+                                     ///< whole run or the search, by so many processes
   std::string instruction_set = {};  ///< "avx2", "avx512" (without what came after AVX-512's first
                                      ///< server processors), or empty: all that the processor has
   bool return_block = false;
+  bool search = false;
 };
 
 struct ChildReport {
-  Samples samples;     ///< of a whole run: the slowest rank's wall-clock, all ranks' processor time
-  double copies_mib;   ///< what the engine's own copies of the resident side take
-  double working_mib;  ///< peak beyond them while it computes, the batch's distinct rows included
-  std::string kernels;   ///< kernels_in_use()
+  Samples samples;      ///< with ranks: the slowest rank's wall-clock, all ranks' processor time
+  double copies_mib;    ///< what the engine's own copies of the resident side take
+  double working_mib;   ///< peak beyond them while it computes, the batch's distinct rows included;
+                        ///< of a search: the peak of the largest process, everything included
+  std::string kernels;  ///< kernels_in_use()
   std::vector<float> Z;  ///< with return_block
 };
 

@@ -87,6 +87,19 @@ void run_lists(const Collections& collections, DocumentSet resident, DocumentSet
                  entries2, nullptr, compute_topk, path.c_str(), on_cpu);
 }
 
+void run_two_way_lists(const Collections& collections, DocumentSet resident, DocumentSet queries,
+                       int k, const std::string& path) {
+  constexpr int steps = 0;
+  constexpr bool compute_topk = true;
+  LabelList resident_labels = labels_of(resident), query_labels = labels_of(queries);
+  float* D = nullptr;
+  rwmd2_twoway_wrapper(collections.voc_size, plain_pointer(collections.embeddings),
+                       collections.vec_size, k, steps, std::move(queries), std::move(query_labels),
+                       std::move(resident), std::move(resident_labels), &D, compute_topk,
+                       path.c_str(), on_cpu);
+  std::free(D);
+}
+
 LabelList labels_of(const DocumentSet& docs) {
   LabelList labels(docs.size());
   std::iota(labels.begin(), labels.end(), 0ul);

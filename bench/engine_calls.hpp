@@ -42,6 +42,10 @@ void run_two_way(const Collections& collections);
 void run_lists(const Collections& collections, DocumentSet resident, DocumentSet queries, int k,
                const std::string& path);
 
+/// A two-way run that writes the lists of the queries' neighbours.  Takes the collections, too.
+void run_two_way_lists(const Collections& collections, DocumentSet resident, DocumentSet queries,
+                       int k, const std::string& path);
+
 /// Labels 0, 1, ...
 LabelList labels_of(const DocumentSet& docs);
 

@@ -3,13 +3,16 @@
 #ifndef TALVIK_BENCH_FIGURES_HPP
 #define TALVIK_BENCH_FIGURES_HPP
 
+#include <string>
+
 #include "table.hpp"
 
 namespace talvik::bench {
 
 struct Options {
   int threads;
-  bool quick;  ///< fewer repetitions, and nothing that takes the plain way on text
+  bool quick;         ///< fewer repetitions, and nothing that takes the plain way on text
+  std::string large;  ///< folder of a collection by scripts/make-large
 };
 
 constexpr int repetitions(const Options& options, int full) { return options.quick ? 1 : full; }
@@ -34,6 +37,12 @@ void two_way_figures(const Options& options, Table& table);
 /// Throws where an instruction set gives other distances than rounding explains.
 void engine_process_figures(const Options& options, Table& table);
 void rank_figures(const Options& options, Table& table);
+
+// --- The search library.
+
+/// Peak memory and ranks first, in processes of their own; then whole runs in this process.  Where
+/// the data are missing, a remark says how they are made.
+void search_figures(const Options& options, Table& table);
 
 }  // namespace talvik::bench
 

@@ -28,6 +28,7 @@ struct Group {
 std::vector<Group> all_groups() {
   return {{"processes", engine_process_figures},
           {"ranks", rank_figures},
+          {"search", search_figures},
           {"text", text_figures},
           {"distinct", distinct_figures},
           {"large", sparse_figures},
@@ -64,7 +65,7 @@ int run_groups(const std::vector<Group>& groups, const std::vector<std::string>&
 
 int run(int argc, char** argv) {
   CLI::App app{"Measures the CPU engine on generated worlds and prints a table of ratios."};
-  Options options{2, false};
+  Options options{2, false, "data/large"};
   std::vector<std::string> chosen;
   std::string child;
   const std::vector<Group> groups = all_groups();
@@ -77,6 +78,8 @@ int run(int argc, char** argv) {
   app.add_option("--only", chosen, "these groups of figures alone")
       ->delimiter(',')
       ->check(CLI::IsMember(names));
+  app.add_option("--large", options.large, "folder that scripts/make-large has made")
+      ->capture_default_str();
   app.add_option("--child", child)->group("");  // hidden: how the program calls itself
   CLI11_PARSE(app, argc, argv);
   if (!child.empty()) return serve_as_child(child);

@@ -24,6 +24,7 @@ import ot
 import scipy
 
 import peers_documents as documents
+import peers_exact
 import peers_ways as ways
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
@@ -39,6 +40,7 @@ class Case(NamedTuple):
     """One data set: what the program is called with, and the same documents for Python."""
 
     name: str
+    trees: tuple  # resident and query documents, of texts
     arguments: list
     vectors: np.ndarray
     resident: documents.Documents
@@ -67,7 +69,7 @@ def text_case(title, name, sampled_pairs, sampled_queries):
     arguments = ["corpus", "--embeddings", DATA / "glove-100d.bin", "--resident", resident,
                  "--queries", queries]
     # Between a word and itself up to about 0.001 can remain in single precision.
-    return Case(title, arguments, vectors, documents.read_corpus(resident, index),
+    return Case(title, (resident, queries), arguments, vectors, documents.read_corpus(resident, index),
                 documents.read_corpus(queries, index), 1e-3, sampled_pairs, sampled_queries)
 
 
@@ -80,7 +82,7 @@ def image_case(limit, sampled_pairs):
     for option, file in zip(options, files):
         arguments += [option, file]
     # Squared distances of pixels are whole numbers; only roots and sums are rounded.
-    return Case("MNIST", arguments, documents.pixel_positions(),
+    return Case("MNIST", None, arguments, documents.pixel_positions(),
                 documents.read_images(*files[:2]), documents.read_images(*files[2:], limit), 1e-5,
                 sampled_pairs, limit)
 
@@ -305,17 +307,23 @@ def blas_name():
 def main():
     if not blas_name():
         sys.exit("bench/peers: NumPy runs without OpenBLAS: apt-get install libopenblas0-pthread")
-    unknown = set(sys.argv[1:]) - set(CASES)
+    sections = [*CASES, "exact"]
+    wanted = sys.argv[1:] or sections
+    unknown = set(wanted) - set(sections)
     if unknown:
-        sys.exit(f"bench/peers: no data called {', '.join(sorted(unknown))}: {', '.join(CASES)}")
+        sys.exit(f"bench/peers: no data called {', '.join(sorted(unknown))}: "
+                 f"{', '.join(sections)}")
     checks = Checks()
     done = []
-    for name in sys.argv[1:] or CASES:
+    for name in [name for name in wanted if name in CASES]:
         case = CASES[name]()
         best = rounds(case, checks)
         runs = run_pairs(case, best["talvik", "two-way"].lists, checks)
         done.append((case, best, runs))
-    print_results(done, checks)
+    if done:
+        print_results(done, checks)
+    if "exact" in wanted:
+        peers_exact.compare([CASES[name]() for name in ("spam", "brown")], checks, say)
     sys.exit(checks.failures > 0)
 
 

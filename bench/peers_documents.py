@@ -21,6 +21,7 @@ class Documents(NamedTuple):
 
     entries: scipy.sparse.csr_matrix  # float32, documents x words
     classes: np.ndarray
+    names: list = None  # CLASS/NUMBER, of documents that come from a tree
 
     @property
     def count(self):
@@ -79,14 +80,15 @@ def normalised(counts, numbers, starts, classes, words):
 
 def read_corpus(root, index):
     """The documents of a tree CLASS/NUMBER by class and number; those of no known word left out."""
-    rows, classes = [], []
+    rows, classes, names = [], [], []
     for folder in sorted(path for path in pathlib.Path(root).iterdir() if path.is_dir()):
         for file in sorted(folder.iterdir(), key=lambda path: int(path.name)):
             row = count_words(file.read_bytes(), index)
             if row:
                 rows.append(row)
                 classes.append(folder.name)
-    return from_rows(rows, classes, len(index))
+                names.append(f"{folder.name}/{file.name}")
+    return from_rows(rows, classes, len(index))._replace(names=names)
 
 
 def read_images(images_path, labels_path, limit=None):

@@ -11,7 +11,7 @@ if(TALVIK_BUILD_TOOLS)
   mark_as_advanced(TALVIK_HELP2MAN)
   if(TALVIK_HELP2MAN)
     set(pages "")
-    foreach(command IN ITEMS "" corpus mnist convert prepare)
+    foreach(command IN ITEMS "" index search explain corpus mnist convert prepare)
       set(name talvik)
       if(command)
         set(name talvik-${command})
@@ -34,9 +34,9 @@ set(CPACK_PACKAGE_NAME talvik)
 set(CPACK_PACKAGE_CONTACT "The talvik developers <talvik@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Nearest documents by relaxed word mover's distance")
 set(CPACK_PACKAGE_DESCRIPTION "\
-The library libtalvikmpi, its header, and the program talvik: how far apart texts or images are by
-the relaxed word mover's distance, and which are nearest, on all cores of one machine or, through
-MPI, of many.")
+The libraries libtalvik and libtalvikmpi, their headers, and the program talvik: how far apart texts
+or images are by the word mover's distance, relaxed or exact, and which are nearest, on all cores of
+one machine or, through MPI, of many.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -1,8 +1,10 @@
 // Fuzz targets, one per reader.  A reader refuses bytes the way its contract says, or hands over
 // what the contract promises, and two readers of one format agree.  libFuzzer calls the target that
 // the option --target names; --list prints all names.
+#include <fcntl.h>     // open
 #include <sys/mman.h>  // memfd_create
-#include <unistd.h>    // ftruncate, pwrite
+#include <sys/stat.h>  // mkdir
+#include <unistd.h>    // access, close, ftruncate, getpid, pwrite, write
 
 #include <algorithm>
 #include <cmath>
@@ -11,26 +13,33 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
+#include <limits>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "commands/convert.hpp"
 #include "commands/prepare.hpp"
 #include "corpus_writer.hpp"
-#include "embedding_input.hpp"
 #include "idx_input.hpp"
 #include "parse/embedding_file.hpp"
 #include "parse/idx_file.hpp"
 #include "parse/text_document.hpp"
 #include "parse/tokens.hpp"
 #include "run_error.hpp"
-#include "stop_words.hpp"
 #include "talvik.hpp"
-#include "tokenizer.hpp"
+#include "talvik/error.hpp"
+#include "texts/embedding_input.hpp"
+#include "texts/stop_words.hpp"
+#include "texts/text_sources.hpp"
+#include "texts/tokenizer.hpp"
+#include "texts/vector_rows.hpp"
+#include "texts/word_set.hpp"
 
 namespace talvik {
 
@@ -41,6 +50,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using internal::Index;
+using texts::is_valid_utf8;
+using texts::Labels;
+using texts::Tokenizer;
+using texts::WordSet;
 
 void check(bool kept, const char* promise) {
   if (kept) return;
@@ -70,15 +83,53 @@ const std::string& file_of(std::string_view bytes) {
   return file.holding(bytes);
 }
 
-// An empty directory, below TMPDIR.
+// An empty directory, below TMPDIR or else in memory, where that can be.
 const fs::path& scratch() {
   static const struct Scratch {
     Scratch() { fs::create_directory(path); }
     ~Scratch() { fs::remove_all(path); }
-    fs::path path = fs::temp_directory_path() / ("talvik-fuzz-" + std::to_string(getpid()));
+    static fs::path parent() {
+      const char* const memory = "/dev/shm";
+      const bool found = access(memory, W_OK) == 0 && !std::getenv("TMPDIR");
+      return found ? memory : fs::temp_directory_path();
+    }
+    fs::path path = parent() / ("talvik-fuzz-" + std::to_string(getpid()));
   } directory;
   return directory.path;
 }
+
+// Files below a directory.  What was made is removed by its name, without a walk over it.
+class FileTree {
+ public:
+  explicit FileTree(fs::path root) : root_(std::move(root)) { make_directory(root_); }
+  ~FileTree() {
+    for (; !made_.empty(); made_.pop_back()) std::remove(made_.back().c_str());
+  }
+  FileTree(const FileTree&) = delete;
+  FileTree& operator=(const FileTree&) = delete;
+
+  const fs::path& root() const { return root_; }
+
+  // Nothing happens where the name is none for a file.
+  void add(const fs::path& name, std::string_view bytes) {
+    fs::path directory = root_;
+    for (const fs::path& part : name.parent_path()) make_directory(directory /= part);
+    const fs::path path = root_ / name;
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (file < 0) return;
+    made_.push_back(path);
+    check(write(file, bytes.data(), bytes.size()) == std::ssize(bytes), "memory can be had");
+    close(file);
+  }
+
+ private:
+  void make_directory(const fs::path& path) {
+    if (mkdir(path.c_str(), 0700) == 0) made_.push_back(path);
+  }
+
+  fs::path root_;
+  std::vector<fs::path> made_;  // directories before what is in them
+};
 
 // Whether the program refuses its input: with one line that a terminal can show.
 template <class Read>
@@ -86,7 +137,9 @@ bool refused(const Read& read) {
   try {
     read();
     return false;
-  } catch (const RunError& error) {
+  } catch (const std::runtime_error& error) {
+    check(dynamic_cast<const RunError*>(&error) || dynamic_cast<const FileError*>(&error),
+          "what is wrong with a file is told as such");
     const std::string_view line = error.what();
     const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
     check(!line.empty() && std::none_of(line.begin(), line.end(), is_control),
@@ -119,8 +172,8 @@ LoadedEmbeddings load_embeddings(const std::string& path) {
 // The embedding file as the program reads it, which refuses more than the library does.
 void embedding_file(std::string_view bytes) {
   const std::string& path = file_of(bytes);
-  WordVectors read;
-  if (refused([&] { read = read_word_vectors(path); })) return;
+  texts::WordVectors read;
+  if (refused([&] { read = texts::read_word_vectors(path); })) return;
   const LoadedEmbeddings loaded = load_embeddings(path);
   check(loaded.taken && loaded.voc_size == read.voc_size && loaded.vec_size == read.vec_size,
         "the library reads what the program accepts, and finds the same counts");
@@ -134,17 +187,29 @@ void embedding_file(std::string_view bytes) {
 }
 
 void parse_embeddings(std::string_view bytes) {
-  const internal::EmbeddingHeader header = internal::read_embedding_header(bytes);
-  check(header.fault != internal::HeaderFault::none || header.end <= std::ssize(bytes),
-        "a header ends within its file");
-  // Larger matrices may end the process, as the contract says.
-  constexpr long long most_floats = 1 << 20;
-  if (header.vec_size > 0 && header.num_records > most_floats / header.vec_size) return;
+  const auto header = internal::read_embedding_header(bytes);
   const std::string& path = file_of(bytes);
-  const LoadedEmbeddings loaded = load_embeddings(path);
+  if (!header) {
+    check(!load_embeddings(path).taken, "without two integers there are no vectors");
+    return;
+  }
+  check(header->end <= std::ssize(bytes), "a header ends within its file");
+  // Larger matrices may end the process, as the contract says.
+  constexpr __int128 most_floats = 1 << 20, most_bytes = std::numeric_limits<long long>::max();
+  const __int128 floats = __int128{header->num_records} * header->vec_size;
+  const bool no_array = floats < 0 || floats > most_bytes / internal::float_bytes;
+  if (floats > most_floats && !no_array) return;
+  LoadedEmbeddings loaded;
+  try {
+    loaded = load_embeddings(path);
+  } catch (const std::bad_array_new_length&) {
+    check(no_array, "what an array can hold is no wrong length");
+    return;
+  }
+  check(!no_array, "what no array can hold is a wrong length");
   if (!loaded.taken) return;
-  check(loaded.voc_size == header.num_records && loaded.vec_size == header.vec_size,
-        "the counts are the header's");
+  check(loaded.voc_size == header->num_records && loaded.vec_size == header->vec_size,
+        "the sizes are the header's");
 
   static const MemoryFile words;
   float* vectors = nullptr;
@@ -285,12 +350,12 @@ void text_vectors(std::string_view bytes) {
         "the library reads what is converted");
 }
 
-std::vector<std::string> tokens_of(std::string_view text, const TokenRules& rules) {
-  long long replaced = 0;
-  return tokenize(text, rules, replaced);
+std::vector<std::string> tokens_of(std::string_view text, const Tokenizer& rules) {
+  Count replaced = 0;
+  return rules.tokens(text, replaced);
 }
 
-void check_tokens(const std::vector<std::string>& tokens, const TokenRules& rules) {
+void check_tokens(const std::vector<std::string>& tokens, const Tokenizer& rules) {
   std::string text;
   for (const std::string& token : tokens) {
     check(internal::clean_token(token) == token, "the corpus reader takes a token as it is");
@@ -315,24 +380,25 @@ void prepare_and_read(const PrepareOptions& options, VocabularyMap& vocabulary) 
   check(classes <= summary.classes, "texts of one class are together");
 }
 
-// The input is a path that holds texts; the bits of choice pick the options, and whether a corpus
-// is written, which takes several times as long.
+// The input is a path that holds texts; the bits of choice pick the options.  One choice in eight
+// writes a corpus, which takes several times as long.
 void read_and_tokenize(const std::string& input, TextsFormat format, unsigned char choice) {
   static const WordSet compounds = {"well-known", "a-b"};
   PrepareOptions options{.input = input, .output = scratch() / "corpus", .format = format};
   options.keep_case = (choice & 1) != 0;
   options.min_length = (choice & 2) != 0 ? 2 : 1;
   options.limit = (choice & 4) != 0 ? 1 : 0;
-  const bool write = (choice & 8) != 0;
-  const bool join = !write && (choice & 16) != 0;
-  const TokenRules rules{.keep_case = options.keep_case,
-                         .min_length = options.min_length,
-                         .vocabulary = join ? &compounds : nullptr};
+  const int more = choice >> 3 & 7;
+  const bool write = more == 1;
+  const bool join = (more & 2) != 0;
+  const Tokenizer rules({.keep_case = options.keep_case, .min_length = options.min_length},
+                        [&](std::string_view word) { return join && compounds.contains(word); });
   VocabularyMap vocabulary;
   refused([&] {
-    read_texts(input, format, [&](const SourceText& text) {
-      require_class_name(text.label, text.place);
-      check(is_valid_utf8(text.label), "a class name is valid UTF-8");
+    texts::read_texts(input, {.format = format}, Labels::required, [&](const Text& text) {
+      const std::string label = text.label.value_or("");
+      require_class_name(label, text.place);
+      check(is_valid_utf8(label), "a class name is valid UTF-8");
       const std::vector<std::string> tokens = tokens_of(text.text, rules);
       check_tokens(tokens, rules);
       for (const std::string& token : tokens) {
@@ -354,13 +420,39 @@ void lines_of_texts(std::string_view bytes, TextsFormat format) {
 
 void tsv_texts(std::string_view bytes) { lines_of_texts(bytes, TextsFormat::tsv); }
 void jsonl_texts(std::string_view bytes) { lines_of_texts(bytes, TextsFormat::jsonl); }
+void csv_texts(std::string_view bytes) { lines_of_texts(bytes, TextsFormat::csv); }
+
+// Two formats that differ in nothing but the label.
+void plain_texts(std::string_view bytes) {
+  std::vector<std::string> lines, fields;
+  const auto read = [&](TextsFormat format, const std::string& file, auto& texts) {
+    const auto take = [&](const Text& text) { texts.push_back(text.text); };
+    return refused([&] { texts::read_texts(file, {.format = format}, Labels::optional, take); });
+  };
+  if (read(TextsFormat::lines, file_of(bytes), lines)) return;
+  std::string labelled;
+  for (const std::string& line : lines) labelled += "label\t" + line + "\r\n";
+  check(!read(TextsFormat::tsv, file_of(labelled), fields) && fields == lines,
+        "a text a line is a text with any label");
+}
+
+// Word vectors as the library reads them, the format told by the bytes.
+void any_vectors(std::string_view bytes) {
+  const std::string& path = file_of(bytes);
+  texts::VectorRows read;
+  if (refused([&] { read = texts::read_vectors(path, VectorFormat::automatic); })) return;
+  check(std::ssize(read.words) == std::ssize(read.numbers) &&
+            std::ssize(read.rows) == internal::elements(std::ssize(read.words), read.dimensions),
+        "every word has a row");
+  check(std::all_of(read.rows.begin(), read.rows.end(), [](float x) { return std::isfinite(x); }),
+        "numbers are finite");
+}
 
 // The options in one byte, then the files: a path, a zero byte, the text, a zero byte.
 void tree_of_texts(std::string_view bytes) {
   if (bytes.empty()) return;
   constexpr int most_files = 8;
-  const fs::path tree = scratch() / "tree";
-  fs::create_directory(tree);
+  FileTree tree(scratch() / "tree");
   fs::path file;
   int parts = 0;
   internal::for_each_part(bytes.substr(1), '\0', [&](std::string_view part) {
@@ -369,20 +461,16 @@ void tree_of_texts(std::string_view bytes) {
       file = fs::path(part).lexically_normal().relative_path();
       return;
     }
-    if (file.empty() || *file.begin() == "..") return;
-    std::error_code no_such_name;
-    fs::create_directories((tree / file).parent_path(), no_such_name);
-    std::ofstream(tree / file, std::ios::binary) << part;
+    if (!file.empty() && *file.begin() != "..") tree.add(file, part);
   });
-  read_and_tokenize(tree, TextsFormat::tree, bytes[0]);
-  fs::remove_all(tree);
+  read_and_tokenize(tree.root(), TextsFormat::tree, bytes[0]);
 }
 
 void stop_words(std::string_view bytes) {
-  WordSet words;
-  if (refused([&] { words = stop_words_from(file_of(bytes)); })) return;
+  std::vector<std::string> words;
+  if (refused([&] { words = texts::stop_words_from(file_of(bytes)); })) return;
   check(!words.empty(), "a list holds a word");
-  for (const std::string& word : words) check_tokens({word}, {});
+  for (const std::string& word : words) check_tokens({word}, Tokenizer({}));
 }
 
 constexpr struct Target {
@@ -395,8 +483,11 @@ constexpr struct Target {
                {"idx_labels", idx_labels},
                {"corpus_text", corpus_text},
                {"text_vectors", text_vectors},
+               {"any_vectors", any_vectors},
                {"tsv_texts", tsv_texts},
                {"jsonl_texts", jsonl_texts},
+               {"csv_texts", csv_texts},
+               {"plain_texts", plain_texts},
                {"tree_of_texts", tree_of_texts},
                {"stop_words", stop_words}};
 
@@ -405,6 +496,12 @@ const Target* chosen = nullptr;
 }  // namespace
 }  // namespace tool
 }  // namespace talvik
+
+// What was freed long ago is not kept for long, and whoever allocated it is told with fewer frames:
+// a quarter of the time otherwise.  ASAN_OPTIONS goes before.
+extern "C" const char* __asan_default_options() {
+  return "quarantine_size_mb=16:malloc_context_size=6";
+}
 
 // The option stays where it is: libFuzzer skips it, and hands it on to the processes that it
 // starts.

@@ -195,7 +195,8 @@ TALVIK_API void finalize_mpi();
 /// Waits for all processes.
 TALVIK_API void barrier_mpi();
 
-/// Element-wise sum of count ints over all processes, received by every process.
+/// Element-wise sum of count ints over all processes, received by every process.  Before MPI has
+/// been initialised this process is the only one.
 TALVIK_API void reduce_mpi_sum_int(void* send, void* receive, int count);
 
 /// Element-wise minimum of count floats over all processes, received by every process.
@@ -257,6 +258,7 @@ TALVIK_API float compute_kth_parallel(int k, float* vals);
 /// @param[out] D_out  full-matrix mode: receives a calloc'ed matrix, released by the caller with
 ///                    free(): D_out[i*num_docs2 + q] = distance from query q to the i-th document
 ///                    of this process's group (grp_length[myid] rows).  Top-k mode: not written.
+///                    Never read; a run that an exception ends leaves it as it was or null.
 /// @return 0
 TALVIK_API int rwmd2_parallel(int voc_size, float* embeddings, int vec_size, int k,
                               int delta_iterations, bool precompute, DocumentSet docs1,
@@ -333,7 +335,8 @@ TALVIK_API int rwmd2_scaleout_cleanup(bool use_gpu, bool precompute);
 /// @param k            neighbours (in docs2) per docs1 document
 /// @param[out] D_out   receives a calloc'ed matrix, released by the caller with free():
 ///                     D_out[r*n + q] = distance between the r-th docs1 document of this process's
-///                     group and document q of the n documents of docs2
+///                     group and document q of the n documents of docs2.  Never read; a run that
+///                     an exception ends leaves it as it was or null
 /// @param compute_topk write the lists, one file per process, named as in a scale-out run
 /// @return 1
 TALVIK_API int rwmd2_twoway_wrapper(int voc_size, float* embeddings, int vec_size, int k,
@@ -648,7 +651,8 @@ TALVIK_API void swap_word(unsigned char* word);
 /// @param[out] vec_size,voc_size the header's values
 /// @return false if the file cannot be read, its header is not two integers or it is shorter than
 ///         its header says (the last two with a line on standard output); nothing is stored then
-///         but, in the last case, the header's values
+/// @throws std::bad_array_new_length if voc_size * vec_size is negative or beyond any array; the
+///         header's values are stored then
 TALVIK_API bool parse_embedding_file(const char* path, bool write_vocabulary,
                                      const char* vocabulary_file, VocabularyMap& voc,
                                      float** vectors, long long& vec_size, long long& voc_size);

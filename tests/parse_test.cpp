@@ -62,9 +62,7 @@ std::string read_embeddings(const std::string& path, VocabularyMap& voc,
     loaded = parse_embedding_file(path.c_str(), !file.empty(), file.c_str(), voc, &vectors,
                                   vec_size, voc_size);
   });
-  const bool counted = loaded || read.str().find("announces") != std::string::npos;
-  EXPECT_TRUE(loaded || vectors == &kept);
-  EXPECT_EQ(counted, vec_size != -7 && voc_size != -8);
+  EXPECT_TRUE(loaded || (vectors == &kept && vec_size == -7 && voc_size == -8));
   for (long long i = 0; loaded && i < voc_size * vec_size; ++i) read << vectors[i] << ' ';
   for (const auto& [word, index] : voc) read << word << '=' << index << ' ';
   if (loaded) delete[] vectors;
@@ -89,12 +87,13 @@ TEST(Embeddings, AFileGivesItsWordsAndUnitRowsOrALineAboutItsFault) {
       {"2 0\r\na\nb\r\nc \n d ", "\nb\r\nc=0  d=1 "},
       {embedding_bytes({{long_word, {0}}}), "0 " + long_word + "=0 "},
       {"0 3", ""},
+      {"-5 0", ""},
       {"2 3\n", ends + "1\n"},
       {"2 3\n" + cat + dog.substr(0, dog.size() - 1), ends + "2\n"},
       {"9000000000000000000 0\na b ",
        fault + "announces 9000000000000000000 words of 0 floats and ends within word 3\n"}};
-  for (const char* header : {"cat 3", "2", "2 x", "-2 3\n", "2 +-0", "2 99999999999999999999\n"}) {
-    cases.emplace_back(header, fault + "does not begin with two counts\n");
+  for (const char* header : {"cat 3", "2", "2 x", "2 +-0", "- 3\n"}) {
+    cases.emplace_back(header, fault + "does not begin with two integers\n");
   }
   for (const auto& [bytes, expected] : cases) {
     write_file(path, bytes);
@@ -129,8 +128,12 @@ TEST(EmbeddingsDeathTest, AMatrixThatCannotBeHeldEndsTheReader) {
   const std::string path = dir / "vectors";
   VocabularyMap voc;
   EXPECT_EQ(read_embeddings(dir / "missing", voc), "");
-  write_file(path, "4 4611686018427387905\ncat abcdefgh");  // 64 bits do not hold the product
-  EXPECT_THROW(read_embeddings(path, voc), std::bad_array_new_length);
+  // 64 bits do not hold the first product nor the third's counts; the second one is negative.
+  for (const char* header : {"4 4611686018427387905\ncat abcdefgh", "-2 3\ncat abcdefgh",
+                             "2 99999999999999999999\ncat abcdefgh"}) {
+    write_file(path, header);
+    EXPECT_THROW(read_embeddings(path, voc), std::bad_array_new_length) << header;
+  }
   write_file(path, "1 4000000000000000\nw ");
   EXPECT_EXIT(std::cout.rdbuf(std::cerr.rdbuf());
               read_embeddings(path, voc), testing::ExitedWithCode(255),

@@ -13,10 +13,11 @@
 #include <vector>
 
 #include "commands/convert.hpp"
-#include "stop_words.hpp"
 #include "support/files.hpp"
 #include "support/tool.hpp"
-#include "tokenizer.hpp"
+#include "texts/stop_words.hpp"
+#include "texts/tokenizer.hpp"
+#include "texts/word_set.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -42,15 +43,17 @@ TEST(Tokenizer, FindsTheWordsOfAnyTextByAnyRules) {
   const TempDir dir;
   write_file(dir / "stop", "The\nisn't\n");
   write_file(dir / "none", "...\n");
-  EXPECT_EQ(error_of([&] { stop_words_from(dir / "none"); }), dir / "none" + ": holds no words");
-  const WordSet own = stop_words_from(dir / "stop");
-  const WordSet known = {"well-known", "mid-1990s", "pre"};
+  EXPECT_EQ(error_of([&] { texts::stop_words_from(dir / "none"); }),
+            dir / "none" + ": holds no words");
+  const Tokens own = texts::stop_words_from(dir / "stop");
+  const texts::WordSet known = {"well-known", "mid-1990s", "pre"};
   const std::string_view compounds = "Well-Known mid-1990s pre-war - a--b e- 1990-91";
   const struct {
     std::string_view text;
     Tokens tokens;
-    TokenRules rules = {};
-    long long replaced = 0;
+    TextRules rules = {};
+    Count replaced = 0;
+    bool with_vocabulary = false;
   } cases[] = {
       {"The (Cat), 42 B2B\t1990s\nsat.  --\r\nEnd_of",
        {"the", "cat", "b2b", "1990s", "sat", "end", "of"}},
@@ -68,17 +71,19 @@ TEST(Tokenizer, FindsTheWordsOfAnyTextByAnyRules) {
       // The length counts characters, not bytes.
       {"Cat E\u0301cole \u00E9\u00E9", {"Cat", "\u00C9cole"}, {.keep_case = true, .min_length = 3}},
       // A compound stays whole where the vocabulary has it.
-      {compounds, {"well-known", "mid-1990s", "pre", "war", "a", "b", "e"}, {.vocabulary = &known}},
+      {compounds, {"well-known", "mid-1990s", "pre", "war", "a", "b", "e"}, {}, 0, true},
       {compounds, {"well", "known", "mid", "1990s", "pre", "war", "a", "b", "e"}},
       // Stop words match whatever the case.
-      {"THE cat isn't the", {"cat"}, {.stop_words = &own}},
-      {"THE cat isn't the", {"cat"}, {.keep_case = true, .stop_words = &own}},
-      {"We don't eat that the cat's", {"eat", "cat"}, {.stop_words = &english_stop_words()}},
+      {"THE cat isn't the", {"cat"}, {.stop_words = own}},
+      {"THE cat isn't the", {"cat"}, {.stop_words = own, .keep_case = true}},
+      {"We don't eat that the cat's", {"eat", "cat"}, {.stop_words = texts::english_stop_words()}},
       // Latin-1 e acute, an overlong slash, a lone continuation byte, a euro sign cut at the end.
       {"caf\xE9 a\xC0\xAFz \x80 end\xE2\x82", {"caf", "a", "z", "end"}, {}, 4}};
-  for (const auto& [text, tokens, rules, replaced] : cases) {
-    long long counted = 0;
-    EXPECT_EQ(tokenize(text, rules, counted), tokens);
+  for (const auto& [text, tokens, rules, replaced, with_vocabulary] : cases) {
+    texts::HasWord vocabulary;
+    if (with_vocabulary) vocabulary = [&](std::string_view word) { return known.contains(word); };
+    Count counted = 0;
+    EXPECT_EQ(texts::Tokenizer(rules, vocabulary).tokens(text, counted), tokens);
     EXPECT_EQ(counted, replaced) << text;
   }
 }

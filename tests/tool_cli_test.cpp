@@ -3,7 +3,6 @@
 #include <fmt/core.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>  // mkfifo
-#include <sys/wait.h>  // WEXITSTATUS
 #include <unistd.h>    // gethostname
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 
 #include "support/files.hpp"
 #include "support/oracle.hpp"
+#include "support/program.hpp"
 #include "support/world.hpp"
 
 namespace talvik::test {
@@ -26,36 +26,6 @@ namespace {
 constexpr int num_words = 30, vec_size = 4;
 // A word and itself are 3e-4 apart: the root of what rounding leaves of 2 - 2.
 constexpr double tolerance = 1e-3;
-
-struct Ran {
-  int status = -1;
-  std::string output;  // both streams
-};
-
-/// Runs the program under the launcher, or by itself for one process.  A hang ends with status 124.
-Ran run(int processes, const std::string& arguments, const std::string& before = "") {
-  std::string command = "timeout -k 5 60 ";
-  if (processes > 1) command += TALVIK_LAUNCH " " + std::to_string(processes) + " ";
-  command += before + TALVIK_BINARY " " + arguments + (before.empty() ? " 2>&1" : "' 2>&1");
-  Ran ran;
-  FILE* pipe = popen(command.c_str(), "r");
-  char buffer[4096];
-  for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-    ran.output.append(buffer, got);
-  const int status = pclose(pipe);
-  ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return ran;
-}
-
-/// The program's own lines about what is wrong.
-std::vector<std::string> complaints(const Ran& ran) {
-  std::vector<std::string> lines;
-  std::istringstream all(ran.output);
-  for (std::string line; std::getline(all, line);) {
-    if (line.starts_with("talvik: ")) lines.push_back(line);
-  }
-  return lines;
-}
 
 /// Document number i of n in the program's order, by class and number: 9 before 12.
 std::string place_of(size_t i, size_t n) {
@@ -330,6 +300,19 @@ TEST_F(CorpusRun, OutputsGoWhereTheyAreNamed) {
   EXPECT_EQ(read_file(dir_ / "out"), lists);
   std::filesystem::create_symlink("words.bin", dir_ / "link");
   EXPECT_EQ(listed("", "link").status, 2);  // it leads to an input
+}
+
+TEST_F(CorpusRun, AnAddressSpaceThatIsTooSmallIsToldInOneLine) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer's own address space is beyond any limit";
+#endif
+  for (const std::string kilobytes : {"100000", "500000"}) {
+    const Ran ran = run(1, query_run("out"), "sh -c 'ulimit -v " + kilobytes + "; exec ");
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(complaints(ran).size(), 1u) << ran.output;
+    EXPECT_NE(ran.output.find("the limit on the address space (ulimit -v) is too low"),
+              std::string::npos);
+  }
 }
 
 TEST_F(CorpusRun, ASignalLeavesNothingUnfinished) {

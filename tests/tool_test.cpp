@@ -1,16 +1,18 @@
-// The host program's parts that need no process group: files, formats, selection, checks.
+// The host program's parts by themselves: files, formats, selection, checks.
 #include "support/tool.hpp"
 
 #include <gtest/gtest.h>
+#include <unistd.h>  // getpid
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <numeric>
 
 #include "atomic_output.hpp"
-#include "embedding_input.hpp"
 #include "idx_input.hpp"
 #include "load_corpus.hpp"
 #include "majority_vote.hpp"
@@ -19,7 +21,11 @@
 #include "progress.hpp"
 #include "result_lists.hpp"
 #include "result_writer.hpp"
+#include "run_error.hpp"
+#include "silence.hpp"
 #include "support/files.hpp"
+#include "texts/embedding_input.hpp"
+#include "unfinished.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -185,12 +191,13 @@ TEST(EmbeddingInput, EveryDefectIsNamedWithItsPlace) {
       {swapped,
        "the values of record 1, word 'cat', are implausible (magnitude 4.6e-41): the floats must "
        "be little-endian"}};
-  for (const auto& [file, expected] : cases) EXPECT_EQ(defect(file, read_word_vectors), expected);
+  const auto read = [](const std::string& path) { texts::read_word_vectors(path); };
+  for (const auto& [file, expected] : cases) EXPECT_EQ(defect(file, read), expected);
   // Neither room is made for the words of a file with holes, nor is a hole searched to its end.
   const auto with_hole = [](const std::string& path) {
     constexpr std::uintmax_t hole_bytes = 100'000'000'000;
     std::filesystem::resize_file(path, hole_bytes);
-    read_embedding_words(path);
+    texts::read_embedding_words(path);
   };
   EXPECT_EQ(defect("9000000000 1\n", with_hole),
             "the word of record 1 has no end (a wrong header, or a file with holes?)");
@@ -203,7 +210,7 @@ TEST(EmbeddingInput, NumbersScalesAndWarns) {
   for (const char* word : {"a", "b", "c", "d", "e", "f"}) records.push_back({word, {0, 0}});
   records.push_back({"g", {3, -4}});
   write_file(path, embedding_bytes(records) + "\n more");
-  const WordVectors read = read_word_vectors(path);
+  const texts::WordVectors read = texts::read_word_vectors(path);
   EXPECT_EQ(read.voc_size, 7);
   EXPECT_EQ(read.vocabulary.at("g"), 6);
   EXPECT_EQ(std::vector<float>(&read.vectors[0], &read.vectors[14]),
@@ -306,6 +313,28 @@ TEST(MemoryPlan, RefusesWithTheNumbers) {
 TEST(Progress, LineStatesShareRateAndRemainingTime) {
   EXPECT_EQ(progress_line("second direction", 0.25, 4e6, 30),
             "second direction  25 %  3.33e+04 pairs/s  1:30 left");
+}
+
+TEST(SilenceDeathTest, WhatEndsTheJobIsHeardAndRemovesWhatIsUnfinished) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a new process, with this environment
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  constexpr int keep = 0;  // the new process is to know this one's file
+  setenv("TALVIK_TEST_FILE", (testing::TempDir() + "talvik." + std::to_string(getpid())).c_str(),
+         keep);
+  const std::string path = getenv("TALVIK_TEST_FILE");
+  const auto run = [&] {
+    init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
+    const bool quiet = true;
+    const Silence silence(quiet);
+    const Unfinished unfinished(path);
+    write_file(path, "not whole");
+    float embedding = 1;
+    rwmd2_parallel(1, &embedding, 1, 1, 0, false, {{{0, 1.0f}}}, {1}, 1, 1, {{{0, 1.0f}}}, {1}, 1,
+                   1, nullptr, true, "/nonexistent/out", false);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(status_failed),
+              "talvik: Failed to open result file: /nonexistent/out\n");
+  EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <utility>
 
@@ -39,6 +40,22 @@ void for_each_share(int threads, int n, const Body& body) {
     }
   }
   if (failure) std::rethrow_exception(failure);
+}
+
+/// Runs body(item, thread) for every item of [0, n), each on the thread of a team that is free
+/// next: for items that take very different times.  After an exception no further item is begun.
+template <class Number, class Body>
+void for_each_item(int threads, Number n, const Body& body) {
+  std::atomic<Number> next = 0;
+  const int team = std::max(threads, 1);
+  for_each_share(team, team, [&](int, int, int thread) {
+    try {
+      for (Number item = next++; item < n; item = next++) body(item, thread);
+    } catch (...) {
+      next = n;
+      throw;
+    }
+  });
 }
 
 }  // namespace talvik::internal

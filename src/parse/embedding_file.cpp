@@ -11,43 +11,33 @@
 namespace talvik::internal {
 namespace {
 
-struct Integer {
-  HeaderFault fault;
-  long long value;
-};
-
 // Reads the integer at `at`, after optional white space and a sign, and moves `at` behind it.
-Integer read_integer(std::string_view file, Index& at) {
+std::optional<long long> read_integer(std::string_view file, Index& at) {
   constexpr std::string_view white_space = " \t\n\v\f\r";
   const size_t begin = file.find_first_not_of(white_space, at);
-  if (begin == std::string_view::npos) return {HeaderFault::no_integers, 0};
+  if (begin == std::string_view::npos) return std::nullopt;
   const bool plus = file[begin] == '+';  // from_chars takes no plus sign
   const char* const first = file.data() + begin + (plus ? 1 : 0);
   const char* const last = file.data() + file.size();
   const bool minus = first != last && *first == '-';
   long long value = 0;
   const auto [end, error] = std::from_chars(first, last, value);
-  if (error == std::errc::invalid_argument || (plus && minus)) return {HeaderFault::no_integers, 0};
+  if (error == std::errc::invalid_argument || (plus && minus)) return std::nullopt;
   at = end - file.data();
-  if (error == std::errc::result_out_of_range) {
-    using Limits = std::numeric_limits<long long>;
-    return {HeaderFault::no_counts, minus ? Limits::min() : Limits::max()};
-  }
-  return {value < 0 ? HeaderFault::no_counts : HeaderFault::none, value};
+  if (error == std::errc()) return value;
+  using Limits = std::numeric_limits<long long>;
+  return minus ? Limits::min() : Limits::max();
 }
 
 }  // namespace
 
-EmbeddingHeader read_embedding_header(std::string_view file) {
-  EmbeddingHeader header;
-  const Integer num_records = read_integer(file, header.end);
-  if (num_records.fault == HeaderFault::no_integers) return {HeaderFault::no_integers};
-  const Integer vec_size = read_integer(file, header.end);
-  if (vec_size.fault == HeaderFault::no_integers) return {HeaderFault::no_integers};
-  header.fault = num_records.fault == HeaderFault::none ? vec_size.fault : num_records.fault;
-  header.num_records = num_records.value;
-  header.vec_size = vec_size.value;
-  return header;
+std::optional<EmbeddingHeader> read_embedding_header(std::string_view file) {
+  Index end = 0;
+  const std::optional<long long> num_records = read_integer(file, end);
+  if (!num_records) return std::nullopt;
+  const std::optional<long long> vec_size = read_integer(file, end);
+  if (!vec_size) return std::nullopt;
+  return EmbeddingHeader{*num_records, *vec_size, end};
 }
 
 bool next_embedding_record(std::string_view file, const EmbeddingHeader& header, Index& at,

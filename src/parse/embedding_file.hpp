@@ -4,6 +4,7 @@
 #ifndef TALVIK_PARSE_EMBEDDING_FILE_HPP
 #define TALVIK_PARSE_EMBEDDING_FILE_HPP
 
+#include <optional>
 #include <string_view>
 
 #include "internal/index.hpp"
@@ -12,20 +13,14 @@ namespace talvik::internal {
 
 inline constexpr Index float_bytes = sizeof(float);
 
-enum class HeaderFault {
-  none,
-  no_integers,  ///< the file does not begin with two integers
-  no_counts,    ///< one of them is negative or beyond 64 bits
-};
-
 struct EmbeddingHeader {
-  HeaderFault fault = HeaderFault::none;
-  long long num_records = 0;  ///< as written; beyond 64 bits, the nearest number that fits
+  long long num_records = 0;  ///< as written, with its sign; beyond 64 bits, the nearest that fits
   long long vec_size = 0;     ///< floats per vector, written the same way
   Index end = 0;              ///< where the first record begins
 };
 
-EmbeddingHeader read_embedding_header(std::string_view file);
+/// @return nothing if the file does not begin with two integers
+std::optional<EmbeddingHeader> read_embedding_header(std::string_view file);
 
 /// Whether num_bytes behind the header can hold the announced records: at least a space and a
 /// vector each.
@@ -56,7 +51,7 @@ struct WalkedRecords {
 };
 
 /// Calls visit(record) for the announced records that the file holds, in file order.
-/// @pre header.fault is none
+/// @pre num_records is below 1 or vec_size is not negative
 template <class Visit>
 WalkedRecords walk_embedding_records(std::string_view file, const EmbeddingHeader& header,
                                      const Visit& visit) {

@@ -4,8 +4,10 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "internal/failure.hpp"
 #include "parse/embedding_file.hpp"
@@ -24,10 +26,10 @@ void report_bad_file(const char* path, const std::string& fault) {
 /// The matrix that the header announces, uninitialised: a row takes no memory until it is written.
 /// A failed allocation ends the process.
 std::unique_ptr<float[]> allocate_vectors(const internal::EmbeddingHeader& header) {
-  // Compilers differ in what the expression below does for sizes beyond any array.
+  // Compilers differ in what the expression below does for sizes that no array has.
   constexpr long long most_floats = std::numeric_limits<long long>::max() / internal::float_bytes;
   long long floats = 0;
-  if (__builtin_mul_overflow(header.num_records, header.vec_size, &floats) ||
+  if (__builtin_mul_overflow(header.num_records, header.vec_size, &floats) || floats < 0 ||
       floats > most_floats) {
     throw std::bad_array_new_length();
   }
@@ -50,21 +52,24 @@ bool parse_embedding_file(const char* path, bool write_vocabulary, const char* v
                           long long& voc_size) {
   std::string text;
   if (ReadFileIntoString(path, text, true) < 1) return false;
-  const internal::EmbeddingHeader header = internal::read_embedding_header(text);
-  if (header.fault != internal::HeaderFault::none) {
-    report_bad_file(path, "it does not begin with two counts");
+  const std::optional<internal::EmbeddingHeader> found = internal::read_embedding_header(text);
+  if (!found) {
+    report_bad_file(path, "it does not begin with two integers");
     return false;
   }
-  vec_size = header.vec_size;
-  voc_size = header.num_records;
+  const internal::EmbeddingHeader& header = *found;
+  const long long earlier_vec_size = std::exchange(vec_size, header.vec_size);
+  const long long earlier_voc_size = std::exchange(voc_size, header.num_records);
   std::unique_ptr<float[]> matrix = allocate_vectors(header);
-  // A first walk without effects, so that a short file leaves the vectors and the words alone.
+  // A first walk without effects, so that a short file leaves the outputs alone.
   const internal::WalkedRecords walked =
       internal::walk_embedding_records(text, header, [](const internal::EmbeddingRecord&) {});
   if (walked.count < header.num_records) {
     report_bad_file(path, "it announces " + std::to_string(header.num_records) + " words of " +
                               std::to_string(header.vec_size) + " floats and ends within word " +
                               std::to_string(walked.count + 1));
+    vec_size = earlier_vec_size;
+    voc_size = earlier_voc_size;
     return false;
   }
 

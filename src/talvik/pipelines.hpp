@@ -9,12 +9,12 @@
 
 namespace talvik::internal {
 
-/// Frees the matrix in *D_out at the end of the scope and puts back what was there before.  A run
-/// dismisses it once it has succeeded.
+/// Frees the run's matrix in *D_out at the end of the scope and leaves null there.  A run dismisses
+/// it once it has succeeded.
 inline auto guard_matrix(float** D_out) {
-  return Guard([D_out, earlier = *D_out] {
-    if (*D_out != earlier) std::free(*D_out);
-    *D_out = earlier;
+  return Guard([D_out] {
+    std::free(*D_out);
+    *D_out = nullptr;
   });
 }
 

@@ -67,8 +67,8 @@ float* allocate_matrix(std::size_t bytes) {
 int query_matrix(const RunParameters& run, const LabelledDocuments& queries, const BatchPlan& plan,
                  float** D_out) {
   const std::size_t bytes = elements(plan.num_resident, queries.num_docs) * sizeof(float);
-  auto matrix = guard_matrix(D_out);
   *D_out = allocate_matrix(bytes);
+  auto matrix = guard_matrix(D_out);
   run_batches(run, queries, plan, [&](const DistanceBlock& block) {
     transpose_block(block, plan.num_resident, queries.num_docs, *D_out);
     return NeighbourLists{};

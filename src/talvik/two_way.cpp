@@ -18,10 +18,10 @@ int two_way_run(const RunParameters& run, const LabelledDocuments& first,
   // Without a split, the first direction splits the first collection.
   DistributionInfo earlier = take_distribution_info();
   Guard split([&] { set_distribution_info(std::move(earlier)); });
-  auto matrix = guard_matrix(D_out);
   RunParameters matrix_only = run;
   matrix_only.compute_topk = false;
   split_resident_run(matrix_only, first, second, D_out);
+  auto matrix = guard_matrix(D_out);
   scale_out_run(run, second, first, *D_out);  // over the same split
   matrix.dismiss();
   split.dismiss();

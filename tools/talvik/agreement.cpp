@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 #include <mpi.h>
 
+#include <algorithm>
 #include <array>
 
 #include "run_error.hpp"
@@ -10,15 +11,6 @@
 namespace talvik::tool {
 
 namespace {
-
-std::string from_process(const std::string& text, int root) {
-  std::string shared = text;
-  int length = static_cast<int>(text.size());
-  MPI_Bcast(&length, 1, MPI_INT, root, MPI_COMM_WORLD);
-  shared.resize(length);
-  MPI_Bcast(shared.data(), length, MPI_CHAR, root, MPI_COMM_WORLD);
-  return shared;
-}
 
 std::string machine() {
   std::array<char, MPI_MAX_PROCESSOR_NAME + 1> name{};
@@ -29,11 +21,26 @@ std::string machine() {
 
 int smallest_of_all(int own) {
   int smallest = own;
+  if (num_procs <= 1) return smallest;
   MPI_Allreduce(&own, &smallest, 1, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
   return smallest;
 }
 
 }  // namespace
+
+std::string from_process(const std::string& text, int root) {
+  if (num_procs <= 1) return text;
+  auto bytes = static_cast<unsigned long long>(text.size());
+  MPI_Bcast(&bytes, 1, MPI_UNSIGNED_LONG_LONG, root, MPI_COMM_WORLD);
+  std::string shared = text;
+  shared.resize(bytes);
+  constexpr unsigned long long piece = 1ULL << 30;  // MPI counts in int
+  for (unsigned long long at = 0; at < bytes; at += piece) {
+    MPI_Bcast(shared.data() + at, static_cast<int>(std::min(piece, bytes - at)), MPI_CHAR, root,
+              MPI_COMM_WORLD);
+  }
+  return shared;
+}
 
 void agree(const std::string& error) {
   const int nobody = num_procs;
@@ -50,7 +57,5 @@ void agree_with_first(const std::string& error) {
   const std::string text = from_process(error, 0);
   if (!text.empty()) throw RunError(text);
 }
-
-std::string from_first_process(const std::string& text) { return from_process(text, 0); }
 
 }  // namespace talvik::tool

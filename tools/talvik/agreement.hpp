@@ -1,5 +1,5 @@
 // How the processes of a run fail together: an error found by one becomes the same error on all, so
-// that none waits for another that has gone.
+// that none waits for another that has gone.  With one process nothing here needs MPI.
 #ifndef TALVIK_TOOL_AGREEMENT_HPP
 #define TALVIK_TOOL_AGREEMENT_HPP
 
@@ -45,8 +45,11 @@ void on_first_process(const Step& step) {
   agree_with_first(myid == 0 ? error_of(step) : "");
 }
 
+/// The text of process `root`, of any length, on every process.  Collective.
+std::string from_process(const std::string& text, int root);
+
 /// The text of process 0, on every process.  Collective.
-std::string from_first_process(const std::string& text);
+inline std::string from_first_process(const std::string& text) { return from_process(text, 0); }
 
 }  // namespace talvik::tool
 

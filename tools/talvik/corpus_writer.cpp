@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "run_error.hpp"
-#include "tokenizer.hpp"
+#include "texts/tokenizer.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -36,14 +36,15 @@ void require_class_name(const std::string& label, const std::string& place) {
     problem = "holds a path separator";
   } else if (std::any_of(label.begin(), label.end(), is_control_character)) {
     throw RunError(place + ": the class name holds a control character");
-  } else if (!is_valid_utf8(label)) {
+  } else if (!texts::is_valid_utf8(label)) {
     problem = "is not valid UTF-8";
   } else if (label.size() > longest_file_name) {
     throw RunError(
         fmt::format("{}: the class name is longer than {} bytes", place, longest_file_name));
   }
   if (problem) {
-    throw RunError(fmt::format("{}: the class name \"{}\" {}", place, printable(label), problem));
+    throw RunError(
+        fmt::format("{}: the class name \"{}\" {}", place, texts::printable(label), problem));
   }
 }
 

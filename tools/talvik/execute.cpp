@@ -5,17 +5,15 @@
 #include <unistd.h>  // isatty
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <string_view>
 #include <utility>
 
 #include "agreement.hpp"
 #include "atomic_output.hpp"
+#include "group_run.hpp"
 #include "library_run.hpp"
 #include "memory_plan.hpp"
-#include "messages.hpp"
 #include "npy.hpp"
 #include "report.hpp"
 #include "result_writer.hpp"
@@ -171,7 +169,10 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
                      .show_progress = myid == 0 && isatty(STDERR_FILENO) != 0};
   require_same(digests_of(options));
   apply_settings(options);
-  together([&] { require_gpu(options); });
+  together([&] {
+    require_threads(num_cpu_threads);
+    require_gpu(options);
+  });
   Outputs outputs = open_outputs(options, library);
   Problem problem;
   RunFacts facts;
@@ -191,34 +192,10 @@ void run(const RunOptions& options, const std::function<Problem()>& load) {
 }  // namespace
 
 int execute(const RunOptions& options, const std::function<Problem()>& load) {
-  {
-    const Silence silence(!options.verbose || is_standard_output(options.out) ||
-                          is_standard_output(options.matrix));
-    init_mpi(&myid, &num_procs, &local_id, &num_local_procs);
-  }
-  int status = status_ok;
-  const Silence silence(options.quiet);
-  try {
-    run(options, load);
-    on_first_process(finish_output);
-  } catch (const RunError& error) {  // the same on every process
-    if (myid == 0) complain("talvik: {}\n", error.what());
-    status = status_failed;
-  } catch (const std::exception& error) {
-    // Out of step with the other processes, which may wait for this one: ending without MPI's own
-    // end makes the launcher end them too.
-    complain("talvik: process {}: {}\n", myid, error.what());
-    std::_Exit(status_failed);
-  }
-  finalize_mpi();
-  return status;
-}
-
-bool is_first_process() {
-  for (const char* name : {"OMPI_COMM_WORLD_RANK", "PMIX_RANK", "PMI_RANK", "SLURM_PROCID"}) {
-    if (const char* rank = std::getenv(name)) return std::string_view(rank) == "0";
-  }
-  return true;
+  const bool show_processes =
+      options.verbose && !is_standard_output(options.out) && !is_standard_output(options.matrix);
+  return run_in_group({.name = "talvik", .show_processes = show_processes, .quiet = options.quiet},
+                      [&] { run(options, load); });
 }
 
 }  // namespace talvik::tool

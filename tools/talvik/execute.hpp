@@ -14,10 +14,6 @@ namespace talvik::tool {
 /// @return the exit status
 int execute(const RunOptions& options, const std::function<Problem()>& load);
 
-/// Whether this process is the one that speaks, as far as the launcher's environment tells; for the
-/// time before the process group exists.
-bool is_first_process();
-
 }  // namespace talvik::tool
 
 #endif

@@ -2,10 +2,10 @@
 
 #include <fmt/core.h>
 
-#include "input_files.hpp"
-#include "mapped_file.hpp"
 #include "parse/idx_file.hpp"
 #include "run_error.hpp"
+#include "texts/input_files.hpp"
+#include "texts/mapped_file.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -44,8 +44,8 @@ void require_magic(const std::string& path, const IdxKind& kind, std::uint32_t f
 }
 
 long long check(const std::string& path, const IdxKind& kind) {
-  const long long size = require_regular_file(path);
-  const MappedFile file(path);
+  const long long size = texts::require_regular_file(path);
+  const texts::MappedFile file(path);
   const IdxFile idx = kind.read(file.bytes());
   if (idx.fault == IdxFault::short_header) {
     throw RunError(fmt::format("{}: holds {} bytes, less than an IDX header of {}", path, size,

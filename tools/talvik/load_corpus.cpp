@@ -13,12 +13,12 @@
 #include <string_view>
 #include <tuple>
 
-#include "embedding_input.hpp"
-#include "input_files.hpp"
 #include "parse/text_document.hpp"
 #include "progress.hpp"
 #include "run_error.hpp"
 #include "status_line.hpp"
+#include "texts/embedding_input.hpp"
+#include "texts/input_files.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -65,8 +65,8 @@ unsigned long id_of(const std::string& path, const std::string& name) {
 }
 
 // Makes a text's document and counts its words.
-int make_document(std::string_view text, const CorpusOptions& options, const WordNumbers& words,
-                  LoadedCollection& collection, Document& doc) {
+int make_document(std::string_view text, const CorpusOptions& options,
+                  const texts::WordNumbers& words, LoadedCollection& collection, Document& doc) {
   const auto find = [&](std::string_view word) {
     const auto known = words.find(word);
     const bool unknown = known == words.end();
@@ -81,7 +81,8 @@ int make_document(std::string_view text, const CorpusOptions& options, const Wor
 }
 
 LoadedCollection read_collection(const std::string& root, const std::vector<CorpusFile>& files,
-                                 int limit, const CorpusOptions& options, const WordNumbers& words,
+                                 int limit, const CorpusOptions& options,
+                                 const texts::WordNumbers& words,
                                  const std::map<std::string, unsigned long>& class_numbers) {
   LoadedCollection collection;
   StatusLine status;
@@ -118,7 +119,7 @@ LoadedCollection read_collection(const std::string& root, const std::vector<Corp
 }  // namespace
 
 std::vector<CorpusFile> list_corpus(const std::string& root_as_given) {
-  require_directory(root_as_given);
+  texts::require_directory(root_as_given);
   std::string root = root_as_given;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
 
@@ -156,7 +157,8 @@ Problem load_corpus(const CorpusOptions& options) {
   for (auto& [name, number] : class_numbers) number = next++;
 
   Problem problem;
-  WordVectors words = read_word_vectors(options.embeddings);
+  texts::WordVectors words =
+      texts::read_word_vectors(options.embeddings, shown_reading(options.embeddings));
   problem.embeddings = std::move(words.vectors);
   problem.voc_size = words.voc_size;
   problem.vec_size = words.vec_size;

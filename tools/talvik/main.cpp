@@ -2,6 +2,8 @@
 // (usage).
 #include <unistd.h>  // sleep
 
+#include <algorithm>
+#include <array>
 #include <exception>
 #include <memory>
 #include <string>
@@ -9,7 +11,7 @@
 #include <vector>
 
 #include "commands/commands.hpp"
-#include "execute.hpp"
+#include "group_run.hpp"
 #include "help.hpp"
 #include "messages.hpp"
 #include "run_error.hpp"
@@ -48,14 +50,20 @@ int run(int argc, char** argv) {
   app.formatter(std::make_shared<HelpFormatter>());
   app.failure_message(usage_line);
   int status = status_ok;
+  add_index_command(app, status);
+  add_search_command(app, status);
+  add_explain_command(app, status);
   add_corpus_command(app, status);
   add_mnist_command(app, status);
   add_convert_command(app, status);
   add_prepare_command(app, status);
 
-  // These two are no parallel work: the first process does it.
+  // These are no parallel work: the first process does it.
   const std::string_view command = argc > 1 ? argv[1] : "";
-  if (!is_first_process() && (command == "convert" || command == "prepare")) return status_ok;
+  constexpr std::array<std::string_view, 4> alone = {"index", "explain", "convert", "prepare"};
+  if (!is_first_process() && std::find(alone.begin(), alone.end(), command) != alone.end()) {
+    return status_ok;
+  }
   try {
     const bool is_option = command.empty() || command.front() == '-';
     const auto named = [command](const CLI::App* known) { return known->get_name() == command; };

@@ -5,45 +5,13 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <sstream>
 #include <string>
 
 #include "run_error.hpp"
 
 namespace talvik::tool {
-namespace {
-
-std::stringbuf* kept_back = nullptr;  // by the Silence that lives
-
-void complain_of_last_line() {
-  if (!kept_back) return;
-  std::istringstream lines(kept_back->str());
-  std::string last;
-  for (std::string line; std::getline(lines, line);) last = line;
-  if (!last.empty()) complain("talvik: {}\n", last);
-}
-
-}  // namespace
-
-Silence::Silence(bool wanted) {
-  if (!wanted) return;
-  static std::stringbuf lines;
-  static const bool registered = std::atexit(complain_of_last_line) == 0;
-  static_cast<void>(registered);
-  kept_back = &lines;
-  lines_ = std::cout.rdbuf(&lines);
-}
-
-Silence::~Silence() {
-  if (!lines_) return;
-  std::cout.rdbuf(lines_);
-  kept_back->str("");
-  kept_back = nullptr;
-}
-
 void open_standard_streams() {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(stream, F_GETFD) >= 0) continue;

@@ -5,7 +5,6 @@
 
 #include <fmt/core.h>
 
-#include <streambuf>
 #include <string_view>
 #include <utility>
 
@@ -26,19 +25,6 @@ template <class... T>
 void complain(fmt::format_string<T...> format, T&&... values) {
   complain_text(fmt::format(format, std::forward<T>(values)...));
 }
-
-/// The library's own lines are kept back while it lives.  Where the process ends meanwhile, which
-/// the library says in its last line, that line goes to standard error.
-class Silence {
- public:
-  explicit Silence(bool wanted);
-  ~Silence();
-  Silence(const Silence&) = delete;
-  Silence& operator=(const Silence&) = delete;
-
- private:
-  std::streambuf* lines_ = nullptr;
-};
 
 /// Opens the null device in the place of a standard stream that is closed, so that no other file
 /// gets its number.

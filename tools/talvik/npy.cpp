@@ -34,8 +34,12 @@ void copy_row(std::ifstream& from, const Shard& shard, std::vector<float>& row, 
 }  // namespace
 
 std::string npy_header(long long rows, long long cols) {
+  return npy_header("<f4", fmt::format("({}, {})", rows, cols));
+}
+
+std::string npy_header(const std::string& type, const std::string& shape) {
   std::string dictionary =
-      fmt::format("{{'descr': '<f4', 'fortran_order': False, 'shape': ({}, {}), }}", rows, cols);
+      fmt::format("{{'descr': '{}', 'fortran_order': False, 'shape': {}, }}", type, shape);
   const size_t unpadded = prefix_bytes + dictionary.size() + 1;  // 1: the closing newline
   dictionary.append((alignment - unpadded % alignment) % alignment, ' ');
   dictionary.push_back('\n');

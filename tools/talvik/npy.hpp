@@ -9,7 +9,12 @@
 
 namespace talvik::tool {
 
-/// The bytes before the data of a rows x cols matrix, format version 1.0.
+/// The bytes before the data of an array, format version 1.0.
+/// @param type   NumPy's name: "<f4"
+/// @param shape  as Python writes a tuple: "(3, 2)"
+std::string npy_header(const std::string& type, const std::string& shape);
+
+/// The same for a rows x cols matrix of floats.
 std::string npy_header(long long rows, long long cols);
 
 /// Writes rows x cols floats, row-major, as they are.

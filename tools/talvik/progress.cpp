@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <memory>
 
 namespace talvik::tool {
 
@@ -31,6 +32,12 @@ std::string reading_progress(const std::string& path, long long done, long long 
   const double fraction = static_cast<double>(done) / static_cast<double>(all);
   return fmt::format("reading {}  {:.0f} %  {}", std::filesystem::path(path).filename().string(),
                      percent * fraction, time_left(fraction, seconds));
+}
+
+std::function<void(long long done, long long all)> shown_reading(const std::string& path) {
+  return [path, line = std::make_shared<StatusLine>()](long long done, long long all) {
+    line->show([&] { return reading_progress(path, done, all, line->seconds()); });
+  };
 }
 
 void Progress::batch_done(const std::string& phase, const BatchResult& batch) {

@@ -2,6 +2,7 @@
 #ifndef TALVIK_TOOL_PROGRESS_HPP
 #define TALVIK_TOOL_PROGRESS_HPP
 
+#include <functional>
 #include <string>
 
 #include "status_line.hpp"
@@ -18,6 +19,9 @@ std::string progress_line(const std::string& phase, double fraction, double pair
 /// @param done  of `all`, above 0
 std::string reading_progress(const std::string& path, long long done, long long all,
                              double seconds);
+
+/// Shows how far the reading of a file is, when called with the records done, of how many.
+std::function<void(long long done, long long all)> shown_reading(const std::string& path);
 
 /// Shows how far a run is, batch by batch.  Assumes that all processes go on at the same rate.
 class Progress {

@@ -91,16 +91,21 @@ void report_after(const Problem& problem, const RunOptions& options, const Resul
     say("pairs per second    {:>12.4g}\n", seconds > 0 ? pairs / seconds : 0.0);
     std::fflush(stdout);
   }
-  LabelList query_classes = problem.queries.classes;
-  LabelList resident_classes = problem.resident.classes;
   split_over_processes(problem.queries);
-  std::vector<int> rows = lists.neighbours;
-  int* const own = rows.data() + internal::elements(grp_start[myid], lists.k);
-  const bool print_results = true;
-  evaluate_topk_precision(lists.num_queries, lists.k, own, query_classes.data(),
-                          resident_classes.data(), skip_first, print_results);
+  report_classification(lists, skip_first, problem.queries.classes, problem.resident.classes,
+                        options.quiet);
   cleanup_distribution_info();
-  if (myid != 0 || options.quiet) return;
+}
+
+void report_classification(const ResultLists& lists, bool skip_first, LabelList query_classes,
+                           LabelList resident_classes, bool quiet) {
+  std::vector<int> rows = lists.neighbours;
+  const int own_first = grp_start != nullptr ? grp_start[myid] : 0;
+  const bool print_results = true;
+  evaluate_topk_precision(lists.num_queries, lists.k,
+                          rows.data() + internal::elements(own_first, lists.k),
+                          query_classes.data(), resident_classes.data(), skip_first, print_results);
+  if (myid != 0 || quiet) return;
 
   const std::vector<int> sizes = vote_sizes(lists.k - (skip_first ? 1 : 0));
   const std::vector<double> errors =

@@ -24,6 +24,12 @@ void report_before(const Problem& problem, const RunOptions& options, const RunF
 void report_after(const Problem& problem, const RunOptions& options, const ResultLists& lists,
                   double seconds);
 
+/// Prints precision and classification error on process 0.  Where there is distribution info, every
+/// process scores its queries; else each scores those of its lists.  Collective.
+/// @param skip_first  entry 0 of every list is the query itself
+void report_classification(const ResultLists& lists, bool skip_first, LabelList query_classes,
+                           LabelList resident_classes, bool quiet);
+
 }  // namespace talvik::tool
 
 #endif

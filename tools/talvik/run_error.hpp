@@ -1,4 +1,5 @@
-// What ends a run: one line that names the file or option and what is wrong with it.
+// What ends a run of the program: one line that names the file or option and what is wrong with it.
+// The readers of texts and vectors throw talvik::FileError instead, whose line is of the same form.
 #ifndef TALVIK_TOOL_RUN_ERROR_HPP
 #define TALVIK_TOOL_RUN_ERROR_HPP
 

@@ -10,7 +10,6 @@ namespace talvik::tool {
 namespace {
 
 constexpr double most_gib = 1e9;
-constexpr int most_threads = 4096;  // of far larger teams the threading library crashes
 
 bool same_file(const std::string& a, const std::string& b) {
   if (a.empty() || b.empty()) return false;
@@ -89,16 +88,19 @@ void add_run_options(CLI::App& command, RunOptions& options) {
       ->excludes(verbose);
 }
 
-void check_run_options(const RunOptions& options, const std::vector<std::string>& inputs) {
-  if (options.out.empty()) throw CLI::ValidationError("--out", "the name is empty");
+void require_no_input(const std::string& option, const std::string& output,
+                      const std::vector<std::string>& inputs) {
+  if (output.empty()) throw CLI::ValidationError(option, "the name is empty");
   for (const std::string& input : inputs) {
-    if (same_file(options.out, input)) {
-      throw CLI::ValidationError("--out", options.out + " is also an input");
-    }
-    if (same_file(options.matrix, input)) {
-      throw CLI::ValidationError("--matrix", options.matrix + " is also an input");
+    if (same_file(output, input)) {
+      throw CLI::ValidationError(option, output + " is also an input");
     }
   }
+}
+
+void check_run_options(const RunOptions& options, const std::vector<std::string>& inputs) {
+  require_no_input("--out", options.out, inputs);
+  if (!options.matrix.empty()) require_no_input("--matrix", options.matrix, inputs);
   if (same_file(options.out, options.matrix)) {
     throw CLI::ValidationError("--matrix", options.matrix + " is also the name after --out");
   }

@@ -43,6 +43,8 @@ struct RunOptions {
   bool quiet = false;
 };
 
+inline constexpr int most_threads = 4096;  ///< of far larger teams the threading library crashes
+
 /// Accepts whole numbers from `smallest` on.
 inline CLI::Validator at_least(int smallest) {
   return CLI::Range(smallest, std::numeric_limits<int>::max())
@@ -50,6 +52,11 @@ inline CLI::Validator at_least(int smallest) {
 }
 
 void add_run_options(CLI::App& command, RunOptions& options);
+
+/// Throws CLI::ValidationError naming the option where its output has no name or is one of the
+/// inputs.
+void require_no_input(const std::string& option, const std::string& output,
+                      const std::vector<std::string>& inputs);
 
 /// Throws CLI::ValidationError where options that are right each contradict one another.
 /// @param inputs  files that the run reads and must not replace

@@ -11,7 +11,10 @@
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
+
+#include "run_error.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -46,15 +49,6 @@ void remove_while_written(const std::string& path) {
   remove_path(path);
 }
 
-// For who ends the process without leaving its scopes.
-void remove_all_unfinished() {
-  Registry& all = registry();
-  if (!all.mutex.try_lock()) return;  // the signal's thread is at it
-  for (const std::string& path : all.paths) remove_path(path);
-  all.paths.clear();
-  all.mutex.unlock();
-}
-
 // A handler may do next to nothing, so it only wakes a thread, which may do everything.
 int signal_pipe = -1;
 
@@ -77,6 +71,8 @@ void wait_for_signal(int pipe) {
 }
 
 }  // namespace
+
+std::mutex& unfinished_mutex() { return registry().mutex; }
 
 Unfinished::Unfinished(std::string path) : path_(std::move(path)) {
   const std::lock_guard lock(registry().mutex);
@@ -102,13 +98,25 @@ bool Unfinished::rename_to(const std::string& name) {
   return true;
 }
 
+void remove_all_unfinished() {
+  Registry& all = registry();
+  if (!all.mutex.try_lock()) return;  // the signal's thread is at it
+  for (const std::string& path : all.paths) remove_path(path);
+  all.paths.clear();
+  all.mutex.unlock();
+}
+
 void remove_unfinished_at_the_end() {
   std::atexit(remove_all_unfinished);
   std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows where its file is written
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return;  // signals end the process as ever
   signal_pipe = ends[1];
-  std::thread(wait_for_signal, ends[0]).detach();
+  try {
+    std::thread(wait_for_signal, ends[0]).detach();
+  } catch (const std::system_error& error) {
+    throw RunError(std::string("a thread cannot be started: ") + error.what());
+  }
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction action {};
     if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) continue;

@@ -2,9 +2,13 @@
 #ifndef TALVIK_TOOL_UNFINISHED_HPP
 #define TALVIK_TOOL_UNFINISHED_HPP
 
+#include <mutex>
 #include <string>
 
 namespace talvik::tool {
+
+/// Held by who changes what is unfinished, and to the end by the thread that a signal wakes.
+std::mutex& unfinished_mutex();
 
 /// A file or directory that is removed at the end of the scope, or when a signal ends the program.
 class Unfinished {
@@ -25,6 +29,17 @@ class Unfinished {
   void forget();
   std::string path_;
 };
+
+/// Runs a step that leaves nothing unfinished once it is over; a signal that would end the program
+/// waits for that.
+template <class Step>
+void uninterrupted(const Step& step) {
+  const std::lock_guard lock(unfinished_mutex());
+  step();
+}
+
+/// For who ends the process without leaving its scopes.
+void remove_all_unfinished();
 
 /// From now on what is unfinished is removed when the library ends the process, and INT, TERM and
 /// HUP do so and end it with status 128 plus the signal's number; a signal that is ignored stays

@@ -2,6 +2,8 @@
 #ifndef TALVIK_LIBWMD_CPU_BLAS_THREADS_HPP
 #define TALVIK_LIBWMD_CPU_BLAS_THREADS_HPP
 
+#include <mutex>
+
 // Functions of OpenBLAS; null with another BLAS or with none.
 extern "C" {
 __attribute__((weak)) int openblas_get_num_threads();
@@ -10,24 +12,37 @@ __attribute__((weak)) void openblas_set_num_threads(int threads);
 
 namespace talvik::internal {
 
-/// While it lives, dense products run on the thread that calls them; its end restores the host
-/// program's setting.
+/// While one lives, dense products run on the thread that calls them; the end of the last one
+/// restores the host program's setting.  The setting is the process's: computations that run side
+/// by side share the first one's memory of it.
 class SingleThreadedBlas {
  public:
   SingleThreadedBlas() {
-    if (openblas_get_num_threads && openblas_set_num_threads) {
-      threads_before_ = openblas_get_num_threads();
+    const std::lock_guard lock(shared().mutex);
+    if (shared().alive++ == 0 && openblas_get_num_threads && openblas_set_num_threads) {
+      shared().threads_before = openblas_get_num_threads();
       openblas_set_num_threads(1);
     }
   }
   ~SingleThreadedBlas() {
-    if (threads_before_ > 0) openblas_set_num_threads(threads_before_);
+    const std::lock_guard lock(shared().mutex);
+    if (--shared().alive == 0 && shared().threads_before > 0) {
+      openblas_set_num_threads(shared().threads_before);
+    }
   }
   SingleThreadedBlas(const SingleThreadedBlas&) = delete;
   SingleThreadedBlas& operator=(const SingleThreadedBlas&) = delete;
 
  private:
-  int threads_before_ = 0;
+  struct Shared {
+    std::mutex mutex;
+    int alive = 0;
+    int threads_before = 0;
+  };
+  static Shared& shared() {
+    static Shared shared;
+    return shared;
+  }
 };
 
 }  // namespace talvik::internal

@@ -349,6 +349,7 @@ void fill_tables(SectionTask& task, const Slab& slab) {
   const int panels = (slab.tables.words + panel_words - 1) / panel_words;
   for_each_share(task.request.threads, panels, [&](int first, int last, int thread) {
     for (int panel = first; panel < last; ++panel) {
+      if (task.request.checkpoint) task.request.checkpoint(thread);
       const int offset = panel * panel_words;
       const int count = std::min(panel_words, slab.tables.words - offset);
       compute_panel(task, slab, {slab.tables.first_word + offset, count}, thread);

@@ -3,6 +3,7 @@
 #ifndef TALVIK_LIBWMD_CPU_DISTANCE_BLOCK_HPP
 #define TALVIK_LIBWMD_CPU_DISTANCE_BLOCK_HPP
 
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -54,6 +55,9 @@ struct BlockRequest {
   NearestRule rule;
   int threads;
   EngineBudget budget;
+  /// Called by every thread, with its number, before each panel; what it throws ends the
+  /// computation and comes out of it.  Empty: nothing is called.
+  std::function<void(int thread)> checkpoint = {};
 };
 
 /// Nearest entries of the document that has most of them.

@@ -5,6 +5,9 @@
 
 #include <CLI/CLI.hpp>
 
+void add_index_command(CLI::App& app, int& status);
+void add_search_command(CLI::App& app, int& status);
+void add_explain_command(CLI::App& app, int& status);
 void add_corpus_command(CLI::App& app, int& status);
 void add_mnist_command(CLI::App& app, int& status);
 void add_convert_command(CLI::App& app, int& status);

@@ -15,10 +15,16 @@
 #include "messages.hpp"
 #include "run_error.hpp"
 #include "status_line.hpp"
-#include "word_set.hpp"
+#include "texts/text_lines.hpp"
+#include "texts/text_vectors.hpp"
+#include "texts/word_set.hpp"
 
 namespace talvik::tool {
 namespace {
+
+using texts::TextLines;
+using texts::TextVectors;
+using texts::WordSet;
 
 constexpr size_t zero_words_named = 5;
 

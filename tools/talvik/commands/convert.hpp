@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "text_vectors.hpp"
+#include "talvik/vectors.hpp"
 
 namespace talvik::tool {
 
 struct ConvertOptions {
   std::string input;
   std::string output;
-  VectorFormat format = VectorFormat::automatic;
+  VectorFormat format = VectorFormat::automatic;  ///< not binary
   std::string words;  ///< file of the words to keep, one a line; empty: keep all
 };
 
@@ -29,7 +29,7 @@ struct ConvertSummary {
 
 /// Reads the rows one by one and writes those that are wanted.  Where rows were left out, or their
 /// number was not announced, spaces stand before the header's first number.  The output appears
-/// whole or not at all.  Throws RunError naming file and line.
+/// whole or not at all.  Throws RunError, and FileError naming file and line.
 ConvertSummary convert_text_vectors(const ConvertOptions& options);
 
 }  // namespace talvik::tool

@@ -13,12 +13,14 @@
 #include "commands/commands.hpp"
 #include "commands/run_command.hpp"
 #include "corpus_writer.hpp"
-#include "embedding_input.hpp"
 #include "messages.hpp"
+#include "progress.hpp"
 #include "run_error.hpp"
 #include "status_line.hpp"
-#include "stop_words.hpp"
-#include "tokenizer.hpp"
+#include "texts/embedding_input.hpp"
+#include "texts/stop_words.hpp"
+#include "texts/text_sources.hpp"
+#include "texts/tokenizer.hpp"
 
 namespace talvik::tool {
 namespace {
@@ -29,6 +31,14 @@ const Names<TextsFormat> formats = {
     {"tsv", TextsFormat::tsv},
     {"jsonl", TextsFormat::jsonl},
 };
+
+// What neither a directory nor an ending of JSON lines tells is tsv.
+TextsFormat format_of(const PrepareOptions& options) {
+  if (options.format != TextsFormat::automatic) return options.format;
+  const TextsFormat format = texts::format_by_name(options.input);
+  const bool told = format == TextsFormat::tree || format == TextsFormat::jsonl;
+  return told ? format : TextsFormat::tsv;
+}
 
 // A corpus below its own texts would be read as one of their classes.
 void require_outside(const std::string& output, const std::string& input) {
@@ -44,33 +54,33 @@ void require_outside(const std::string& output, const std::string& input) {
 // Tokenises texts, numbers them, writes and counts them.
 class CorpusMaker {
  public:
-  explicit CorpusMaker(const PrepareOptions& options) : options_(options), corpus_(options.output) {
-    rules_.keep_case = options.keep_case;
-    rules_.min_length = options.min_length;
-    if (!options.stop_words.empty()) {
-      stop_words_ = stop_words_from(options.stop_words);
-      rules_.stop_words = &stop_words_;
-    }
-    if (!options.embeddings.empty()) {
-      vocabulary_ = read_embedding_words(options.embeddings);
-      rules_.vocabulary = &vocabulary_;
-    }
+  explicit CorpusMaker(const PrepareOptions& options)
+      : options_(options),
+        corpus_(options.output),
+        tokenizer_({.stop_words = stop_words_of(options),
+                    .keep_case = options.keep_case,
+                    .min_length = options.min_length},
+                   [this](std::string_view word) { return vocabulary_.contains(word); }) {
+    if (!has_vocabulary()) return;
+    vocabulary_ =
+        texts::read_embedding_words(options.embeddings, shown_reading(options.embeddings));
   }
   CorpusMaker(const CorpusMaker&) = delete;
   CorpusMaker& operator=(const CorpusMaker&) = delete;
 
-  void add(const SourceText& text) {
-    require_class_name(text.label, text.place);
-    long long& documents = documents_of_[text.label];
+  void add(const Text& text) {
+    const std::string label = text.label.value_or("");
+    require_class_name(label, text.place);
+    long long& documents = documents_of_[label];
     if (options_.limit > 0 && documents == options_.limit) {
       ++summary_.over_limit;
       return;
     }
     ++documents;
     const long long id = options_.first_id + summary_.documents++;
-    const std::vector<std::string> tokens = tokenize(text.text, rules_, summary_.replaced);
+    const std::vector<std::string> tokens = tokenizer_.tokens(text.text, summary_.replaced);
     const long long tokens_in =
-        rules_.vocabulary
+        has_vocabulary()
             ? std::count_if(tokens.begin(), tokens.end(),
                             [&](const std::string& token) { return vocabulary_.contains(token); })
             : std::ssize(tokens);
@@ -79,17 +89,17 @@ class CorpusMaker {
     summary_.tokens_out += tokens_out;
     summary_.empty += tokens.empty();
     summary_.unknown += !tokens.empty() && tokens_in == 0;
-    if (!tokens.empty()) corpus_.write_document(text.label, id, tokens);
+    if (!tokens.empty()) corpus_.write_document(label, id, tokens);
     corpus_.list_document({.id = id,
-                           .source = text.source,
-                           .label = text.label,
+                           .source = text.id,
+                           .label = label,
                            .tokens_in = tokens_in,
-                           .tokens_out = rules_.vocabulary ? std::to_string(tokens_out) : "-"});
+                           .tokens_out = has_vocabulary() ? std::to_string(tokens_out) : "-"});
     status_.show([&] { return fmt::format("{} documents", summary_.documents); });
   }
 
-  PrepareSummary finish(const ReadTexts& read) {
-    summary_.classless = read.classless;
+  PrepareSummary finish(const TextsRead& read) {
+    summary_.classless = read.without_class;
     summary_.replaced += read.replaced;
     summary_.classes = std::ssize(documents_of_);
     if (summary_.documents == 0) {
@@ -97,7 +107,7 @@ class CorpusMaker {
                                                               : ": holds no documents"));
     }
     if (summary_.tokens_in == 0) {
-      throw RunError(options_.input + (rules_.vocabulary
+      throw RunError(options_.input + (has_vocabulary()
                                            ? ": holds no word of " + options_.embeddings
                                            : ": no document has a token"));
     }
@@ -106,10 +116,16 @@ class CorpusMaker {
   }
 
  private:
+  static std::vector<std::string> stop_words_of(const PrepareOptions& options) {
+    if (options.stop_words.empty()) return {};
+    return texts::stop_words_from(options.stop_words);
+  }
+  bool has_vocabulary() const { return !options_.embeddings.empty(); }
+
   const PrepareOptions& options_;
-  WordSet stop_words_, vocabulary_;
-  TokenRules rules_;
   CorpusWriter corpus_;
+  texts::WordSet vocabulary_;
+  texts::Tokenizer tokenizer_;
   std::map<std::string, long long> documents_of_;  // by class
   PrepareSummary summary_;
   StatusLine status_;
@@ -140,8 +156,9 @@ void print_summary(const PrepareOptions& options, const PrepareSummary& summary)
 PrepareSummary prepare_corpus(const PrepareOptions& options) {
   require_outside(options.output, options.input);
   CorpusMaker corpus(options);
-  const ReadTexts read =
-      read_texts(options.input, options.format, [&](const SourceText& text) { corpus.add(text); });
+  const TextsRead read =
+      texts::read_texts(options.input, {.format = format_of(options)}, texts::Labels::required,
+                        [&](const Text& text) { corpus.add(text); });
   return corpus.finish(read);
 }
 

@@ -4,14 +4,14 @@
 
 #include <string>
 
-#include "text_sources.hpp"
+#include "talvik/texts.hpp"
 
 namespace talvik::tool {
 
 struct PrepareOptions {
   std::string input;
   std::string output;
-  TextsFormat format = TextsFormat::automatic;
+  TextsFormat format = TextsFormat::automatic;  ///< else tree, tsv or jsonl
   std::string embeddings;  ///< embedding file whose words are the vocabulary; empty: none
   std::string stop_words;  ///< "english" or a file; empty: none
   bool keep_case = false;
@@ -29,14 +29,14 @@ struct PrepareSummary {
   long long unknown = 0;     ///< documents with tokens, but none in the vocabulary
   long long over_limit = 0;  ///< left out by the limit
   long long classless = 0;   ///< files of a tree that lie in no class directory, left out
-  long long replaced = 0;    ///< invalid or cut UTF-8 sequences
+  Count replaced = 0;        ///< invalid or cut UTF-8 sequences
 };
 
 /// Writes output/CLASS/ID, one file a document, tokens separated by single spaces, and
 /// output/documents.tsv with a line per document: id, source, class, tokens in and out of the
 /// vocabulary (without a vocabulary: all tokens, and "-").  Identifiers count up in the order of
 /// the lines or, in a tree, of the sorted paths.  The output directory appears whole or not at all.
-/// Throws RunError.
+/// Throws RunError, and FileError naming file and line.
 PrepareSummary prepare_corpus(const PrepareOptions& options);
 
 }  // namespace talvik::tool

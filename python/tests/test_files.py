@@ -1,0 +1,86 @@
+"""Saved collections, pickles, and the program's lists on the sample."""
+
+import copy
+import csv
+import os
+import pickle
+import subprocess
+
+import joblib
+import numpy as np
+import pytest
+from conftest import SAMPLE
+
+from talvik import WordMoverClassifier, WordMoverNeighbors, load_vectors
+
+
+def talvik(*arguments):
+    program = os.environ.get("TALVIK_BINARY")
+    if not program:
+        pytest.skip("the program is not built")
+    ran = subprocess.run([program, *map(str, arguments)], capture_output=True, text=True)
+    assert ran.returncode == 0, ran.stdout + ran.stderr
+
+
+def read_lists(path):
+    with open(path, newline="", encoding="utf-8") as lines:
+        rows = list(csv.DictReader(lines, delimiter="\t", quoting=csv.QUOTE_NONE))
+    return [(row["query"], row["neighbour"], float(row["distance"])) for row in rows]
+
+
+def test_the_program_and_the_package_read_each_others_files(tmp_path, vectors, resident, queries):
+    settings = {"n_neighbors": 4, "distance": "exact", "vectors": vectors}
+    nn = WordMoverNeighbors(stop_words="english", **settings)
+    nn.fit(resident.texts, resident.labels, ids=resident.ids)
+    nn.save(tmp_path / "package.talvik")
+    index = ["--vectors", SAMPLE / "vectors.bin", "--texts", SAMPLE / "resident"]
+    talvik("index", *index, "--stop-words", "english", "--output", tmp_path / "program.talvik")
+    loaded = WordMoverNeighbors.load(tmp_path / "program.talvik", **settings)
+    assert loaded.ids_.tolist() == resident.ids
+    assert loaded.classes_.tolist() == nn.classes_.tolist() == sorted(set(resident.labels))
+
+    search = ["--vectors", SAMPLE / "vectors.bin", "--texts", SAMPLE / "queries", "--k", 4]
+    search += ["--distance", "exact", "--collection", tmp_path / "package.talvik"]
+    talvik("search", *search, "--out", tmp_path / "lists.tsv")
+    expected = read_lists(tmp_path / "lists.tsv")
+    for ours in (nn, loaded):
+        distances, indices = ours.kneighbors(queries.texts)
+        assert ours.ids_[indices].ravel().tolist() == [neighbour for _, neighbour, _ in expected]
+        np.testing.assert_allclose(distances.ravel(), [d for *_, d in expected], rtol=1e-6)
+    assert [query for query, *_ in expected[::4]] == queries.ids
+
+
+def test_what_is_saved_answers_as_before(tmp_path, vectors, resident, queries):
+    nn = WordMoverNeighbors(n_neighbors=3, vectors=vectors, steps=1)
+    nn.fit(resident.texts[:40], ids=resident.ids[:40])
+    expected = nn.kneighbors(queries.texts[:5])
+    joblib.dump(nn, tmp_path / "joblib")
+    nn.save(tmp_path / "saved")
+    again = [
+        pickle.loads(pickle.dumps(nn)),
+        copy.deepcopy(nn),
+        joblib.load(tmp_path / "joblib"),
+        WordMoverNeighbors.load(tmp_path / "saved", n_neighbors=3, vectors=vectors, steps=1),
+        WordMoverNeighbors(n_neighbors=3, vectors=vectors, steps=1).fit(nn._collection),
+    ]
+    for other in again:
+        for got, wanted in zip(other.kneighbors(queries.texts[:5]), expected):
+            np.testing.assert_array_equal(got, wanted)
+        assert other.ids_.tolist() == resident.ids[:40]
+        other.partial_fit(["A nation at peace."], ids=["new"])
+        assert other.kneighbors(["A nation at peace."])[1][0, 0] == 40
+    assert nn.n_samples_fit_ == 40
+    with pytest.raises(OSError, match="/no/where"):
+        nn.save("/no/where/file")
+
+
+def test_rows_without_words_and_a_saved_classifier(tmp_path):
+    rows = load_vectors(np.eye(4))
+    model = WordMoverClassifier(n_neighbors=1, vectors=rows).fit(np.eye(4)[:2], ["x", "y"])
+    model.save(tmp_path / "saved")
+    for other in (
+        pickle.loads(pickle.dumps(model)),
+        WordMoverClassifier.load(tmp_path / "saved", n_neighbors=1),
+    ):
+        assert other.predict([[0, 1, 0, 0], [1, 0, 0, 0]]).tolist() == ["y", "x"]
+        assert other.explain([0, 0, 2, 1], 0).sources.tolist() == [2, 3]

@@ -1,0 +1,143 @@
+"""Threads, signals, memory, progress: the package while it runs."""
+
+import os
+import subprocess
+import sys
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+import numpy as np
+import pytest
+from scipy.sparse import csr_matrix
+
+import talvik
+from talvik import WordMoverNeighbors, load_vectors
+
+
+def large_world(documents=3000, words=60, vocabulary=5000):
+    random = np.random.default_rng(1)
+    rows = load_vectors(random.normal(size=(vocabulary, 50)))
+    offsets = np.arange(0, documents * words + 1, words)
+    numbers = random.integers(0, vocabulary, documents * words)
+    counts = csr_matrix((np.ones(len(numbers)), numbers, offsets), shape=(documents, vocabulary))
+    return rows, counts
+
+
+def test_threads_search_one_object_while_another_appends():
+    rows, counts = large_world(300, 20)
+    nn = WordMoverNeighbors(n_neighbors=4, vectors=rows, n_jobs=1).fit(counts)
+    expected = nn.kneighbors(counts[:20])
+    other = WordMoverNeighbors(vectors=rows).fit(nn._collection)
+    with ThreadPoolExecutor(4) as pool:
+        appends = pool.submit(lambda: [other.partial_fit(counts[i]) for i in range(30)])
+        searches = [pool.submit(nn.kneighbors, counts[:20]) for _ in range(20)]
+        for search in searches:
+            for got, wanted in zip(search.result(), expected):
+                np.testing.assert_array_equal(got, wanted)
+    appends.result()
+    assert other.n_samples_fit_ == 330 and nn.n_samples_fit_ == 300
+
+
+def test_the_interpreter_goes_on_while_a_search_runs():
+    rows, counts = large_world()
+    nn = WordMoverNeighbors(vectors=rows, distance="exact", n_jobs=1).fit(counts)
+    done = threading.Event()
+    thread = threading.Thread(target=lambda: (nn.kneighbors(counts[:10]), done.set()))
+    thread.start()
+    steps = 0
+    while not done.is_set():
+        time.sleep(0.001)
+        steps += 1
+    thread.join()
+    assert steps > 20
+
+
+INTERRUPTED = """
+import sys, threading, time, os, signal
+sys.path.insert(0, {tests!r})
+from test_running import large_world
+from talvik import WordMoverNeighbors
+rows, counts = large_world()
+nn = WordMoverNeighbors(vectors=rows, distance="exact").fit(counts)
+def interrupt():
+    time.sleep(0.5)
+    global sent
+    sent = time.monotonic()
+    os.kill(os.getpid(), signal.SIGINT)
+threading.Thread(target=interrupt).start()
+try:
+    nn.kneighbors()
+except KeyboardInterrupt:
+    print("interrupted", time.monotonic() - sent)
+nn.kneighbors(counts[:1])
+"""
+
+
+def test_control_c_ends_a_search_within_a_second():
+    tests = os.path.dirname(__file__)
+    code = INTERRUPTED.format(tests=tests)
+    ran = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+    assert ran.returncode == 0, ran.stderr
+    what, seconds = ran.stdout.split()
+    assert what == "interrupted" and float(seconds) < 1
+
+
+def test_an_error_of_the_progress_callback_ends_the_search():
+    from talvik import _core
+
+    rows, counts = large_world()
+    nn = WordMoverNeighbors(vectors=rows, distance="exact").fit(counts)
+
+    def fail(done, total):
+        raise ZeroDivisionError(f"{total} queries")
+
+    settings = _core.Settings(measure=_core.Measure.exact, progress=fail)
+    with pytest.raises(ZeroDivisionError, match="3000 queries"):
+        _core.neighbours(nn._collection, None, 3, settings)
+
+
+def test_verbose_shows_how_far_a_search_has_come(capsys):
+    rows, counts = large_world(1500, 60)
+    nn = WordMoverNeighbors(vectors=rows, distance="exact", verbose=1).fit(counts)
+    nn.kneighbors(counts[:60])
+    assert "60/60" in capsys.readouterr().err
+    assert nn.stats_["pairs"] == 60 * 1500 and nn.stats_["solved"] > 0
+
+
+def resident_kib():
+    with open("/proc/self/statm", encoding="ascii") as statm:
+        return int(statm.read().split()[1]) * os.sysconf("SC_PAGESIZE") // 1024
+
+
+def test_a_thousand_calls_leave_no_memory_behind():
+    rows, counts = large_world(500, 3, 100)
+    words = load_vectors(np.eye(3), words=["a", "b", "c"])
+    nn = WordMoverNeighbors(vectors=rows, n_jobs=1).fit(counts)
+    texts = WordMoverNeighbors(n_neighbors=1, vectors=words, n_jobs=1).fit(["a b", "b c"])
+
+    def call():
+        nn.kneighbors(counts[:10], n_neighbors=500)
+        nn.pairwise_distances(counts[:10])
+        nn.radius_neighbors(counts[:5], 2.0)
+        texts.partial_fit(["c c a"]).explain("a c", 0)
+        with pytest.raises(ValueError):
+            texts.fit(["a"], ids=[""])
+        texts.fit(["a b", "b c"])
+
+    for _ in range(100):
+        call()
+    before = resident_kib()
+    for _ in range(1000):
+        call()
+    # An array that stayed would be 20 KiB each time.
+    assert resident_kib() - before < 4 * 1024
+
+
+def test_the_import_starts_no_mpi():
+    code = "import talvik, sys; sys.exit('mpi4py' in sys.modules)"
+    subprocess.run([sys.executable, "-c", code], check=True)
+    code = "import talvik; from mpi4py import rc; rc.initialize = False; from mpi4py import MPI; "
+    code += "import sys; sys.exit(MPI.Is_initialized())"
+    subprocess.run([sys.executable, "-c", code], check=True)
+    assert talvik.__doc__
