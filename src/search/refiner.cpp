@@ -81,7 +81,7 @@ bool Refiner::add_words(std::span<const RefineCandidate> candidates) {
   }
   rows_.resize(rows_.size() + row_padding, 0);
   const auto after = static_cast<int>(word_of_row_.size());
-  const Index bounds_of_row = 4 * nearest_lanes_;  // score, lower, upper, capacity
+  const Index bounds_of_row = Index{4} * nearest_lanes_;  // score, lower, upper, capacity
   const Index needed = elements(after, panel_.stride + bounds_of_row);
   if (needed > task_.table_floats && (before > 0 || candidates.size() > 1)) {
     for (int row = before; row < after; ++row) row_of_word_[word_of_row_[row]] = -1;
