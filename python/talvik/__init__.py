@@ -11,8 +11,12 @@
 array([['first']], dtype=object)
 """
 
+from ._blas import kernels_of_processor
+
+with kernels_of_processor():
+    from ._core import Collection, Vectors
+
 from ._classifier import WordMoverClassifier
-from ._core import Collection, Vectors
 from ._documents import EmptyDocumentWarning
 from ._explanation import Explanation
 from ._neighbors import WordMoverNeighbors

@@ -13,6 +13,9 @@
 
 namespace talvik::tool {
 
+/// Text is gathered until there is so much of it, and written then.
+inline constexpr size_t piece_bytes = size_t{1} << 20;
+
 /// A name beside path that no other run has: of the process, and of chance.
 std::string unique_beside(const std::string& path);
 

@@ -1,25 +1,15 @@
-// Options whose values have names.
+// Kinds of options that several commands have.
 #ifndef TALVIK_TOOL_CHOICE_OPTION_HPP
 #define TALVIK_TOOL_CHOICE_OPTION_HPP
 
 #include <CLI/CLI.hpp>
+#include <limits>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "names.hpp"
+
 namespace talvik::tool {
-
-/// The names of an enumeration's values, in the order in which help lists them.
-template <class Enum>
-using Names = std::vector<std::pair<std::string, Enum>>;
-
-template <class Enum>
-std::string name_of(Enum value, const Names<Enum>& names) {
-  for (const auto& [name, named] : names) {
-    if (named == value) return name;
-  }
-  return "";
-}
 
 /// Adds an option that takes one of the names; what `value` holds is the default.
 template <class Enum>
@@ -32,6 +22,12 @@ CLI::Option* add_choice(CLI::App& command, const std::string& option, Enum& valu
       ->transform(CLI::Transformer(names).description(""))
       ->transform(CLI::IsMember(list))  // first: the number behind a name is no name
       ->default_str(name_of(value, names));
+}
+
+/// Accepts whole numbers from `smallest` on.
+inline CLI::Validator at_least(int smallest) {
+  return CLI::Range(smallest, std::numeric_limits<int>::max())
+      .description("(from " + std::to_string(smallest) + ")");
 }
 
 }  // namespace talvik::tool

@@ -2,10 +2,13 @@
 #ifndef TALVIK_TOOL_DISTANCE_OPTIONS_HPP
 #define TALVIK_TOOL_DISTANCE_OPTIONS_HPP
 
-#include <CLI/CLI.hpp>
 #include <string>
 
 #include "talvik/search.hpp"
+
+namespace CLI {
+class App;
+}
 
 namespace talvik::tool {
 

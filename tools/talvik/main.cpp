@@ -2,6 +2,7 @@
 // (usage).
 #include <unistd.h>  // sleep
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <exception>
@@ -10,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "blas_kernels.hpp"
 #include "commands/commands.hpp"
 #include "group_run.hpp"
 #include "help.hpp"
@@ -82,6 +84,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  choose_blas_kernels(argv);
   try {
     open_standard_streams();
     remove_unfinished_at_the_end();

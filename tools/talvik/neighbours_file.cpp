@@ -7,6 +7,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "atomic_output.hpp"
 #include "distance_options.hpp"
 #include "npz.hpp"
 #include "run_error.hpp"
@@ -14,8 +15,6 @@
 
 namespace talvik::tool {
 namespace {
-
-constexpr size_t piece_bytes = size_t{1} << 20;
 
 std::string json_text(const std::string& text) {
   constexpr int no_indent = -1;

@@ -7,12 +7,11 @@
 #include <cmath>
 #include <iterator>
 
+#include "atomic_output.hpp"
 #include "internal/index.hpp"
 
 namespace talvik::tool {
 namespace {
-
-constexpr size_t piece_bytes = size_t{1} << 20;
 
 unsigned long name_of(const LabelList* names, int document) {
   return names ? (*names)[document] : static_cast<unsigned long>(document);

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "atomic_output.hpp"
+#include "choice_option.hpp"
 
 namespace talvik::tool {
 namespace {

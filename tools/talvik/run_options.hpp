@@ -2,13 +2,15 @@
 #ifndef TALVIK_TOOL_RUN_OPTIONS_HPP
 #define TALVIK_TOOL_RUN_OPTIONS_HPP
 
-#include <CLI/CLI.hpp>
-#include <limits>
 #include <string>
 #include <vector>
 
-#include "choice_option.hpp"
+#include "names.hpp"
 #include "result_writer.hpp"
+
+namespace CLI {
+class App;
+}
 
 namespace talvik::tool {
 
@@ -44,12 +46,6 @@ struct RunOptions {
 };
 
 inline constexpr int most_threads = 4096;  ///< of far larger teams the threading library crashes
-
-/// Accepts whole numbers from `smallest` on.
-inline CLI::Validator at_least(int smallest) {
-  return CLI::Range(smallest, std::numeric_limits<int>::max())
-      .description("(from " + std::to_string(smallest) + ")");
-}
 
 void add_run_options(CLI::App& command, RunOptions& options);
 

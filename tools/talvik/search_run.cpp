@@ -14,6 +14,7 @@
 
 #include "agreement.hpp"
 #include "atomic_output.hpp"
+#include "blas_kernels.hpp"
 #include "distance_options.hpp"
 #include "group_run.hpp"
 #include "memory_plan.hpp"
@@ -161,6 +162,7 @@ void report_loaded(const SearchRun& options, const Loaded& loaded) {
 }
 
 void report_stats(const SearchStats& stats) {
+  if (!blas_kernels().empty()) say("{:<26}{}\n", "OpenBLAS kernels", blas_kernels());
   const auto row = [](const char* stage, Count count, double seconds) {
     say("{:<26}{:>12} {:>9.2f} s\n", stage, count, seconds);
   };

@@ -2,7 +2,6 @@
 #ifndef TALVIK_TOOL_TEXTS_INPUT_HPP
 #define TALVIK_TOOL_TEXTS_INPUT_HPP
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
@@ -10,6 +9,10 @@
 #include "talvik/collection.hpp"
 #include "talvik/texts.hpp"
 #include "talvik/vectors.hpp"
+
+namespace CLI {
+class App;
+}
 
 namespace talvik::tool {
 

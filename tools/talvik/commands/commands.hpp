@@ -3,7 +3,9 @@
 #ifndef TALVIK_TOOL_COMMANDS_COMMANDS_HPP
 #define TALVIK_TOOL_COMMANDS_COMMANDS_HPP
 
-#include <CLI/CLI.hpp>
+namespace CLI {
+class App;
+}
 
 void add_index_command(CLI::App& app, int& status);
 void add_search_command(CLI::App& app, int& status);

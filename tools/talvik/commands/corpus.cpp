@@ -1,6 +1,7 @@
 // talvik corpus: nearest documents between text corpora, or within one.
 #include <memory>
 
+#include "choice_option.hpp"
 #include "commands/commands.hpp"
 #include "execute.hpp"
 #include "load_corpus.hpp"

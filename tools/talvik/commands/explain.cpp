@@ -5,12 +5,12 @@
 #include <memory>
 #include <string>
 
+#include "choice_option.hpp"
 #include "commands/commands.hpp"
 #include "commands/run_command.hpp"
 #include "distance_options.hpp"
 #include "messages.hpp"
 #include "run_error.hpp"
-#include "run_options.hpp"
 #include "status_line.hpp"
 #include "talvik/search.hpp"
 #include "texts/tokenizer.hpp"

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "atomic_output.hpp"
+#include "choice_option.hpp"
 #include "commands/commands.hpp"
 #include "commands/run_command.hpp"
 #include "messages.hpp"

@@ -1,6 +1,7 @@
 // talvik mnist: nearest images between IDX files of 28 x 28 pixels, or within one.
 #include <memory>
 
+#include "choice_option.hpp"
 #include "commands/commands.hpp"
 #include "execute.hpp"
 #include "load_mnist.hpp"

@@ -25,7 +25,7 @@
 namespace talvik::tool {
 namespace {
 
-const Names<TextsFormat> formats = {
+const Names<TextsFormat> input_formats = {
     {"auto", TextsFormat::automatic},
     {"tree", TextsFormat::tree},
     {"tsv", TextsFormat::tsv},
@@ -180,7 +180,7 @@ void add_prepare_command(CLI::App& app, int& status) {
   command->add_option("--output", options->output, "Corpus directory to make")
       ->required()
       ->type_name("DIR");
-  add_choice(*command, "--format", options->format, formats,
+  add_choice(*command, "--format", options->format, input_formats,
              "auto: a directory is a tree, .jsonl and .ndjson are jsonl, other files are tsv");
   command
       ->add_option("--embeddings", options->embeddings,
