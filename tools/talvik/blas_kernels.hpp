@@ -13,8 +13,8 @@ namespace talvik::tool {
 /// @param argv  of main, before anything else has been done
 void choose_blas_kernels(char** argv);
 
-/// The processor whose kernels the dense products use, by OpenBLAS's name for it; empty with another
-/// BLAS or with none.
+/// The processor whose kernels the dense products use, by OpenBLAS's name for it; empty with
+/// another BLAS or with none.
 std::string_view blas_kernels();
 
 }  // namespace talvik::tool
