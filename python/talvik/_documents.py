@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import sys
 import warnings
 from typing import Any
 
@@ -76,8 +77,16 @@ def append(
             f"{report['empty']} of {report['documents']} documents hold no known word and are "
             f"infinitely far from every other: {named}{more}",
             EmptyDocumentWarning,
-            stacklevel=2,
+            stacklevel=callers_level(),
         )
+
+
+def callers_level() -> int:
+    """Tell how far up the stack, for who asks, the package was called."""
+    level, frame = 1, sys._getframe(1)
+    while frame.f_back and frame.f_globals.get("__package__") == __package__:
+        level, frame = level + 1, frame.f_back
+    return level
 
 
 def _append_matrix(
