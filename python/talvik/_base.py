@@ -41,7 +41,7 @@ def check_whole(name: str, value: Any, least: int) -> int:
     return int(value)
 
 
-def check_strings(name: str, values: Any) -> np.ndarray:
+def check_flat(name: str, values: Any) -> np.ndarray:
     array = np.asarray(values)
     if array.ndim != 1:
         raise ValueError(f"{name}: {array.ndim} dimensions, one is needed")
@@ -142,7 +142,7 @@ class WordMoverBase(BaseEstimator):
         count = X.shape[0] if kind == "matrix" else len(X)
         if count == 0:
             raise ValueError("X: no documents")
-        given = np.arange(before, before + count) if ids is None else check_strings("ids", ids)
+        given = np.arange(before, before + count) if ids is None else check_flat("ids", ids)
         names = None if ids is None else [str(name) for name in given]
         label_names = None if labels is None else [str(label) for label in labels]
         _documents.append(collection, kind, X, vectors, names, label_names)

@@ -82,9 +82,9 @@ def append(
 
 
 def callers_level() -> int:
-    """Tell how far up the stack, for who asks, the package was called."""
+    """Tell how far up the stack, for who asks, is what called the package or a pipeline."""
     level, frame = 1, sys._getframe(1)
-    while frame.f_back and frame.f_globals.get("__package__") == __package__:
+    while frame.f_back and frame.f_globals["__name__"].partition(".")[0] in ("talvik", "sklearn"):
         level, frame = level + 1, frame.f_back
     return level
 

@@ -10,7 +10,7 @@ from scipy import sparse
 from sklearn.utils.validation import check_is_fitted
 
 from . import _core
-from ._base import WordMoverBase, check_choice, check_strings, check_whole
+from ._base import WordMoverBase, check_choice, check_flat, check_whole
 from ._core import Collection
 from ._explanation import Explanation
 
@@ -210,9 +210,9 @@ def names(collection: Collection, numbers_: np.ndarray) -> np.ndarray:
     return found
 
 
-def distinct(labels: Any) -> np.ndarray:
+def distinct(labels: list) -> np.ndarray:
     """Give the labels, ascending, each once; a set first, as few of many are distinct."""
-    return np.unique(list(set(check_strings("y", labels).tolist())))
+    return np.unique(list(set(labels)))
 
 
 class WordMoverNeighbors(DocumentSearch):
@@ -289,8 +289,10 @@ class WordMoverNeighbors(DocumentSearch):
         EmptyDocumentWarning
             For documents without a known word, which are infinitely far from every other.
         """
+        if y is not None:
+            y = check_flat("y", y)
         self._fit_documents(X, y, ids)
-        labels = self._collection.labels if y is None else y
+        labels = self._collection.labels if y is None else y.tolist()
         if len(labels):
             self.classes_ = distinct(labels)
         elif hasattr(self, "classes_"):
@@ -301,7 +303,9 @@ class WordMoverNeighbors(DocumentSearch):
         """Append documents, which costs a copy of those before; see `fit`."""
         if not hasattr(self, "_collection"):
             return self.fit(X, y, ids)
+        if y is not None:
+            y = check_flat("y", y)
         self._append_more(X, y, ids)
         if y is not None:
-            self.classes_ = np.union1d(self.classes_, distinct(y))
+            self.classes_ = np.union1d(self.classes_, distinct(y.tolist()))
         return self

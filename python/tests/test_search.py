@@ -94,17 +94,3 @@ def test_an_explanation_adds_up_to_the_distance(distance):
         assert weights.sum() == pytest.approx(1)
         assert explanation.to_frame().cost.is_monotonic_decreasing
     assert nn.explain(3, 3).distance == 0
-
-
-def test_pairs_have_the_distances_of_the_lists():
-    from talvik import _core
-
-    rows, documents, queries = random_world(seed=3)
-    documents[:, 0] += 1
-    queries[:, 1] += 1
-    nn = fitted(rows, documents)
-    distances, indices = nn.kneighbors(queries, 2)
-    numbers = np.repeat(np.arange(len(queries)), 2)
-    pairs = np.column_stack([indices.ravel(), numbers]).astype(np.int64)
-    found = _core.distances(nn._collection, nn._queries(queries), pairs, nn._settings())
-    np.testing.assert_array_equal(found.astype(np.float32), distances.ravel())
