@@ -99,7 +99,19 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
     def partial_fit(
         self, X: Any, y: Any, classes: Any = None, ids: Any = None
     ) -> WordMoverClassifier:
-        """Append documents and their classes; see `fit`.  New classes may come at any time."""
+        """Append documents and their classes, which costs a copy of the documents before.
+
+        Parameters
+        ----------
+        X, y, ids
+            As in `fit`.
+        classes : array, optional
+            Classes that may come later; new ones may come at any time, though.
+
+        Returns
+        -------
+        self
+        """
         labels = self._check_labels(y)
         if hasattr(self, "_collection"):
             self._append_more(X, labels, ids)
@@ -127,7 +139,17 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
         self._labels = np.searchsorted(self.classes_, labels)
 
     def predict_proba(self, X: Any) -> np.ndarray:
-        """Give the shares of the votes, shape (n_documents, n_classes), columns as `classes_`."""
+        """Give each class's share of the votes.
+
+        Parameters
+        ----------
+        X : documents in any form that `fit` takes
+
+        Returns
+        -------
+        array of float64, shape (n_documents, n_classes)
+            Columns as `classes_`; rows sum to 1.
+        """
         check_is_fitted(self, "_collection")
         distances, indices = self.kneighbors(X)
         votes = np.where(np.isfinite(distances), self._votes(distances), 0.0)
@@ -150,7 +172,17 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
             return np.where(same.any(axis=1, keepdims=True), same, 1.0 / distances)
 
     def predict(self, X: Any) -> np.ndarray:
-        """Give the class of most votes; of equals the first of `classes_`."""
+        """Give the class of most votes.
+
+        Parameters
+        ----------
+        X : documents in any form that `fit` takes
+
+        Returns
+        -------
+        array of shape (n_documents,)
+            Of classes with the same votes the first of `classes_`.
+        """
         shares = self.predict_proba(X)
         return self.classes_[shares.argmax(axis=1)]
 

@@ -109,7 +109,15 @@ class DocumentSearch(WordMoverBase):
     def radius_neighbors_graph(
         self, X: Any = None, radius: float | None = None, mode: str = "connectivity"
     ) -> sparse.csr_matrix:
-        """Give the documents at most so far away as a sparse matrix; see `kneighbors_graph`."""
+        """Give the documents at most so far away as a sparse matrix.
+
+        Parameters
+        ----------
+        X, radius
+            As in `radius_neighbors`.
+        mode : {"connectivity", "distance"}
+            As in `kneighbors_graph`, and so is what comes out.
+        """
         check_choice("mode", mode, GRAPH_MODES)
         return self._graph(*self._within(X, radius), mode)
 
@@ -300,7 +308,17 @@ class WordMoverNeighbors(DocumentSearch):
         return self
 
     def partial_fit(self, X: Any, y: Any = None, ids: Any = None) -> WordMoverNeighbors:
-        """Append documents, which costs a copy of those before; see `fit`."""
+        """Append documents, which costs a copy of those before; the first call fits.
+
+        Parameters
+        ----------
+        X, y, ids
+            As in `fit`.  Labels for all documents or for none; ids that are not there yet.
+
+        Returns
+        -------
+        self
+        """
         if not hasattr(self, "_collection"):
             return self.fit(X, y, ids)
         if y is not None:

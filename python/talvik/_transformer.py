@@ -74,11 +74,31 @@ class WordMoverTransformer(TransformerMixin, DocumentSearch):
         return self
 
     def fit_transform(self, X: Any, y: Any = None, ids: Any = None) -> sparse.csr_matrix:
-        """Fit, and give the graph among the fitted documents, which are read once."""
+        """Fit, and give the graph among the fitted documents, which are read once.
+
+        Parameters
+        ----------
+        X, y, ids
+            As in `fit`.
+
+        Returns
+        -------
+        csr_matrix of shape (n_samples_fit_, n_samples_fit_)
+            As from `transform`: every document is in its own row.
+        """
         return self.fit(X, ids=ids).transform(self._collection)
 
     def get_feature_names_out(self, input_features: Any = None) -> np.ndarray:
-        """Give the graph's columns names as scikit-learn does; `ids_` tells the documents."""
+        """Name the graph's columns, after the class and by number; `ids_` tells the documents.
+
+        Parameters
+        ----------
+        input_features : ignored
+
+        Returns
+        -------
+        array of object, shape (n_samples_fit_,)
+        """
         check_is_fitted(self, "_collection")
         prefix = type(self).__name__.lower()
         return np.array([f"{prefix}{i}" for i in range(self.n_samples_fit_)], dtype=object)
