@@ -141,6 +141,10 @@ Entries look_up(const py::list& list, const Vectors& vectors, const TextRules& r
                                                    rules.stop_words.end());
   Entries entries;
   for (std::size_t i = 0; i < list.size(); ++i) {
+    if (PyUnicode_Check(py::handle(list[i]).ptr())) {  // a sequence, too, of letters
+      throw py::type_error(
+          fmt::format("X[{}]: a list of words is needed as before it, not str", i));
+    }
     const auto tokens = py::reinterpret_steal<py::object>(
         PySequence_Fast(py::handle(list[i]).ptr(), "X: a sequence of words is needed"));
     if (!tokens) throw py::error_already_set();

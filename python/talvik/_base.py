@@ -5,6 +5,7 @@ from __future__ import annotations
 import numbers
 import os
 from contextlib import contextmanager
+from pathlib import Path
 from typing import Any, Iterator, TypeVar
 
 import numpy as np
@@ -105,6 +106,8 @@ class WordMoverBase(BaseEstimator):
             return _core.english_stop_words()
         if isinstance(self.stop_words, (str, os.PathLike)):
             return _core.read_stop_words(os.fspath(self.stop_words))
+        if not hasattr(self.stop_words, "__iter__"):
+            raise TypeError(f"stop_words: an iterable of str is needed, not {type(self.stop_words)}")
         return [str(word) for word in self.stop_words]
 
     def _check_matrix(self, X: Any, reset: bool) -> Any:
@@ -260,7 +263,7 @@ class WordMoverBase(BaseEstimator):
         estimator
             Fitted.
         """
-        return cls(**params).fit(os.fspath(path))
+        return cls(**params).fit(Path(path))
 
     def __getstate__(self) -> dict[str, Any]:
         # A communicator belongs to its process.

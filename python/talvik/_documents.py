@@ -28,7 +28,11 @@ def kind_of(X: Any) -> tuple[str, Any]:
         return "collection", load_collection(X)
     if isinstance(X, Collection):
         return "collection", X
-    if sparse.issparse(X) or hasattr(X, "__array__") and np.asarray(X).ndim != 1:
+    if sparse.issparse(X):
+        return "matrix", X
+    if hasattr(X, "__array__") and (array := np.asarray(X)).ndim != 1:
+        if any(isinstance(item, str) for item in array.flat[:1]):
+            raise TypeError("X: texts in one dimension are needed: df.text, not df[['text']]")
         return "matrix", X
     if isinstance(X, (dict, bytes)) or not hasattr(X, "__iter__"):
         raise TypeError(

@@ -110,6 +110,8 @@ def test_documents_without_a_known_word_are_infinitely_far(small):
 BAD_X = {
     "none": ([], ValueError, "X: no documents"),
     "a number among texts": (["dog", 3], TypeError, r"X\[1\]: a str"),
+    "a text among lists of words": ([["dog"], "dog"], TypeError, r"X\[1\]: a list of words"),
+    "texts in two dimensions": (pd.DataFrame({"text": TEXTS}), TypeError, "X: texts in one dim"),
     "a number among words": ([["dog"], ["dog", 3]], TypeError, r"X\[1\]\[1\]: a str"),
     "a text alone": ("The dog sleeps.", OSError, "a text goes into a list"),
     "nothing": (None, TypeError, "X: an iterable"),
@@ -149,6 +151,7 @@ BAD_CALLS = {
     "steps: a whole": (TypeError, fit(steps=0.5)),
     "n_neighbors: 0": (ValueError, fit(n_neighbors=0)),
     "comm: ": (TypeError, fit(comm="world")),
+    "stop_words: an iterable": (TypeError, fit(stop_words=5)),
     "n_neighbors = 4": (ValueError, lambda nn: nn.kneighbors(TEXTS, 4)),
     "each without itself": (ValueError, lambda nn: nn.kneighbors(n_neighbors=3)),
     "radius: -1": (ValueError, lambda nn: nn.radius_neighbors(TEXTS, -1)),
