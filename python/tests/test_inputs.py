@@ -164,6 +164,10 @@ BAD_CALLS = {
     "ids: 1 of them for 2": (ValueError, lambda nn: nn.partial_fit(["dog", "dog"], ids=["d"])),
     "ids: 0 dimensions": (ValueError, lambda nn: nn.fit(TEXTS, ids="abc")),
     "y: 2 of them for 3": (ValueError, lambda nn: nn.fit(TEXTS, [1, 2])),
+    r"X\[1\]: a str": (
+        TypeError,
+        lambda nn: nn.set_params(vectors=load_vectors(np.eye(2), words=["x", "y"])).fit(["x", 3]),
+    ),
     "y: 2 dimensions": (ValueError, lambda nn: nn.fit(TEXTS, np.eye(3))),
     "weights: 'v'": (ValueError, lambda nn: WordMoverClassifier(weights="v").fit(TEXTS, [1, 2, 3])),
 }

@@ -37,14 +37,14 @@ def test_threads_search_one_object_while_another_appends():
     assert other.n_samples_fit_ == 330 and nn.n_samples_fit_ == 300
 
 
-# The signal comes from another thread, which runs only while the search has let go of the lock.
+# The signal comes from another thread, in time only where the search has let go of the lock.
 INTERRUPTED = """
 import os, signal, threading, time
 from test_running import large_world
 from talvik import WordMoverNeighbors
 rows, counts = large_world()
 nn = WordMoverNeighbors(vectors=rows, distance="exact").fit(counts)
-sent = []
+sent, began = [], time.monotonic()
 def interrupt():
     sent.append(time.monotonic())
     os.kill(os.getpid(), signal.SIGINT)
@@ -52,18 +52,18 @@ threading.Timer(0.5, interrupt).start()
 try:
     nn.kneighbors()
 except KeyboardInterrupt:
-    print("interrupted", time.monotonic() - sent[0])
+    print(sent[0] - began, time.monotonic() - sent[0])
 nn.kneighbors(counts[:1])
 """
 
 
-def test_control_c_ends_a_search_within_a_second():
+def test_control_c_from_another_thread_ends_a_search_within_a_second():
     ran = subprocess.run(
         [sys.executable, "-c", INTERRUPTED], cwd=Path(__file__).parent, capture_output=True, text=True
     )
     assert ran.returncode == 0, ran.stderr
-    what, seconds = ran.stdout.split()
-    assert what == "interrupted" and float(seconds) < 1
+    until_sent, until_ended = map(float, ran.stdout.split())
+    assert until_sent < 2 and until_ended < 1
 
 
 def test_verbose_shows_how_far_a_search_has_come(capsys):
