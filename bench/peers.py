@@ -23,9 +23,12 @@ import numpy as np
 import ot
 import scipy
 
+import peers_classes
 import peers_documents as documents
 import peers_exact
+import peers_python
 import peers_ways as ways
+from peers_table import header, row, significant
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DATA = ROOT / "data"
@@ -255,22 +258,6 @@ def check_bounds(case, best, runs, checks):
     return two_way
 
 
-def significant(number):
-    """Three digits, from ten thousand on two and an exponent."""
-    if number >= 1e4:
-        return f"{number:.1e}".replace("e+0", "e")
-    return f"{number:.{max(0, 2 - int(np.floor(np.log10(number))))}f}"
-
-
-def row(*cells):
-    print("| " + " | ".join(str(cell) for cell in cells) + " |")
-
-
-def header(*cells):
-    row(*cells)
-    print("|" + "---|" * len(cells))
-
-
 def print_speed(case, best, runs):
     size = f"{case.queries.count:,} x {case.resident.count:,}"
     all_pairs = case.queries.count * case.resident.count
@@ -307,7 +294,7 @@ def blas_name():
 def main():
     if not blas_name():
         sys.exit("bench/peers: NumPy runs without OpenBLAS: apt-get install libopenblas0-pthread")
-    sections = [*CASES, "exact"]
+    sections = [*CASES, "exact", "classes", "python"]
     wanted = sys.argv[1:] or sections
     unknown = set(wanted) - set(sections)
     if unknown:
@@ -322,8 +309,13 @@ def main():
         done.append((case, best, runs))
     if done:
         print_results(done, checks)
+    texts = [CASES[name]() for name in ("spam", "brown")] if {"exact", "classes"} & set(wanted) else []
     if "exact" in wanted:
-        peers_exact.compare([CASES[name]() for name in ("spam", "brown")], checks, say)
+        peers_exact.compare(texts, checks, say)
+    if "classes" in wanted:
+        peers_classes.compare(texts, checks, say)
+    if "python" in wanted:
+        peers_python.compare(PROGRAM, PROGRAM_ENVIRONMENT, checks, say)
     sys.exit(checks.failures > 0)
 
 

@@ -141,6 +141,10 @@ Entries look_up(const py::list& list, const Vectors& vectors, const TextRules& r
                                                    rules.stop_words.end());
   Entries entries;
   for (std::size_t i = 0; i < list.size(); ++i) {
+    if (PyUnicode_Check(py::handle(list[i]).ptr())) {  // a sequence, too, of letters
+      throw py::type_error(
+          fmt::format("X[{}]: a list of words is needed as before it, not str", i));
+    }
     const auto tokens = py::reinterpret_steal<py::object>(
         PySequence_Fast(py::handle(list[i]).ptr(), "X: a sequence of words is needed"));
     if (!tokens) throw py::error_already_set();
@@ -241,30 +245,71 @@ py::array_t<T> view_of(const SharedCollection& self, std::span<const T> values) 
   return read_only_array(values, {static_cast<py::ssize_t>(values.size())}, self.held);
 }
 
+constexpr const char* append_help =
+    R"(Append texts, which are cut into words by the collection's rules.
+
+Parameters
+----------
+texts : list of str
+vectors : Vectors
+    Where words are looked up; of the same dimensions and scaling as before.
+ids : list of str, optional
+    Distinct and not empty; by default the documents' numbers.
+labels : list of str, optional
+    For all documents of the collection, or for none.
+
+Returns
+-------
+dict
+    documents, tokens, unknown_tokens (words without a vector), empty (documents without a known
+    word) and empty_ids, the first few of these.
+
+Raises
+------
+ValueError
+    Where nothing was appended: ids that are there already, other vectors.
+)";
+
 void bind_contents(py::class_<SharedCollection>& type) {
   using Self = const SharedCollection&;
   type.def("__len__", [](Self self) { return self.held->size(); })
       .def("__repr__",
            [](Self self) { return fmt::format("<Collection: {} documents>", self.held->size()); })
-      .def_property_readonly("total_documents",
-                             [](Self self) { return self.held->total_documents(); })
-      .def_property_readonly("first_document",
-                             [](Self self) { return self.held->first_document(); })
-      .def_property_readonly("vocabulary", [](Self self) { return self.held->vocabulary(); })
-      .def_property_readonly("used_words", [](Self self) { return self.held->used_words(); })
-      .def_property_readonly("offsets",
-                             [](Self self) { return view_of(self, self.held->offsets()); })
-      .def_property_readonly("words", [](Self self) { return view_of(self, self.held->words()); })
-      .def_property_readonly("weights",
-                             [](Self self) { return view_of(self, self.held->weights()); })
-      .def_property_readonly("ids", [](Self self) { return copy_of(self.held->ids()); })
-      .def_property_readonly("labels", [](Self self) { return copy_of(self.held->labels()); })
-      .def_property_readonly("texts", [](Self self) { return copy_of(self.held->texts()); })
-      .def_property_readonly("stop_words",
-                             [](Self self) { return self.held->options().rules.stop_words; })
+      .def_property_readonly(
+          "total_documents", [](Self self) { return self.held->total_documents(); },
+          "Documents of the whole, of which a slice holds a part.")
+      .def_property_readonly(
+          "first_document", [](Self self) { return self.held->first_document(); },
+          "The number of a slice's first document in the whole; else 0.")
+      .def_property_readonly(
+          "vocabulary", [](Self self) { return self.held->vocabulary(); },
+          "Vectors of the words, by the numbers in `words`.")
+      .def_property_readonly(
+          "used_words", [](Self self) { return self.held->used_words(); },
+          "How many words, the first of the vocabulary, may occur in documents.")
+      .def_property_readonly(
+          "offsets", [](Self self) { return view_of(self, self.held->offsets()); },
+          "Array of int64, one more than documents, over the collection's own memory.")
+      .def_property_readonly(
+          "words", [](Self self) { return view_of(self, self.held->words()); },
+          "Array of int32, a word's number per entry, over the collection's own memory.")
+      .def_property_readonly(
+          "weights", [](Self self) { return view_of(self, self.held->weights()); },
+          "Array of float32, per entry, over the collection's own memory.")
+      .def_property_readonly(
+          "ids", [](Self self) { return copy_of(self.held->ids()); }, "A new list, of text.")
+      .def_property_readonly(
+          "labels", [](Self self) { return copy_of(self.held->labels()); },
+          "A new list, of text; empty where documents have none.")
+      .def_property_readonly(
+          "texts", [](Self self) { return copy_of(self.held->texts()); },
+          "A new list; empty where texts are not kept.")
+      .def_property_readonly(
+          "stop_words", [](Self self) { return self.held->options().rules.stop_words; },
+          "Words that are left out of texts.")
       .def(
           "find", [](Self self, const std::string& id) { return self.held->find(id); },
-          py::arg("id"));
+          py::arg("id"), "The number of the document with an id, or None.");
 }
 
 }  // namespace
@@ -282,32 +327,51 @@ Collection collection_from_bytes(const py::bytes& bytes) {
 }
 
 void bind_collection(py::module_& module) {
-  py::class_<SharedCollection> type(module, "Collection");
+  py::class_<SharedCollection> type(
+      module, "Collection",
+      "Documents in compressed sparse rows over the words that occur, with ids and labels.\n\n"
+      "The estimators make and search it; a saved one is opened by `Collection.load` or by their "
+      "`load`.\nAny number of threads may search it; of two appends at once one fails.");
   type.def(py::init(&make), py::kw_only(), py::arg("stop_words") = Strings(),
            py::arg("keep_case") = false, py::arg("min_length") = 1,
            py::arg("max_words") = py::none(), py::arg("keep_texts") = false,
            py::arg("all_words") = false)
       .def("append_texts", &append_texts, py::arg("texts"), py::arg("vectors"),
-           py::arg("ids") = py::none(), py::arg("labels") = py::none())
+           py::arg("ids") = py::none(), py::arg("labels") = py::none(), append_help)
       .def("append_tokens", &append_tokens, py::arg("documents"), py::arg("vectors"),
-           py::arg("ids") = py::none(), py::arg("labels") = py::none())
+           py::arg("ids") = py::none(), py::arg("labels") = py::none(),
+           "Append lists of words, which are looked up as they are, less the stop words; see "
+           "append_texts.")
       .def("append_arrays", &append_arrays, py::arg("offsets"), py::arg("words"),
            py::arg("weights"), py::arg("vectors"), py::arg("ids") = py::none(),
-           py::arg("labels") = py::none(), py::arg("normalise") = true)
-      .def("for_queries",
-           [](const SharedCollection& self) {
-             return SharedCollection{share(self.held->for_queries())};
-           })
+           py::arg("labels") = py::none(), py::arg("normalise") = true,
+           "Append rows of a CSR matrix: document i has the entries [offsets[i], offsets[i + "
+           "1]).\n\n"
+           "Words are row numbers of the vectors; a row is scaled to the sum 1 if `normalise`.")
+      .def(
+          "for_queries",
+          [](const SharedCollection& self) {
+            return SharedCollection{share(self.held->for_queries())};
+          },
+          "An empty collection with the same rules, for queries.")
       .def(
           "slice",
           [](const SharedCollection& self, int rank, int size) {
             return SharedCollection{share(self.held->slice(rank, size))};
           },
-          py::arg("rank"), py::arg("size"))
-      .def("remove", &remove_documents, py::arg("documents"))
-      .def("copy", [](const SharedCollection& self) { return self; })
-      .def("save", &save, py::arg("path"))
-      .def_static("load", &load, py::arg("path"), py::arg("rank") = 0, py::arg("size") = 1)
+          py::arg("rank"), py::arg("size"),
+          "The part of process `rank` of `size`: contiguous, of about as many entries as the "
+          "others.")
+      .def("remove", &remove_documents, py::arg("documents"),
+           "Take documents out, by number; those behind move up.")
+      .def(
+          "copy", [](const SharedCollection& self) { return self; },
+          "A collection that appends to this one do not change.  Costs nothing.")
+      .def("save", &save, py::arg("path"),
+           "Write one file, which appears whole or not at all; OSError where that fails.")
+      .def_static("load", &load, py::arg("path"), py::arg("rank") = 0, py::arg("size") = 1,
+                  "Open a saved collection, or a process's part of it; OSError for a file that is "
+                  "missing, damaged or no collection.")
       .def(py::pickle(
           [](const SharedCollection& self) { return py::make_tuple(bytes_of(*self.held)); },
           [](const py::tuple& state) {

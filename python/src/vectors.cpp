@@ -66,20 +66,29 @@ py::tuple to_state(const Vectors& vectors) {
 }  // namespace
 
 void bind_vectors(py::module_& module) {
-  py::class_<Vectors>(module, "Vectors")
-      .def_static("read", &read, py::arg("path"), py::arg("unit_length") = true)
+  py::class_<Vectors>(module, "Vectors",
+                      "Words and their vectors, a table that never changes; see load_vectors.\n\n"
+                      "Copies share the rows; a pickle holds them.")
+      .def_static("read", &read, py::arg("path"), py::arg("unit_length") = true,
+                  "Read a file in any of the forms that load_vectors takes.")
       .def_static("from_arrays", &from_arrays, py::arg("words"), py::arg("rows"),
-                  py::arg("unit_length") = true)
+                  py::arg("unit_length") = true,
+                  "Take float32 rows, shape (n_words, n_dimensions), over by a copy; words may be "
+                  "empty.")
       .def("__len__", &Vectors::size)
       .def("__contains__",
            [](const Vectors& self, const std::string& word) { return self.find(word).has_value(); })
-      .def("find", &Vectors::find, py::arg("word"))
-      .def("word", &word_at, py::arg("number"))
-      .def_property_readonly("dimensions", &Vectors::dimensions)
-      .def_property_readonly("has_words", &Vectors::has_words)
-      .def_property_readonly("unit_length", &Vectors::unit_length)
-      .def_property_readonly("words", &words_of)
-      .def_property_readonly("rows", &rows_of)
+      .def("find", &Vectors::find, py::arg("word"), "The word's number, or None.")
+      .def("word", &word_at, py::arg("number"), "The word with a number; IndexError without one.")
+      .def_property_readonly("dimensions", &Vectors::dimensions, "Floats in a row.")
+      .def_property_readonly("has_words", &Vectors::has_words,
+                             "False where rows are known by number alone.")
+      .def_property_readonly("unit_length", &Vectors::unit_length,
+                             "Whether the rows were scaled to length 1.")
+      .def_property_readonly("words", &words_of, "All words, by number: a new list.")
+      .def_property_readonly("rows", &rows_of,
+                             "Array of float32, shape (n_words, n_dimensions): the table itself, "
+                             "which cannot be written to.")
       .def("__repr__",
            [](const Vectors& self) {
              return fmt::format("<Vectors: {} {}, {} dimensions>", self.size(),
@@ -90,8 +99,8 @@ void bind_vectors(py::module_& module) {
       .def(py::pickle(&to_state, [](const py::tuple& state) {
         return collection_from_bytes(state[0].cast<py::bytes>()).vocabulary();
       }));
-  module.def("english_stop_words", &english_stop_words);
-  module.def("read_stop_words", &read_stop_words, py::arg("path"));
+  module.def("english_stop_words", &english_stop_words, "The list that \"english\" stands for.");
+  module.def("read_stop_words", &read_stop_words, py::arg("path"), "One word a line.");
 }
 
 }  // namespace talvik::python

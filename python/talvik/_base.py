@@ -5,7 +5,8 @@ from __future__ import annotations
 import numbers
 import os
 from contextlib import contextmanager
-from typing import Any, Iterator
+from pathlib import Path
+from typing import Any, Iterator, TypeVar
 
 import numpy as np
 from joblib import effective_n_jobs
@@ -24,6 +25,7 @@ MEASURES = {
     "exact": _core.Measure.exact,
 }
 METRICS = {"euclidean": _core.Metric.euclidean, "cosine": _core.Metric.cosine}
+Estimator = TypeVar("Estimator", bound="WordMoverBase")
 
 
 def check_choice(name: str, value: Any, choices: dict[str, Any]) -> Any:
@@ -40,7 +42,7 @@ def check_whole(name: str, value: Any, least: int) -> int:
     return int(value)
 
 
-def check_strings(name: str, values: Any) -> np.ndarray:
+def check_flat(name: str, values: Any) -> np.ndarray:
     array = np.asarray(values)
     if array.ndim != 1:
         raise ValueError(f"{name}: {array.ndim} dimensions, one is needed")
@@ -104,6 +106,8 @@ class WordMoverBase(BaseEstimator):
             return _core.english_stop_words()
         if isinstance(self.stop_words, (str, os.PathLike)):
             return _core.read_stop_words(os.fspath(self.stop_words))
+        if not hasattr(self.stop_words, "__iter__"):
+            raise TypeError(f"stop_words: an iterable of str is needed, not {type(self.stop_words)}")
         return [str(word) for word in self.stop_words]
 
     def _check_matrix(self, X: Any, reset: bool) -> Any:
@@ -117,26 +121,34 @@ class WordMoverBase(BaseEstimator):
         kind, X = _documents.kind_of(X)
         if kind == "matrix":
             X = self._check_matrix(X, reset=True)
-        self._vectors = self._vectors_given(kind, X)
-        self._last_stats: dict[str, Any] = {}
+        vectors = self._vectors_given(kind, X)
         if kind == "collection":
             if ids is not None:
                 raise ValueError("ids: a saved collection has its own")
             self._set_collection(X, np.array(X.ids, dtype=object))
-            return
-        collection = Collection(stop_words=self._stop_words())
-        self._append(collection, kind, X, labels, ids, 0)
+        else:
+            collection = Collection(stop_words=self._stop_words())
+            self._append(collection, kind, X, vectors, labels, ids, 0)
+        self._vectors = vectors
+        self._last_stats: dict[str, Any] = {}
 
     def _append(
-        self, collection: Collection, kind: str, X: Any, labels: Any, ids: Any, before: int
+        self,
+        collection: Collection,
+        kind: str,
+        X: Any,
+        vectors: Vectors,
+        labels: Any,
+        ids: Any,
+        before: int,
     ) -> None:
         count = X.shape[0] if kind == "matrix" else len(X)
         if count == 0:
             raise ValueError("X: no documents")
-        given = np.arange(before, before + count) if ids is None else check_strings("ids", ids)
+        given = np.arange(before, before + count) if ids is None else check_flat("ids", ids)
         names = None if ids is None else [str(name) for name in given]
         label_names = None if labels is None else [str(label) for label in labels]
-        _documents.append(collection, kind, X, self._vectors, names, label_names)
+        _documents.append(collection, kind, X, vectors, names, label_names)
         if given.dtype.kind in "SU":
             given = given.astype(object)
         self._set_collection(collection, np.concatenate([self.ids_, given]) if before else given)
@@ -148,7 +160,7 @@ class WordMoverBase(BaseEstimator):
         if kind == "matrix":
             X = self._check_matrix(X, reset=False)
         changed = self._collection.copy()
-        self._append(changed, kind, X, labels, ids, len(self._collection))
+        self._append(changed, kind, X, self._vectors, labels, ids, len(self._collection))
 
     def _set_collection(self, collection: Collection, ids: np.ndarray) -> None:
         part = collection
@@ -235,7 +247,7 @@ class WordMoverBase(BaseEstimator):
         self._collection.save(os.fspath(path))
 
     @classmethod
-    def load(cls, path: str | os.PathLike, **params: Any) -> Any:
+    def load(cls: type[Estimator], path: str | os.PathLike, **params: Any) -> Estimator:
         """Open what `save` or `talvik index` wrote.
 
         Parameters
@@ -251,7 +263,7 @@ class WordMoverBase(BaseEstimator):
         estimator
             Fitted.
         """
-        return cls(**params).fit(os.fspath(path))
+        return cls(**params).fit(Path(path))
 
     def __getstate__(self) -> dict[str, Any]:
         # A communicator belongs to its process.

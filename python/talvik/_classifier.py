@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import Any
+from typing import Any, Callable
 
 import numpy as np
 from sklearn.base import ClassifierMixin
@@ -24,8 +24,9 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
 
     Parameters
     ----------
-    weights : {"uniform", "distance"}
-        Every vote counts the same, or 1 / distance; documents at distance 0 outvote all others.
+    weights : {"uniform", "distance"}, callable or None, default "uniform"
+        Every vote counts the same (None, too), or 1 / distance; documents at distance 0 outvote all
+        others.  A callable gets the distances, shape (n_queries, n_neighbors), and gives the votes.
     n_neighbors, distance, steps, metric, vectors, stop_words, radius, n_jobs, comm, verbose
         As in `WordMoverNeighbors`.
 
@@ -46,7 +47,7 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
         self,
         n_neighbors: int = 5,
         *,
-        weights: str = "uniform",
+        weights: str | Callable | None = "uniform",
         distance: str = "two-way",
         steps: int = 0,
         metric: str = "euclidean",
@@ -85,7 +86,7 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
         -------
         self
         """
-        check_choice("weights", self.weights, VOTES)
+        self._check_weights()
         labels = None if y is None else self._check_labels(y)
         self._fit_documents(X, labels, ids)
         if labels is None:
@@ -98,7 +99,19 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
     def partial_fit(
         self, X: Any, y: Any, classes: Any = None, ids: Any = None
     ) -> WordMoverClassifier:
-        """Append documents and their classes; see `fit`.  New classes may come at any time."""
+        """Append documents and their classes, which costs a copy of the documents before.
+
+        Parameters
+        ----------
+        X, y, ids
+            As in `fit`.
+        classes : array, optional
+            Classes that may come later; new ones may come at any time, though.
+
+        Returns
+        -------
+        self
+        """
         labels = self._check_labels(y)
         if hasattr(self, "_collection"):
             self._append_more(X, labels, ids)
@@ -109,6 +122,10 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
             known = labels
         self._set_labels(labels, known if classes is None else np.union1d(known, classes))
         return self
+
+    def _check_weights(self) -> None:
+        if self.weights is not None and not callable(self.weights):
+            check_choice("weights", self.weights, VOTES)
 
     def _check_labels(self, y: Any) -> np.ndarray:
         labels = column_or_1d(y, warn=True)
@@ -122,14 +139,20 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
         self._labels = np.searchsorted(self.classes_, labels)
 
     def predict_proba(self, X: Any) -> np.ndarray:
-        """Give the shares of the votes, shape (n_documents, n_classes), columns as `classes_`."""
+        """Give each class's share of the votes.
+
+        Parameters
+        ----------
+        X : documents in any form that `fit` takes
+
+        Returns
+        -------
+        array of float64, shape (n_documents, n_classes)
+            Columns as `classes_`; rows sum to 1.
+        """
         check_is_fitted(self, "_collection")
         distances, indices = self.kneighbors(X)
-        votes = np.isfinite(distances).astype(float)
-        if check_choice("weights", self.weights, VOTES):
-            same = distances == 0
-            with np.errstate(divide="ignore"):
-                votes = np.where(same.any(axis=1, keepdims=True), same, 1.0 / distances)
+        votes = np.where(np.isfinite(distances), self._votes(distances), 0.0)
         classes = len(self.classes_)
         cells = self._labels[indices] + classes * np.arange(len(indices))[:, None]
         shares = np.bincount(cells.ravel(), votes.ravel(), classes * len(indices))
@@ -138,8 +161,28 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
         shares[unheard] = np.bincount(self._labels, minlength=classes)
         return shares / shares.sum(axis=1, keepdims=True)
 
+    def _votes(self, distances: np.ndarray) -> np.ndarray:
+        self._check_weights()
+        if callable(self.weights):
+            return np.asarray(self.weights(distances), dtype=float)
+        if self.weights != "distance":
+            return np.ones(distances.shape)
+        same = distances == 0
+        with np.errstate(divide="ignore"):
+            return np.where(same.any(axis=1, keepdims=True), same, 1.0 / distances)
+
     def predict(self, X: Any) -> np.ndarray:
-        """Give the class of most votes; of equals the first of `classes_`."""
+        """Give the class of most votes.
+
+        Parameters
+        ----------
+        X : documents in any form that `fit` takes
+
+        Returns
+        -------
+        array of shape (n_documents,)
+            Of classes with the same votes the first of `classes_`.
+        """
         shares = self.predict_proba(X)
         return self.classes_[shares.argmax(axis=1)]
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import sys
 import warnings
 from typing import Any
 
@@ -27,7 +28,11 @@ def kind_of(X: Any) -> tuple[str, Any]:
         return "collection", load_collection(X)
     if isinstance(X, Collection):
         return "collection", X
-    if sparse.issparse(X) or hasattr(X, "__array__") and np.asarray(X).ndim != 1:
+    if sparse.issparse(X):
+        return "matrix", X
+    if hasattr(X, "__array__") and (array := np.asarray(X)).ndim != 1:
+        if any(isinstance(item, str) for item in array.flat[:1]):
+            raise TypeError("X: texts in one dimension are needed: df.text, not df[['text']]")
         return "matrix", X
     if isinstance(X, (dict, bytes)) or not hasattr(X, "__iter__"):
         raise TypeError(
@@ -76,8 +81,16 @@ def append(
             f"{report['empty']} of {report['documents']} documents hold no known word and are "
             f"infinitely far from every other: {named}{more}",
             EmptyDocumentWarning,
-            stacklevel=2,
+            stacklevel=callers_level(),
         )
+
+
+def callers_level() -> int:
+    """Tell how far up the stack, for who asks, is what called the package or a pipeline."""
+    level, frame = 1, sys._getframe(1)
+    while frame.f_back and frame.f_globals["__name__"].partition(".")[0] in ("talvik", "sklearn"):
+        level, frame = level + 1, frame.f_back
+    return level
 
 
 def _append_matrix(

@@ -8,7 +8,7 @@ from typing import Any
 import numpy as np
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False, repr=False)
 class Explanation:
     """The flows of a distance, by falling cost.
 
@@ -32,6 +32,12 @@ class Explanation:
     targets: np.ndarray
     weights: np.ndarray
     distances: np.ndarray
+
+    def __repr__(self) -> str:
+        return (
+            f"<Explanation: distance {self.distance:.6g}, {len(self.weights)} flows from the "
+            f"{'query' if self.from_query else 'fitted document'}>"
+        )
 
     def to_frame(self) -> Any:
         """Give a pandas.DataFrame: source, target, weight, distance, cost."""

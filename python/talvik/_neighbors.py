@@ -10,9 +10,11 @@ from scipy import sparse
 from sklearn.utils.validation import check_is_fitted
 
 from . import _core
-from ._base import WordMoverBase, check_whole
+from ._base import WordMoverBase, check_choice, check_flat, check_whole
 from ._core import Collection
 from ._explanation import Explanation
+
+GRAPH_MODES = {"connectivity": False, "distance": True}  # whether the entries are distances
 
 
 def split_rows(values: np.ndarray, offsets: np.ndarray) -> np.ndarray:
@@ -77,6 +79,7 @@ class DocumentSearch(WordMoverBase):
         csr_matrix of shape (n_queries, n_samples_fit_)
             The entries of a row are in the order of the distances.
         """
+        check_choice("mode", mode, GRAPH_MODES)
         distances, indices = self.kneighbors(X, n_neighbors)
         offsets = np.arange(0, indices.size + 1, indices.shape[1])
         return self._graph(offsets, indices.ravel(), distances.ravel(), mode)
@@ -106,7 +109,16 @@ class DocumentSearch(WordMoverBase):
     def radius_neighbors_graph(
         self, X: Any = None, radius: float | None = None, mode: str = "connectivity"
     ) -> sparse.csr_matrix:
-        """Give the documents at most so far away as a sparse matrix; see `kneighbors_graph`."""
+        """Give the documents at most so far away as a sparse matrix.
+
+        Parameters
+        ----------
+        X, radius
+            As in `radius_neighbors`.
+        mode : {"connectivity", "distance"}
+            As in `kneighbors_graph`, and so is what comes out.
+        """
+        check_choice("mode", mode, GRAPH_MODES)
         return self._graph(*self._within(X, radius), mode)
 
     def _within(self, X: Any, radius: float | None) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
@@ -123,9 +135,7 @@ class DocumentSearch(WordMoverBase):
     def _graph(
         self, offsets: np.ndarray, indices: np.ndarray, distances: np.ndarray, mode: str
     ) -> sparse.csr_matrix:
-        if mode not in ("connectivity", "distance"):
-            raise ValueError(f"mode: {mode!r} is neither 'connectivity' nor 'distance'")
-        data = distances if mode == "distance" else np.ones(len(indices))
+        data = distances if GRAPH_MODES[mode] else np.ones(len(indices))
         shape = (len(offsets) - 1, self.n_samples_fit_)
         return sparse.csr_matrix((data, indices, offsets), shape=shape)
 
@@ -208,6 +218,11 @@ def names(collection: Collection, numbers_: np.ndarray) -> np.ndarray:
     return found
 
 
+def distinct(labels: list) -> np.ndarray:
+    """Give the labels, ascending, each once; a set first, as few of many are distinct."""
+    return np.unique(list(set(labels)))
+
+
 class WordMoverNeighbors(DocumentSearch):
     """Nearest documents by the word mover's distance.
 
@@ -282,21 +297,33 @@ class WordMoverNeighbors(DocumentSearch):
         EmptyDocumentWarning
             For documents without a known word, which are infinitely far from every other.
         """
+        if y is not None:
+            y = check_flat("y", y)
         self._fit_documents(X, y, ids)
-        self._note_classes(y)
+        labels = self._collection.labels if y is None else y.tolist()
+        if len(labels):
+            self.classes_ = distinct(labels)
+        elif hasattr(self, "classes_"):
+            del self.classes_  # of an earlier fit
         return self
 
     def partial_fit(self, X: Any, y: Any = None, ids: Any = None) -> WordMoverNeighbors:
-        """Append documents, which costs a copy of those before; see `fit`."""
+        """Append documents, which costs a copy of those before; the first call fits.
+
+        Parameters
+        ----------
+        X, y, ids
+            As in `fit`.  Labels for all documents or for none; ids that are not there yet.
+
+        Returns
+        -------
+        self
+        """
         if not hasattr(self, "_collection"):
             return self.fit(X, y, ids)
+        if y is not None:
+            y = check_flat("y", y)
         self._append_more(X, y, ids)
-        self._note_classes(y)
+        if y is not None:
+            self.classes_ = np.union1d(self.classes_, distinct(y.tolist()))
         return self
-
-    def _note_classes(self, y: Any) -> None:
-        labels = self._collection.labels if y is None else y
-        if len(labels):
-            self.classes_ = np.union1d(getattr(self, "classes_", labels), labels)
-        elif hasattr(self, "classes_"):
-            del self.classes_

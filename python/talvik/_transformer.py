@@ -7,8 +7,10 @@ from typing import Any
 import numpy as np
 from scipy import sparse
 from sklearn.base import TransformerMixin
+from sklearn.utils.validation import check_is_fitted
 
-from ._neighbors import DocumentSearch
+from ._base import check_choice
+from ._neighbors import GRAPH_MODES, DocumentSearch
 
 
 class WordMoverTransformer(TransformerMixin, DocumentSearch):
@@ -67,8 +69,39 @@ class WordMoverTransformer(TransformerMixin, DocumentSearch):
 
     def fit(self, X: Any, y: Any = None, ids: Any = None) -> WordMoverTransformer:
         """Take the documents that are searched; see `WordMoverNeighbors.fit`.  y is not read."""
+        check_choice("mode", self.mode, GRAPH_MODES)
         self._fit_documents(X, None, ids)
         return self
+
+    def fit_transform(self, X: Any, y: Any = None, ids: Any = None) -> sparse.csr_matrix:
+        """Fit, and give the graph among the fitted documents, which are read once.
+
+        Parameters
+        ----------
+        X, y, ids
+            As in `fit`.
+
+        Returns
+        -------
+        csr_matrix of shape (n_samples_fit_, n_samples_fit_)
+            As from `transform`: every document is in its own row.
+        """
+        return self.fit(X, ids=ids).transform(self._collection)
+
+    def get_feature_names_out(self, input_features: Any = None) -> np.ndarray:
+        """Name the graph's columns, after the class and by number; `ids_` tells the documents.
+
+        Parameters
+        ----------
+        input_features : ignored
+
+        Returns
+        -------
+        array of object, shape (n_samples_fit_,)
+        """
+        check_is_fitted(self, "_collection")
+        prefix = type(self).__name__.lower()
+        return np.array([f"{prefix}{i}" for i in range(self.n_samples_fit_)], dtype=object)
 
     def transform(self, X: Any) -> sparse.csr_matrix:
         """Give the graph from documents to their nearest fitted ones.

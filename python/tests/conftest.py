@@ -1,30 +1,24 @@
 """What the tests share: the sample, small random worlds, distances the slow way."""
 
 import os
-from dataclasses import dataclass
 from pathlib import Path
+from types import SimpleNamespace
 
 import numpy as np
 import pytest
 from scipy.optimize import linprog
+from sklearn.datasets import load_files
 
 from talvik import load_vectors
 
 SAMPLE = Path(os.environ["TALVIK_SAMPLE"])
 
 
-@dataclass
-class Texts:
-    ids: list
-    labels: list
-    texts: list
-
-
 def read_tree(root):
-    files = sorted(path for path in root.rglob("*") if path.is_file())
-    ids = [str(path.relative_to(root)) for path in files]
-    texts = [path.read_text(encoding="utf-8") for path in files]
-    return Texts(ids, [name.partition("/")[0] for name in ids], texts)
+    files = load_files(root, encoding="utf-8", shuffle=False)
+    ids = [str(Path(name).relative_to(root)) for name in files.filenames]
+    labels = [files.target_names[target] for target in files.target]
+    return SimpleNamespace(ids=ids, labels=labels, texts=files.data)
 
 
 @pytest.fixture(scope="session")

@@ -12,6 +12,7 @@ from talvik import (
     Vectors,
     WordMoverClassifier,
     WordMoverNeighbors,
+    WordMoverTransformer,
     load_vectors,
 )
 
@@ -72,13 +73,16 @@ def test_all_forms_of_vectors_mean_the_same(tmp_path, small):
     np.testing.assert_array_equal(load_vectors(ROWS, unit_length=False).rows, ROWS)
 
 
-def test_ids_are_those_given(small):
+def test_ids_and_classes_are_those_given(small):
     nn = neighbours_of(small).fit(TEXTS, ids=pd.Series([30, 10, 20], index=[5, 6, 7]))
     assert nn.ids_[nn.kneighbors(["puppy"])[1]].tolist() == [[20]]
     nn.partial_fit(["puppy rests"], ids=[7])
     assert nn.ids_.tolist() == [30, 10, 20, 7] and nn.n_samples_fit_ == 4
     assert nn.ids_[nn.kneighbors(["puppy rests"])[1]].tolist() == [[7]]
-    assert neighbours_of(small).fit(TEXTS).partial_fit(["dog"]).ids_.tolist() == [0, 1, 2, 3]
+    assert nn.fit(TEXTS, ["y", "x", "y"]).partial_fit(["dog"], ["z"]).ids_.tolist() == [0, 1, 2, 3]
+    assert nn.classes_.tolist() == ["x", "y", "z"]
+    assert nn.fit(TEXTS, [2, 1, 2]).classes_.tolist() == [1, 2]  # a second fit forgets the first
+    assert not hasattr(nn.fit(TEXTS), "classes_")
 
 
 def test_stop_words_are_left_out_of_texts_and_lists(small, tmp_path):
@@ -103,38 +107,14 @@ def test_documents_without_a_known_word_are_infinitely_far(small):
         np.testing.assert_allclose(model.predict_proba(["cat"]), [[1 / 3, 2 / 3]])
 
 
-BAD = {
-    "not a number in vectors": (ValueError, "vectors: rows: ", {"vectors": [[np.nan]]}),
-    "a word twice": (ValueError, "vectors: .*'a' comes twice", None),
-    "distance": (ValueError, "distance: 'far'", {"distance": "far"}),
-    "metric": (ValueError, "metric: None", {"metric": None}),
-    "steps": (ValueError, "steps: -1", {"steps": -1}),
-    "steps of a fraction": (TypeError, "steps: ", {"steps": 0.5}),
-    "no neighbours": (ValueError, "n_neighbors: 0", {"n_neighbors": 0}),
-    "no vectors": (ValueError, "vectors: none", {"vectors": None}),
-    "vectors of a kind": (TypeError, "vectors: a path", {"vectors": object()}),
-    "vectors not there": (OSError, "/no/file", {"vectors": "/no/file"}),
-    "communicator": (TypeError, "comm: ", {"comm": "world"}),
-}
-
-
-@pytest.mark.parametrize("name", BAD)
-def test_parameters_that_make_no_sense_are_named(small, name):
-    kind, message, params = BAD[name]
-    with pytest.raises(kind, match=message):
-        if params is None:
-            load_vectors(ROWS[:2], words=["a", "a"])
-        neighbours_of(**{"vectors": small, **params}).fit(TEXTS).kneighbors(TEXTS)
-
-
 BAD_X = {
     "none": ([], ValueError, "X: no documents"),
     "a number among texts": (["dog", 3], TypeError, r"X\[1\]: a str"),
-    "not a number among texts": (["dog", np.nan], TypeError, r"X\[1\]: a str"),
+    "a text among lists of words": ([["dog"], "dog"], TypeError, r"X\[1\]: a list of words"),
+    "texts in two dimensions": (pd.DataFrame({"text": TEXTS}), TypeError, "X: texts in one dim"),
     "a number among words": ([["dog"], ["dog", 3]], TypeError, r"X\[1\]\[1\]: a str"),
     "a text alone": ("The dog sleeps.", OSError, "a text goes into a list"),
     "nothing": (None, TypeError, "X: an iterable"),
-    "bytes": (b"dog", TypeError, "X: an iterable"),
     "a dictionary": ({"dog": 1}, TypeError, "X: an iterable"),
     "negative counts": (-COUNTS, ValueError, "Negative values"),
     "counts of other words": (COUNTS[:, :4], ValueError, "X: 4 columns for 6"),
@@ -148,30 +128,56 @@ def test_documents_that_are_none_are_named(small, name):
     with pytest.raises(kind, match=message):
         neighbours_of(small).fit(X)
     nn = neighbours_of(small).fit(TEXTS)
-    if X is not None and len(X) > 0:  # None are the fitted documents
+    calls = [nn.partial_fit, nn.kneighbors]
+    for call in calls if X is not None and len(X) > 0 else calls[:1]:  # None are the fitted ones
         with pytest.raises(kind):
-            nn.kneighbors(X)
-        with pytest.raises(kind):
-            nn.partial_fit(X)
+            call(X)
     assert nn.n_samples_fit_ == 3
 
 
-def test_calls_that_make_no_sense_are_named(small):
+def fit(**params):
+    return lambda nn: nn.set_params(**params).fit(TEXTS)
+
+
+BAD_CALLS = {
+    "vectors: rows: ": (ValueError, fit(vectors=[[np.nan]])),
+    "vectors: .*'a' comes twice": (ValueError, lambda nn: load_vectors(ROWS[:2], words=["a", "a"])),
+    "vectors: none": (ValueError, fit(vectors=None)),
+    "vectors: a path": (TypeError, fit(vectors=object())),
+    "/no/file": (OSError, fit(vectors="/no/file")),
+    "distance: 'far'": (ValueError, fit(distance="far")),
+    "metric: None": (ValueError, fit(metric=None)),
+    "steps: -1": (ValueError, fit(steps=-1)),
+    "steps: a whole": (TypeError, fit(steps=0.5)),
+    "n_neighbors: 0": (ValueError, fit(n_neighbors=0)),
+    "comm: ": (TypeError, fit(comm="world")),
+    "stop_words: an iterable": (TypeError, fit(stop_words=5)),
+    "n_neighbors = 4": (ValueError, lambda nn: nn.kneighbors(TEXTS, 4)),
+    "each without itself": (ValueError, lambda nn: nn.kneighbors(n_neighbors=3)),
+    "radius: -1": (ValueError, lambda nn: nn.radius_neighbors(TEXTS, -1)),
+    "radius: nan": (ValueError, lambda nn: nn.radius_neighbors(TEXTS, np.nan)),
+    "mode: 'far'": (ValueError, lambda nn: nn.kneighbors_graph(mode="far")),
+    "mode: None": (ValueError, lambda nn: WordMoverTransformer(mode=None).fit(TEXTS)),
+    "index: -1": (ValueError, lambda nn: nn.explain("dog", -1)),
+    "document: 3": (ValueError, lambda nn: nn.explain("dog", 3)),
+    "the id 'a'": (ValueError, lambda nn: nn.partial_fit(["dog"], ids=["a"])),
+    "ids: 1 of them for 2": (ValueError, lambda nn: nn.partial_fit(["dog", "dog"], ids=["d"])),
+    "ids: 0 dimensions": (ValueError, lambda nn: nn.fit(TEXTS, ids="abc")),
+    "y: 2 of them for 3": (ValueError, lambda nn: nn.fit(TEXTS, [1, 2])),
+    r"X\[1\]: a str": (
+        TypeError,
+        lambda nn: nn.set_params(vectors=load_vectors(np.eye(2), words=["x", "y"])).fit(["x", 3]),
+    ),
+    "y: 2 dimensions": (ValueError, lambda nn: nn.fit(TEXTS, np.eye(3))),
+    "weights: 'v'": (ValueError, lambda nn: WordMoverClassifier(weights="v").fit(TEXTS, [1, 2, 3])),
+}
+
+
+@pytest.mark.parametrize("message", BAD_CALLS)
+def test_calls_that_make_no_sense_are_named_and_change_nothing(small, message):
+    kind, call = BAD_CALLS[message]
     nn = neighbours_of(small).fit(TEXTS, ids=["a", "b", "c"])
-    calls = {
-        "n_neighbors": lambda: nn.kneighbors(TEXTS, 4),
-        "each without itself": lambda: nn.kneighbors(n_neighbors=3),
-        "radius: -1": lambda: nn.radius_neighbors(TEXTS, -1),
-        "radius: nan": lambda: nn.radius_neighbors(TEXTS, np.nan),
-        "mode: 'far'": lambda: nn.kneighbors_graph(mode="far"),
-        "index: -1": lambda: nn.explain("dog", -1),
-        "document: 3": lambda: nn.explain("dog", 3),
-        "the id 'a'": lambda: nn.partial_fit(["dog"], ids=["a"]),
-        "ids: 1 of them for 2": lambda: nn.partial_fit(["dog", "dog"], ids=["d"]),
-        "ids: 0 dimensions": lambda: nn.fit(TEXTS, ids="abc"),
-        "y: 2 of them for 3": lambda: nn.fit(TEXTS, [1, 2]),
-        "weights: 'votes'": lambda: WordMoverClassifier(weights="votes").fit(TEXTS, [1, 2, 3]),
-    }
-    for message, call in calls.items():
-        with pytest.raises(ValueError, match=message):
-            call()
+    with pytest.raises(kind, match=message):
+        call(nn)
+    nn.set_params(**neighbours_of(small).get_params())
+    assert nn.ids_[nn.kneighbors(["puppy"])[1]].tolist() == [["c"]]

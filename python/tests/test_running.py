@@ -3,15 +3,13 @@
 import os
 import subprocess
 import sys
-import threading
-import time
 from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
 
 import numpy as np
 import pytest
 from scipy.sparse import csr_matrix
 
-import talvik
 from talvik import WordMoverNeighbors, load_vectors
 
 
@@ -39,62 +37,33 @@ def test_threads_search_one_object_while_another_appends():
     assert other.n_samples_fit_ == 330 and nn.n_samples_fit_ == 300
 
 
-def test_the_interpreter_goes_on_while_a_search_runs():
-    rows, counts = large_world()
-    nn = WordMoverNeighbors(vectors=rows, distance="exact", n_jobs=1).fit(counts)
-    done = threading.Event()
-    thread = threading.Thread(target=lambda: (nn.kneighbors(counts[:10]), done.set()))
-    thread.start()
-    steps = 0
-    while not done.is_set():
-        time.sleep(0.001)
-        steps += 1
-    thread.join()
-    assert steps > 20
-
-
+# The signal comes from another thread, in time only where the search has let go of the lock.
 INTERRUPTED = """
-import sys, threading, time, os, signal
-sys.path.insert(0, {tests!r})
+import os, signal, threading, time
 from test_running import large_world
 from talvik import WordMoverNeighbors
 rows, counts = large_world()
 nn = WordMoverNeighbors(vectors=rows, distance="exact").fit(counts)
+sent, began = [], time.monotonic()
 def interrupt():
-    time.sleep(0.5)
-    global sent
-    sent = time.monotonic()
+    sent.append(time.monotonic())
     os.kill(os.getpid(), signal.SIGINT)
-threading.Thread(target=interrupt).start()
+threading.Timer(0.5, interrupt).start()
 try:
     nn.kneighbors()
 except KeyboardInterrupt:
-    print("interrupted", time.monotonic() - sent)
+    print(sent[0] - began, time.monotonic() - sent[0])
 nn.kneighbors(counts[:1])
 """
 
 
-def test_control_c_ends_a_search_within_a_second():
-    tests = os.path.dirname(__file__)
-    code = INTERRUPTED.format(tests=tests)
-    ran = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+def test_control_c_from_another_thread_ends_a_search_within_a_second():
+    ran = subprocess.run(
+        [sys.executable, "-c", INTERRUPTED], cwd=Path(__file__).parent, capture_output=True, text=True
+    )
     assert ran.returncode == 0, ran.stderr
-    what, seconds = ran.stdout.split()
-    assert what == "interrupted" and float(seconds) < 1
-
-
-def test_an_error_of_the_progress_callback_ends_the_search():
-    from talvik import _core
-
-    rows, counts = large_world()
-    nn = WordMoverNeighbors(vectors=rows, distance="exact").fit(counts)
-
-    def fail(done, total):
-        raise ZeroDivisionError(f"{total} queries")
-
-    settings = _core.Settings(measure=_core.Measure.exact, progress=fail)
-    with pytest.raises(ZeroDivisionError, match="3000 queries"):
-        _core.neighbours(nn._collection, None, 3, settings)
+    until_sent, until_ended = map(float, ran.stdout.split())
+    assert until_sent < 2 and until_ended < 1
 
 
 def test_verbose_shows_how_far_a_search_has_come(capsys):
@@ -135,9 +104,6 @@ def test_a_thousand_calls_leave_no_memory_behind():
 
 
 def test_the_import_starts_no_mpi():
-    code = "import talvik, sys; sys.exit('mpi4py' in sys.modules)"
-    subprocess.run([sys.executable, "-c", code], check=True)
     code = "import talvik; from mpi4py import rc; rc.initialize = False; from mpi4py import MPI; "
     code += "import sys; sys.exit(MPI.Is_initialized())"
     subprocess.run([sys.executable, "-c", code], check=True)
-    assert talvik.__doc__
