@@ -26,6 +26,7 @@ import scipy
 import peers_classes
 import peers_documents as documents
 import peers_exact
+import peers_lists
 import peers_python
 import peers_ways as ways
 from peers_table import header, row, significant
@@ -294,7 +295,7 @@ def blas_name():
 def main():
     if not blas_name():
         sys.exit("bench/peers: NumPy runs without OpenBLAS: apt-get install libopenblas0-pthread")
-    sections = [*CASES, "exact", "classes", "python"]
+    sections = [*CASES, "exact", "lists", "classes", "python"]
     wanted = sys.argv[1:] or sections
     unknown = set(wanted) - set(sections)
     if unknown:
@@ -312,6 +313,8 @@ def main():
     texts = [CASES[name]() for name in ("spam", "brown")] if {"exact", "classes"} & set(wanted) else []
     if "exact" in wanted:
         peers_exact.compare(texts, checks, say)
+    if "lists" in wanted:
+        peers_lists.compare(DATA, checks, say)
     if "classes" in wanted:
         peers_classes.compare(texts, checks, say)
     if "python" in wanted:

@@ -7,14 +7,18 @@ by number: the search must name the same documents at the same distances.
 import pathlib
 
 import numpy as np
-
 import talvik
-from talvik import _core
 
+COLLECTIONS = [  # name, folder, vectors
+    ("sample", "sample", "sample/vectors.bin"),
+    ("Brown", "brown", "glove-100d.bin"),
+    ("SpamAssassin", "spam", "glove-100d.bin"),
+]
 SEED = 5
 NEIGHBOURS = 17
+QUERIES_AT_A_TIME = 100
 # Exact distances of all pairs would take hours: of so many random queries.
-EXACT_QUERIES = {"Brown": 6, "SpamAssassin": 12}
+EXACT_QUERIES = 6
 
 
 def texts_of(tree):
@@ -23,46 +27,36 @@ def texts_of(tree):
     return [path.read_text(encoding="latin-1") for path in files]
 
 
-def filled(collection, texts, vectors):
-    collection.append_texts(texts, vectors)
-    return collection
-
-
-def nearest_of_all(resident, queries, settings):
+def nearest_of_all(fitted, queries):
     """Distances and numbers of the nearest of every query, from all its pairs."""
-    documents = np.arange(len(resident))
-    distances, numbers = [], []
-    for query in range(len(queries)):
-        pairs = np.column_stack([documents, np.full_like(documents, query)])
-        every = _core.distances(resident, queries, pairs, settings)
-        order = np.argsort(every, kind="stable")[:NEIGHBOURS]
-        numbers.append(order)
-        distances.append(every[order])
-    return np.array(distances), np.array(numbers)
+    shape = len(queries), fitted.n_samples_fit_
+    every = fitted.pair_distances(queries, np.indices(shape).reshape(2, -1).T).reshape(shape)
+    order = np.argsort(every, axis=1, kind="stable")[:, :NEIGHBOURS]
+    return np.take_along_axis(every, order, axis=1), order
 
 
-def compare_measure(name, measure, resident, queries, checks):
-    settings = _core.Settings(measure=measure)
-    _, numbers, distances, _ = _core.neighbours(resident, queries, NEIGHBOURS, settings)
-    expected_distances, expected = nearest_of_all(resident, queries, settings)
-    same = np.count_nonzero((numbers == expected.ravel()) &
-                            (distances == expected_distances.ravel().astype(distances.dtype)))
-    checks.require(same == expected.size,
-                   f"{name}, {measure.name}: {expected.size - same} of {expected.size} places of "
-                   "the lists differ from those of all distances")
-    print(f"- {name}, {measure.name}, {len(queries):,} queries: {same:,} of {expected.size:,} places "
-          "of the lists hold the document and the distance of the full computation.", flush=True)
+def compare_lists(name, fitted, queries, checks):
+    same = places = 0
+    for first in range(0, len(queries), QUERIES_AT_A_TIME):
+        some = queries[first:first + QUERIES_AT_A_TIME]
+        distances, numbers = fitted.kneighbors(some)
+        expected_distances, expected = nearest_of_all(fitted, some)
+        same += np.count_nonzero((numbers == expected) &
+                                 (distances == expected_distances.astype(distances.dtype)))
+        places += expected.size
+    checks.require(same == places, f"{name}, {fitted.distance}: {places - same} of {places} places "
+                                   "of the lists differ from those of all distances")
+    print(f"- {name}, {fitted.distance}, {len(queries):,} queries: {same:,} of {places:,} places of "
+          "the lists hold the document and the distance of the full computation.", flush=True)
 
 
-def compare(cases, path, checks, say):
-    vectors = talvik.load_vectors(path)
+def compare(data, checks, say):
     random = np.random.default_rng(SEED)
-    for case in cases:
-        say(f"{case.name}: lists against all distances")
-        resident = filled(_core.Collection(), texts_of(case.trees[0]), vectors)
-        texts = texts_of(case.trees[1])
-        queries = filled(resident.for_queries(), texts, vectors)
-        compare_measure(case.name, _core.Measure.two_way, resident, queries, checks)
-        some = random.choice(len(texts), EXACT_QUERIES[case.name], replace=False)
-        queries = filled(resident.for_queries(), [texts[q] for q in some], vectors)
-        compare_measure(case.name, _core.Measure.exact, resident, queries, checks)
+    for name, folder, vectors in COLLECTIONS:
+        say(f"{name}: lists against all distances")
+        resident, queries = (texts_of(data / folder / side) for side in ("resident", "queries"))
+        words = talvik.load_vectors(data / vectors)
+        fitted = talvik.WordMoverNeighbors(NEIGHBOURS, vectors=words).fit(resident)
+        compare_lists(name, fitted, queries, checks)
+        some = random.choice(len(queries), EXACT_QUERIES, replace=False)
+        compare_lists(name, fitted.set_params(distance="exact"), [queries[q] for q in some], checks)

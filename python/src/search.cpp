@@ -123,6 +123,19 @@ py::tuple find_within(const SharedCollection& collection, const SharedCollection
   return to_tuple(std::move(found), settings);
 }
 
+py::array_t<double> pair_distances(const SharedCollection& collection,
+                                   const SharedCollection& queries,
+                                   const py::array_t<Count, py::array::c_style>& pairs,
+                                   const Settings& settings) {
+  static_assert(sizeof(Pair) == 2 * sizeof(Count));
+  const Shared resident = collection.held, asked = queries.held;
+  const std::span<const Pair> rows(reinterpret_cast<const Pair*>(pairs.data()),
+                                   static_cast<std::size_t>(pairs.shape(0)));
+  return array_of(run(settings, [&](const SearchOptions& options) {
+    return distances(*resident, *asked, rows, options);
+  }));
+}
+
 py::array all_distances(const SharedCollection& collection, const SharedCollection& queries,
                         const Settings& settings) {
   const Shared resident = collection.held, asked = queries.held;
@@ -180,6 +193,8 @@ void bind_search(py::module_& module) {
              py::arg("settings"));
   module.def("within", &find_within, py::arg("collection"), py::arg("queries"), py::arg("radius"),
              py::arg("settings"));
+  module.def("pair_distances", &pair_distances, py::arg("collection"), py::arg("queries"),
+             py::arg("pairs"), py::arg("settings"));
   module.def("distance_matrix", &all_distances, py::arg("collection"), py::arg("queries"),
              py::arg("settings"));
   module.def("explain", &explain_pair, py::arg("collection"), py::arg("document"),

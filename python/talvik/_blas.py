@@ -17,7 +17,7 @@ def _kernels_of_processor() -> str | None:
         lines = pathlib.Path("/proc/cpuinfo").read_text().splitlines()
     except OSError:
         return None
-    flags = next((set(line.split()) for line in lines if line.startswith("flags")), set())
+    flags = set(next((line for line in lines if line.startswith("flags")), "").split())
     return next((name for name, needed in _KERNELS.items() if needed <= flags), None)
 
 

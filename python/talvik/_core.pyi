@@ -123,6 +123,9 @@ def neighbours(
 def within(
     collection: Collection, queries: Collection | None, radius: float, settings: Settings
 ) -> Found: ...
+def pair_distances(
+    collection: Collection, queries: Collection, pairs: NDArray[np.int64], settings: Settings
+) -> NDArray[np.float64]: ...
 def distance_matrix(
     collection: Collection, queries: Collection, settings: Settings
 ) -> NDArray[Any]: ...

@@ -162,6 +162,30 @@ class DocumentSearch(WordMoverBase):
         with self._running() as settings:
             return _core.distance_matrix(others, queries, settings)
 
+    def pair_distances(self, X: Any, pairs: Any) -> np.ndarray:
+        """Compute the distances of some pairs, each by itself; with `comm`, on every process.
+
+        Parameters
+        ----------
+        X : documents
+            The queries.
+        pairs : array of int, shape (n_pairs, 2)
+            Of each pair the number of its query in X, and that of its fitted document.
+
+        Returns
+        -------
+        array of float64, shape (n_pairs,)
+            The very values of `kneighbors`, before it rounds relaxed ones to single precision.
+        """
+        check_is_fitted(self, "_collection")
+        numbers_ = np.asarray(pairs)
+        if numbers_.ndim != 2 or numbers_.shape[1] != 2 or numbers_.dtype.kind not in "iu":
+            raise ValueError("pairs: must be whole numbers in two columns, query and document")
+        queries = self._queries(X)
+        turned = np.ascontiguousarray(numbers_[:, ::-1], dtype=np.int64)  # the document first
+        with self._running() as settings:
+            return _core.pair_distances(self._collection, queries, turned, settings)
+
     def explain(self, X: Any, index: int) -> Explanation:
         """Tell what the distance of a pair is made of.
 

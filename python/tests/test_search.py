@@ -49,6 +49,10 @@ def test_all_questions_agree_with_brute_force(seed, distance, steps, metric):
         found = np.take_along_axis(expected, indices, axis=1)
         np.testing.assert_allclose(found, distances, rtol=1e-5, atol=1e-6)
 
+        pairs = np.column_stack([np.repeat(np.arange(len(indices)), k), indices.ravel()])
+        settled = nn.pair_distances(queries, pairs).astype(distances.dtype)
+        np.testing.assert_array_equal(settled, distances.ravel())
+
         radius = float(np.median(expected[np.isfinite(expected)]))
         graph = nn.radius_neighbors_graph(queries, radius, mode="distance")
         reached = sparse.csr_matrix((np.ones(graph.nnz), graph.indices, graph.indptr), graph.shape)
