@@ -8,14 +8,13 @@ found among all, and must be those of the package.
 """
 
 import resource
-import time
-from typing import NamedTuple
 
 import numpy as np
 from sklearn.feature_extraction.text import TfidfTransformer
 from sklearn.neighbors import NearestNeighbors
 from talvik import WordMoverNeighbors, load_vectors
 
+import peers_exact
 import peers_ways as ways
 from peers_table import header, row, significant
 
@@ -33,24 +32,8 @@ MEASURES = {  # name: (parameters, rounds)
 }
 
 
-class Timed(NamedTuple):
-    wall: float
-    processor: float
-    result: object
-
-
-def timed(task, who=resource.RUSAGE_SELF):
-    def processor():
-        usage = resource.getrusage(who)
-        return usage.ru_utime + usage.ru_stime
-
-    began, busy = time.perf_counter(), processor()
-    result = task()
-    return Timed(time.perf_counter() - began, processor() - busy, result)
-
-
 def quickest(rounds, task):
-    return min((timed(task) for _ in range(rounds)), key=lambda run: run.processor)
+    return min((ways.timed(task) for _ in range(rounds)), key=lambda run: run.processor)
 
 
 def by_package(case, vectors, params):
@@ -82,11 +65,6 @@ def vote_error(case, lists, voters):
     return np.mean(voted != case.queries.classes)
 
 
-def by_pot(case, pairs):
-    with ways.PairPool(case.vectors, case.resident, case.queries) as pool:
-        return pool.map(ways.exact_pair, pairs)
-
-
 def run_pot(case, say):
     """The time of random pairs, and the distances of a few queries to all documents."""
     random = np.random.default_rng(SEED)
@@ -96,9 +74,9 @@ def run_pot(case, say):
     everything = np.column_stack([np.repeat(checked, case.resident.count),
                                   np.tile(np.arange(case.resident.count), CHECKED_QUERIES)])
     say(f"{case.name}: POT for {len(pairs)} random pairs")
-    sample = timed(lambda: by_pot(case, pairs), resource.RUSAGE_CHILDREN)
+    sample = ways.timed(lambda: peers_exact.pot_distances(case, pairs), resource.RUSAGE_CHILDREN)
     say(f"{case.name}: POT for {len(everything)} pairs of {CHECKED_QUERIES} queries")
-    return sample, checked, by_pot(case, everything).reshape(CHECKED_QUERIES, -1)
+    return sample, checked, peers_exact.pot_distances(case, everything).reshape(CHECKED_QUERIES, -1)
 
 
 def compare_case(case, checks, say):

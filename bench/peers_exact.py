@@ -6,8 +6,8 @@ compared with POT's time for all pairs, extrapolated from random ones.
 
 import os
 import pathlib
+import resource
 import subprocess
-import time
 
 import numpy as np
 
@@ -24,7 +24,8 @@ MOST_OF_POT = 0.02  # the search's share of POT's time for all pairs
 
 
 def our_distances(case, pairs, searched):
-    """A row of entries, entries, distance for every pair; the seconds and problems of a search."""
+    """A row of entries, entries, distance for every pair; seconds on the clock and of the
+    processor, and problems, of a search."""
     lines = "".join(f"{case.queries.names[q]} {case.resident.names[i]}\n" for q, i in pairs)
     command = [TOOL, "--vectors", VECTORS, "--resident", case.trees[0], "--queries", case.trees[1],
                "--threads", ways.THREADS, *(["--k", NEIGHBOURS] if searched else [])]
@@ -37,15 +38,18 @@ def our_distances(case, pairs, searched):
     return rows, search
 
 
+def pot_distances(case, pairs):
+    with ways.PairPool(case.vectors, case.resident, case.queries) as pool:
+        return pool.map(ways.exact_pair, pairs)
+
+
 def compare_case(case, checks, say):
     random = np.random.default_rng(SEED)
     pairs = np.column_stack([random.integers(side.count, size=case.sampled_pairs)
                              for side in (case.queries, case.resident)])
-    with ways.PairPool(case.vectors, case.resident, case.queries) as pool:
-        say(f"{case.name}: exact distances of {len(pairs)} pairs")
-        began = time.perf_counter()
-        theirs = pool.map(ways.exact_pair, pairs)
-        seconds = time.perf_counter() - began
+    say(f"{case.name}: exact distances of {len(pairs)} pairs")
+    pot = ways.timed(lambda: pot_distances(case, pairs), resource.RUSAGE_CHILDREN)
+    theirs = pot.result
     searched = case.name == SEARCHED
     say(f"{case.name}: {'exact search' if searched else 'the same pairs'} by talvik")
     rows, search = our_distances(case, pairs, searched)
@@ -60,12 +64,13 @@ def compare_case(case, checks, say):
           f"{difference:.1e} at most (checked: {LARGEST_DIFFERENCE:.0e}).")
     if searched:
         all_pairs = case.queries.count * case.resident.count
-        expected = seconds / len(pairs) * all_pairs
-        ratio = search[0] / expected
-        print(f"- {case.name}, all {all_pairs:,} pairs: POT {expected:.0f} s, extrapolated from "
-              f"{seconds:.2f} s for these in {ways.THREADS} processes; talvik's exact search, k "
-              f"{NEIGHBOURS}, {ways.THREADS} threads, {search[0]:.2f} s: {ratio:.4f} of it (meant "
-              f"to be at most {MOST_OF_POT}); it solved {search[1]:,.0f} transport problems.")
+        wall, processor, solved = search
+        expected = all_pairs / len(pairs) * pot.processor
+        print(f"- {case.name}, all {all_pairs:,} pairs, processor time: POT {expected:.0f} s, "
+              f"extrapolated from {pot.processor:.2f} s ({pot.wall:.2f} s on the clock) for these in "
+              f"{ways.THREADS} processes; talvik's exact search, k {NEIGHBOURS}, {processor:.1f} s "
+              f"({wall:.1f} s on the clock, {ways.THREADS} threads): {processor / expected:.4f} of it "
+              f"(meant to be at most {MOST_OF_POT}); it solved {solved:,.0f} transport problems.")
 
 
 def compare(cases, checks, say):

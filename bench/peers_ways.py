@@ -7,7 +7,10 @@ BLAS is kept to one thread in each.
 
 import concurrent.futures
 import multiprocessing
+import resource
+import time
 import warnings
+from typing import NamedTuple
 
 import numpy as np
 import ot
@@ -131,6 +134,23 @@ def bounds_pair(a, a_weights, b, b_weights):
     distances = cdist(a, b)
     return (sums_to_one(a_weights) @ distances.min(axis=1),
             sums_to_one(b_weights) @ distances.min(axis=0))
+
+
+class Timed(NamedTuple):
+    wall: float
+    processor: float
+    result: object
+
+
+def timed(task, who=resource.RUSAGE_SELF):
+    """Runs the task; its own time, or that of processes that it starts and ends."""
+    def processor():
+        usage = resource.getrusage(who)
+        return usage.ru_utime + usage.ru_stime
+
+    began, busy = time.perf_counter(), processor()
+    result = task()
+    return Timed(time.perf_counter() - began, processor() - busy, result)
 
 
 class PairPool:
