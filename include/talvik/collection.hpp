@@ -14,13 +14,15 @@
 
 namespace talvik {
 
+/// How a collection treats its texts, and what of them it keeps.
 struct CollectionOptions {
-  TextRules rules = {};
+  TextRules rules = {};     ///< by which texts become words
   bool keep_texts = false;  ///< the texts stay in memory, and in the saved file
   /// The vectors of all words stay, so that queries may use words that no document has; else those
   /// of the words that occur.
   bool all_words = false;
 
+  /// Whether all are the same.
   bool operator==(const CollectionOptions&) const = default;
 };
 
@@ -38,7 +40,7 @@ struct DocumentArrays {
 
 /// What became of texts.
 struct AppendReport {
-  Count documents = 0;
+  Count documents = 0;       ///< appended
   Count tokens = 0;          ///< words of the texts after the rules
   Count unknown_tokens = 0;  ///< of these, words without a vector
   Count empty = 0;           ///< documents without a known word: infinitely far from every other
@@ -54,6 +56,7 @@ struct AppendReport {
 /// table.
 class TALVIK_API Collection {
  public:
+  /// No documents yet.
   explicit Collection(CollectionOptions options = {});
 
   /// Appends texts.  Their weights are the words' shares of the document: counts, scaled to the
@@ -79,15 +82,16 @@ class TALVIK_API Collection {
   void remove(std::span<const Count> documents);
 
   Count size() const { return static_cast<Count>(offsets_.size()) - 1; }  ///< documents held
-  Count entries() const { return offsets_.back(); }
+  Count entries() const { return offsets_.back(); }                       ///< of all documents
 
-  /// A slice of a larger collection: the number of its first document there, and how many documents
-  /// there are in all.  Else 0 and size().
+  /// Of a slice the number of its first document in the whole collection; else 0.
   Count first_document() const { return first_document_; }
+  /// Of a slice how many documents the whole collection has; else size().
   Count total_documents() const { return total_documents_; }
   /// The part of process `rank` of `size`: contiguous, of about the same number of entries.
   Collection slice(int rank, int size) const;
 
+  /// As given, or as saved.
   const CollectionOptions& options() const { return options_; }
   /// The words, numbered as words() numbers them: first those that occur, then the others.
   const Vectors& vocabulary() const { return vocabulary_; }
@@ -100,11 +104,11 @@ class TALVIK_API Collection {
   /// Documents are numbered from 0 in a slice, too; in the whole collection by first_document()
   /// more, which is how Neighbours names them.
   const std::string& id(Count document) const { return ids_[document]; }
-  std::span<const std::string> ids() const { return ids_; }
-  bool has_labels() const { return !labels_.empty(); }
+  std::span<const std::string> ids() const { return ids_; }        ///< per document
+  bool has_labels() const { return !labels_.empty(); }             ///< false without documents
   std::span<const std::string> labels() const { return labels_; }  ///< per document, or none
-  bool has_texts() const { return !texts_.empty(); }
-  std::span<const std::string> texts() const { return texts_; }  ///< per document, or none
+  bool has_texts() const { return !texts_.empty(); }               ///< false without documents
+  std::span<const std::string> texts() const { return texts_; }    ///< per document, or none
   /// The number of the document with an id, which must be in this slice.
   std::optional<Count> find(std::string_view id) const;
 
@@ -115,7 +119,8 @@ class TALVIK_API Collection {
   /// the same HDF5 library itself must not do so meanwhile.
   /// @throws FileError
   void save(const std::string& path) const;
-  /// @param rank, size  reads the slice of a process only
+  /// Reads what save() has written.
+  /// @param rank, size  of the processes: only this one's slice is read
   /// @throws FileError  a file that is cut, damaged, foreign or of a newer version
   static Collection load(const std::string& path, int rank = 0, int size = 1);
 

@@ -19,9 +19,9 @@ class TALVIK_API Communicator {
   Communicator(const Communicator&) = delete;
   Communicator& operator=(const Communicator&) = delete;
 
-  int rank() const { return rank_; }
-  int size() const { return size_; }
-  MPI_Comm get() const { return comm_; }
+  int rank() const { return rank_; }      ///< of this process
+  int size() const { return size_; }      ///< processes
+  MPI_Comm get() const { return comm_; }  ///< the duplicate
 
  private:
   MPI_Comm comm_;

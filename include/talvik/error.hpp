@@ -13,6 +13,7 @@ namespace talvik {
 /// what() is one line, "where: what is wrong".
 class TALVIK_API Error : public std::runtime_error {
  public:
+  /// Of an argument, file or line, and what is wrong there.
   Error(std::string where, const std::string& what)
       : std::runtime_error(where.empty() ? what : where + ": " + what), where_(std::move(where)) {}
 

@@ -35,26 +35,28 @@ enum class Metric {
   cosine,     ///< 1 - the cosine of the angle between the rows; 1 where a row is zero
 };
 
+/// The distance between two documents.
 struct Distance {
-  Measure measure = Measure::two_way;
+  Measure measure = Measure::two_way;  ///< which way the words travel
   /// Capacity steps of the relaxed measures: a word moves at most the weight of the nearest word
   /// there, the rest to the next one, and so on; what is left after so many steps goes to the next
   /// nearest as a whole.  A document of fewer than steps + 1 words takes as many as it can of
   /// (steps + 1), (steps + 1)/2, (steps + 1)/4 ...  Not read for exact.
   int steps = 0;
-  Metric metric = Metric::euclidean;
+  Metric metric = Metric::euclidean;  ///< between words
 };
 
 /// How far a search has come.  Collective searches report on every process that has documents.
 struct Progress {
-  Count done;   ///< queries answered
-  Count total;  ///< queries in all
-  double seconds;
+  Count done;      ///< queries answered
+  Count total;     ///< queries in all
+  double seconds;  ///< since the call
 };
 
+/// How a search is made.
 struct SearchOptions {
-  Distance distance = {};
-  int threads = 0;  ///< of the team; 0: as many as OpenMP would take
+  Distance distance = {};  ///< by which documents are near
+  int threads = 0;         ///< of the team; 0: as many as OpenMP would take
   /// Working memory in bytes, beside collections and results, and beside copies of rows that the
   /// cosine of unscaled vectors and slices need, and what a pair of very long documents takes.
   std::size_t memory = std::size_t{512} << 20;
@@ -75,8 +77,11 @@ struct SearchStats {
   Count settled = 0;  ///< pairs whose relaxed distance was formed in double precision
   /// For exact: pairs whose cost was bounded by a feasible solution of the dual problem.
   Count dual_bounds = 0;
-  Count solved = 0;  ///< transport problems
-  double bound_seconds = 0, refine_seconds = 0, solve_seconds = 0, seconds = 0;
+  Count solved = 0;           ///< transport problems
+  double bound_seconds = 0;   ///< one direction of all pairs
+  double refine_seconds = 0;  ///< the other direction and the capacity steps of candidates
+  double solve_seconds = 0;   ///< distances in double precision, dual bounds, transport problems
+  double seconds = 0;         ///< of the whole call
 };
 
 /// Lists of neighbours: that of query q is [offsets[q], offsets[q + 1]), nearest first.
@@ -85,18 +90,19 @@ struct Neighbours {
   std::vector<Count> documents;  ///< numbers in the whole collection, whatever the slices
   std::vector<float> distances;  ///< of relaxed measures; else empty
   std::vector<double> exact;     ///< of Measure::exact; else empty
-  SearchStats stats;
+  SearchStats stats;             ///< what the search did
 
+  /// Lists.
   Count num_queries() const { return static_cast<Count>(offsets.size()) - 1; }
+  /// The distance at a place of `documents`, whatever the measure.
   double distance(Count place) const {
     return exact.empty() ? static_cast<double>(distances[place]) : exact[place];
   }
 };
 
 /// The min(k, documents) nearest documents of every query.
-/// @throws ArgumentError  k below 1, dimensions or scaling that differ, exact distances of
-/// documents
-///                        whose weights do not sum to the same
+/// @throws ArgumentError  for k below 1, for dimensions or scaling that differ, and for exact
+///                        distances of documents whose weights do not sum to the same
 TALVIK_API Neighbours neighbours(const Collection& collection, const Collection& queries, int k,
                                  const SearchOptions& options = {});
 /// Those of every document of the collection, without itself.
@@ -107,12 +113,14 @@ TALVIK_API Neighbours neighbours(const Collection& collection, int k,
 /// @throws ArgumentError  a radius that is negative or no number, and as neighbours()
 TALVIK_API Neighbours within(const Collection& collection, const Collection& queries, double radius,
                              const SearchOptions& options = {});
+/// Those of every document of the collection, without itself.
 TALVIK_API Neighbours within(const Collection& collection, double radius,
                              const SearchOptions& options = {});
 
 /// A document of a collection, and a query: numbers in their collections.
 struct Pair {
-  Count document, query;
+  Count document;  ///< of the collection
+  Count query;     ///< of the queries
 };
 
 /// The distances of some pairs; one process.
@@ -122,7 +130,8 @@ TALVIK_API std::vector<double> distances(const Collection& collection, const Col
 
 /// That of document i and query q is at q*documents + i.
 struct DistanceMatrix {
-  Count documents = 0, queries = 0;
+  Count documents = 0;           ///< of the collection
+  Count queries = 0;             ///< queries
   std::vector<float> distances;  ///< of relaxed measures; else empty
   std::vector<double> exact;     ///< of Measure::exact; else empty
 };
@@ -135,11 +144,13 @@ TALVIK_API DistanceMatrix distance_matrix(const Collection& collection, const Co
 
 /// A part of a word's weight that moves.
 struct Flow {
-  int from, to;  ///< word numbers in the vocabularies of the two documents' collections
-  double weight;
+  int from;         ///< word number in the vocabulary of its document's collection
+  int to;           ///< likewise of the other document's
+  double weight;    ///< what moves
   double distance;  ///< between the words; its cost is weight * distance
 };
 
+/// What a distance is made of.
 struct Explanation {
   double distance = 0;  ///< the sum of the costs
   /// Whether the words of the query move to the document's (other_way, or where it is the larger of

@@ -22,9 +22,11 @@ struct TextRules {
   /// in the vectors.
   int max_words = std::numeric_limits<int>::max();
 
+  /// Whether all are the same.
   bool operator==(const TextRules&) const = default;
 };
 
+/// A text as it is appended to a collection.
 struct Text {
   std::string id;                         ///< any text; within a collection no two are the same
   std::string text;                       ///< UTF-8; what is not counts as a gap between words
@@ -40,6 +42,7 @@ TALVIK_API std::vector<std::string> english_stop_words();
 /// @throws FileError
 TALVIK_API std::vector<std::string> read_stop_words(const std::string& path);
 
+/// How a file or directory of texts is written.
 enum class TextsFormat {
   automatic,  ///< a directory is a tree; by the ending .jsonl, .ndjson, .csv, .tsv, else lines;
               ///< standard input is jsonl where its first character is a brace, else lines
@@ -50,18 +53,20 @@ enum class TextsFormat {
   lines,      ///< a text a line
 };
 
+/// How read_texts() reads.
 struct TextsOptions {
-  TextsFormat format = TextsFormat::automatic;
+  TextsFormat format = TextsFormat::automatic;  ///< of the path
   /// Member or column.  Where it is absent, or the column empty, the id is file:line, or in a tree
   /// the path below its root.
   std::string id_field = "id";
-  std::string text_field = "text";
+  std::string text_field = "text";  ///< member or column, which must be there
   /// Where it is absent, null or empty, the text has no label.  Blanks around a label go.
   std::string label_field = "label";
 };
 
+/// What read_texts() has met.
 struct TextsRead {
-  Count texts = 0;
+  Count texts = 0;          ///< handed over
   Count without_class = 0;  ///< files of a tree that lie in no class directory, left out
   Count replaced = 0;       ///< invalid or cut UTF-8 sequences, as far as reading had to look
 };

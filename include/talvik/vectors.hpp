@@ -25,8 +25,9 @@ enum class VectorFormat {
   without_header,  ///< text, rows from the first line on: GloVe
 };
 
+/// How a file of word vectors is read.
 struct VectorOptions {
-  VectorFormat format = VectorFormat::automatic;
+  VectorFormat format = VectorFormat::automatic;  ///< of the file
   /// Every row is scaled to length 1 (a zero row stays zero), so that distances are those between
   /// directions; else the rows are taken as they are.
   bool unit_length = true;
@@ -51,14 +52,16 @@ class TALVIK_API Vectors {
   static Vectors from_arrays(std::vector<std::string> words, std::span<const float> rows,
                              int dimensions, bool unit_length = true);
 
-  int size() const;        ///< words
-  int dimensions() const;  ///< floats of a row; 0 of Vectors()
-  bool has_words() const;  ///< false for rows that are known by number alone
-  bool unit_length() const;
+  int size() const;          ///< words
+  int dimensions() const;    ///< floats of a row; 0 of Vectors()
+  bool has_words() const;    ///< false for rows that are known by number alone
+  bool unit_length() const;  ///< whether the rows were scaled to length 1
 
+  /// The word of a number below size(); empty without words.
   std::string_view word(int number) const;
   /// The number of a word; none where the table lacks it.
   std::optional<int> find(std::string_view word) const;
+  /// dimensions() floats, which live as long as the table.
   std::span<const float> row(int number) const;
   /// All rows: component d of word w at w*dimensions() + d.
   std::span<const float> rows() const;
@@ -72,6 +75,7 @@ class TALVIK_API Vectors {
 
   /// For the library itself.
   const internal::VectorTable& table() const { return *table_; }
+  /// For the library itself.
   explicit Vectors(std::shared_ptr<const internal::VectorTable> table) : table_(std::move(table)) {}
 
  private:
