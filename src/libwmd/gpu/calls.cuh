@@ -114,6 +114,18 @@ inline void require_launched() {
   if (status != cudaSuccess) fail("GPU kernels failed: CUDA status " + number_of(status));
 }
 
+/// transform_in_place, with the same line for what Thrust throws.  The error of an earlier launch
+/// is looked for before, since Thrust forgets it or throws it as its own.
+template <class Function>
+void convert_in_place(float* values, Index count, Function function) {
+  require_launched();
+  try {
+    transform_in_place(values, count, function);
+  } catch (const thrust::system_error& failure) {
+    fail("GPU kernels failed: CUDA status " + number_of(failure.code().value()));
+  }
+}
+
 /// products[t*words.count + v] = words[v] . rows[t].
 inline void multiply_rows(const DenseLibrary& library, const DeviceRows& words,
                           const DeviceRows& rows, float* products) {
@@ -131,14 +143,13 @@ inline void multiply_rows(const DenseLibrary& library, const DeviceRows& words,
 inline void convert_products(const DeviceRows& words, const DeviceRows& rows, float* products) {
   switch (chosen_metric(use_cosine, normalize_embeddings)) {
     case Metric::unit_cosine:
-      transform_in_place(products, elements(rows.count, words.count), unit_cosine());
+      convert_in_place(products, elements(rows.count, words.count), unit_cosine());
       return;
     case Metric::cosine:
       launch(cos_to_dist, row_grid(rows.count), block_shape(), rows.count, words.count, products);
       return;
     case Metric::unit_euclidean:
-      require_launched();  // Thrust clears the error of an earlier launch
-      transform_in_place(products, elements(rows.count, words.count), c_to_e<float>());
+      convert_in_place(products, elements(rows.count, words.count), c_to_e<float>());
       return;
     case Metric::euclidean:
       constexpr int first_word = 0;
