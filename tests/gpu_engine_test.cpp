@@ -49,7 +49,8 @@ class GpuEngine : public testing::Test {
 // results are exact floats, however they are computed.
 void expect_exact(const World& world, int steps, bool ground, const internal::GpuBudget& budget) {
   SCOPED_TRACE(testing::Message() << "steps " << steps << ", ground " << ground << ", floats "
-                                  << budget.block_floats << ", group " << budget.group_docs);
+                                  << budget.block_floats << ", group " << budget.group_docs
+                                  << ", tile " << budget.tile_words);
   const std::vector<double> oracle = oracle_block(world, steps, StepRule::powers_of_two);
   const auto compute = [&](float* Z) { internal::compute_gpu_block(Z, steps, ground, budget); };
   EXPECT_EQ(distance_block(world, gpu_engine, ground, compute),
@@ -63,12 +64,21 @@ TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {
                                     .max_words = 30,
                                     .whole_numbers = true,
                                     .repeated_words = true});
+  const int voc_size = world.shape.voc_size;
   // 1 row: every distinct row by itself.  3, 9: most documents in parts.  30: groups of some.
-  for (const long long rows : {1, 3, 9, 30, 100'000}) {
-    for (const int group_docs : {1, 5, 256}) {
-      const internal::GpuBudget budget{rows * world.shape.voc_size, group_docs};
-      for (const int steps : {0, 1, 3, 20}) {
-        for (const bool ground : {false, true}) expect_exact(world, steps, ground, budget);
+  // Narrow tiles: the same floats hold more rows of fewer words.
+  for (const int rows : {1, 3, 9, 30, 100'000}) {
+    for (const int tile_words : {1, 7, 41}) {
+      for (const int group_docs : {1, 5, 256}) {
+        const internal::GpuBudget budget{.block_floats = 1ll * rows * voc_size,
+                                         .table_floats = 3ll * group_docs * voc_size,
+                                         .group_docs = group_docs,
+                                         .tile_words = tile_words,
+                                         .fused_pairs = tile_words == 7 ? 1 : 1'000'000,
+                                         .product_elements = 2ll * voc_size};
+        for (const int steps : {0, 1, 3, 20}) {
+          for (const bool ground : {false, true}) expect_exact(world, steps, ground, budget);
+        }
       }
     }
   }

@@ -100,9 +100,9 @@ TEST_P(SparseProduct, IsTheSumOverTheEntries) {
     }
   }
   EXPECT_EQ(result, expected);
-  for (void* memory : {static_cast<void*>(values_dev), static_cast<void*>(ind_dev),
-                       static_cast<void*>(B_dev), static_cast<void*>(start_dev),
-                       static_cast<void*>(C_dev)}) {
+  for (void* memory :
+       {static_cast<void*>(values_dev), static_cast<void*>(ind_dev), static_cast<void*>(B_dev),
+        static_cast<void*>(start_dev), static_cast<void*>(C_dev)}) {
     cudaFree(memory);
   }
 }

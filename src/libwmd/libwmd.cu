@@ -239,9 +239,12 @@ int compute_ground_distances(float* D_ground) {
   const DenseLibrary dense;
   DeviceArray<float> matrix = allocate_ground_distances();
   const internal::DeviceRows words{voc_size, W_dev, RW_dev};
-  internal::compute_word_distances(dense, words, words, matrix.get());
+  const internal::WordTile all{0, voc_size};
+  const int rows_at_once = internal::rows_of_product(internal::GpuBudget{}, voc_size);
+  internal::multiply_rows(dense, words, all, words, rows_at_once, matrix.get());
+  internal::convert_products(words, all, words, matrix.get());
   constexpr const internal::EqualRows* every_word_and_itself = nullptr;
-  internal::set_distances_of_equal_rows(words, words, every_word_and_itself, voc_size,
+  internal::set_distances_of_equal_rows(words, all, words, every_word_and_itself, voc_size,
                                         matrix.get());
   internal::require_launched();
   if (D_ground) {
@@ -261,8 +264,14 @@ int ed_min_vocab_multi(float* Z, int delta_iterations, bool precompute) {
 
 namespace internal {
 
-void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget) {
-  compute_block(Z, delta_iterations, precompute, budget, held.hashes);
+void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget,
+                       GpuStepBegins begins) {
+  compute_block({.Z = Z,
+                 .steps = delta_iterations,
+                 .precompute = precompute,
+                 .budget = budget,
+                 .begins = begins},
+                held.hashes);
 }
 
 }  // namespace internal

@@ -1,4 +1,4 @@
-// What tests reach below the GPU engine's public functions.
+// What tests and benchmarks reach below the GPU engine's public functions.
 #ifndef TALVIK_LIBWMD_GPU_ENGINE_HPP
 #define TALVIK_LIBWMD_GPU_ENGINE_HPP
 
@@ -6,8 +6,26 @@
 
 namespace talvik::internal {
 
+/// What a computation is at.
+enum class GpuStep {
+  prepare,  ///< distinct rows, handles, buffers
+  gather,   ///< distinct rows of a pass; equal rows looked for
+  product,
+  convert,  ///< products into distances, those of equal rows known
+  nearest,  ///< nearest entries of every document
+  pour,     ///< weights to the nearest entries
+  copy,     ///< of the distances to the host
+  release,
+  finished
+};
+
+/// Called where a step begins; the step before it may still be running on the device.
+using GpuStepBegins = void (*)(GpuStep);
+
 /// As ed_min_vocab_multi, within a budget: tests make it small, so that every loop is taken.
-void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget);
+/// @param begins  or null
+void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget,
+                       GpuStepBegins begins = nullptr);
 
 }  // namespace talvik::internal
 
