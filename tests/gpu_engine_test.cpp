@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "libwmd/gpu/engine.hpp"
+#include "libwmd/gpu/platform/device.hpp"
 #include "support/device.hpp"
 #include "support/engine.hpp"
 #include "support/oracle.hpp"
@@ -98,9 +99,47 @@ TEST_F(GpuEngine, RowsAndDocumentsFillMoreThanOneRowOfBlocks) {
   for (const bool cosine : {false, true}) {
     use_cosine = cosine;
     for (const bool ground : {false, true}) {
-      for (const int steps : {0, 1}) expect_exact(world, steps, ground, {});
+      expect_exact(world, 0, ground, {});
+      for (const int fused_pairs : {1, 1'000'000}) {
+        expect_exact(world, 1, ground, {.fused_pairs = fused_pairs});
+      }
     }
   }
+}
+
+// Only the rows that are read are written: on the stand-in the others never exist.
+TEST_F(GpuEngine, GroundDistancesOfMoreThanTwoToThe31PairsAreReadWhereTheyStand) {
+  constexpr int words = 46'400;
+  constexpr size_t bytes = sizeof(float) * words * words;
+  static_assert(bytes / sizeof(float) > 2'147'483'648u);
+  if (cudaMalloc(&D_ground_dev, bytes) != cudaSuccess) {
+    D_ground_dev = nullptr;
+    GTEST_SKIP() << "a GPU with less memory";
+  }
+  voc_size = words;
+  std::vector<int> query{words - 1, 3, words - 2, words - 2}, query_start{0, 2, 4};
+  std::vector<int> resident{words - 3, 3, words - 1, 7}, start{0, 1, 4};
+  std::vector<float> weight{.5f, .25f, 1, .5f}, row(words), Z(4);
+  for (const int u : query) {
+    for (int v = 0; v < words; ++v) row[v] = static_cast<float>(std::abs(u - v));
+    cudaMemcpy(D_ground_dev + size_t{words} * u, row.data(), words * sizeof(float),
+               cudaMemcpyHostToDevice);
+  }
+  copy_raw_data(4, resident.data(), weight.data(), 2, start.data());
+  copy_raw_data2(4, query.data(), weight.data(), 2, query_start.data());
+  for (const int fused_pairs : {1, 1'000'000}) {
+    for (const int steps : {0, 1}) {
+      // {46397: .5} and {3: .25, 46399: 1, 7: .5} to {46399: .5, 3: .25}, where with a step half of
+      // 46399 and of 7 goes the long way, and to {46398: 1, 46398: .5}.
+      const std::vector<float> expected{1, steps == 0 ? 2.f : 34'797.f, .5f, 34'795.25f};
+      internal::compute_gpu_block(Z.data(), steps, true, {.fused_pairs = fused_pairs});
+      EXPECT_EQ(Z, expected) << steps << ' ' << fused_pairs;
+    }
+  }
+  remove_raw_data2();
+  remove_raw_data();
+  cudaFree(D_ground_dev);
+  D_ground_dev = nullptr;
 }
 
 TEST_F(GpuEngine, ExportedStateTellsWhatIsHeld) {

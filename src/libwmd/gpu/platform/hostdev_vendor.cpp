@@ -6,6 +6,7 @@
 #include <cstdint>  // uintptr_t
 #include <cstring>  // memset
 #include <initializer_list>
+#include <memory>
 #include <set>
 
 #include "internal/index.hpp"
@@ -42,8 +43,9 @@ std::set<const void*> handles;
 template <class Status, class Handle>
 Status create(const char* call, Handle** handle) {
   if (const int status = count_call(call)) return static_cast<Status>(status);
-  *handle = new Handle;
-  handles.insert(*handle);
+  auto created = std::make_unique<Handle>();
+  handles.insert(created.get());
+  *handle = created.release();
   return Status{};
 }
 

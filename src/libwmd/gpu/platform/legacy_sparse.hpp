@@ -39,6 +39,27 @@ inline cusparseStatus_t reserve_sparse_workspace(size_t bytes) {
   return CUSPARSE_STATUS_SUCCESS;
 }
 
+// A product's operands, released in any case.
+struct SparseOperand {
+  cusparseSpMatDescr_t descr = nullptr;
+  SparseOperand() = default;
+  SparseOperand(const SparseOperand&) = delete;
+  SparseOperand& operator=(const SparseOperand&) = delete;
+  ~SparseOperand() {
+    if (descr) cusparseDestroySpMat(descr);
+  }
+};
+
+struct DenseOperand {
+  cusparseDnMatDescr_t descr = nullptr;
+  DenseOperand() = default;
+  DenseOperand(const DenseOperand&) = delete;
+  DenseOperand& operator=(const DenseOperand&) = delete;
+  ~DenseOperand() {
+    if (descr) cusparseDestroyDnMat(descr);
+  }
+};
+
 /// C = beta C, for the products over nothing.  beta is 0 or 1.
 inline cusparseStatus_t scale_result(int m, int n, float beta, float* C, int ldc) {
   if (beta == 1) return CUSPARSE_STATUS_SUCCESS;
@@ -67,30 +88,27 @@ inline cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperati
   if (m == 0 || n == 0) return CUSPARSE_STATUS_SUCCESS;
   if (k == 0 || nnz == 0) return scale_result(m, n, *beta, C, ldc);
 
-  cusparseSpMatDescr_t a = nullptr;
-  cusparseDnMatDescr_t b = nullptr, c = nullptr;
+  SparseOperand a;
+  DenseOperand b, c;
   // The descriptors take pointers to non-const; the product only reads A and B.
   cusparseStatus_t status =
-      cusparseCreateCsr(&a, m, k, nnz, const_cast<int*>(row_offsets), const_cast<int*>(columns),
-                        const_cast<float*>(values), CUSPARSE_INDEX_32I, CUSPARSE_INDEX_32I,
-                        cusparseGetMatIndexBase(descrA), CUDA_R_32F);
+      cusparseCreateCsr(&a.descr, m, k, nnz, const_cast<int*>(row_offsets),
+                        const_cast<int*>(columns), const_cast<float*>(values), CUSPARSE_INDEX_32I,
+                        CUSPARSE_INDEX_32I, cusparseGetMatIndexBase(descrA), CUDA_R_32F);
   if (status == CUSPARSE_STATUS_SUCCESS)
-    status =
-        cusparseCreateDnMat(&b, k, n, ldb, const_cast<float*>(B), CUDA_R_32F, CUSPARSE_ORDER_COL);
+    status = cusparseCreateDnMat(&b.descr, k, n, ldb, const_cast<float*>(B), CUDA_R_32F,
+                                 CUSPARSE_ORDER_COL);
   if (status == CUSPARSE_STATUS_SUCCESS)
-    status = cusparseCreateDnMat(&c, m, n, ldc, C, CUDA_R_32F, CUSPARSE_ORDER_COL);
+    status = cusparseCreateDnMat(&c.descr, m, n, ldc, C, CUDA_R_32F, CUSPARSE_ORDER_COL);
   size_t bytes = 0;
   if (status == CUSPARSE_STATUS_SUCCESS)
-    status = cusparseSpMM_bufferSize(handle, transA, transB, alpha, a, b, beta, c, CUDA_R_32F,
-                                     CUSPARSE_SPMM_CSR_ALG1, &bytes);
+    status = cusparseSpMM_bufferSize(handle, transA, transB, alpha, a.descr, b.descr, beta, c.descr,
+                                     CUDA_R_32F, CUSPARSE_SPMM_CSR_ALG1, &bytes);
   if (status == CUSPARSE_STATUS_SUCCESS)
     status = reserve_sparse_workspace(std::max<size_t>(bytes, 1));
   if (status == CUSPARSE_STATUS_SUCCESS)
-    status = cusparseSpMM(handle, transA, transB, alpha, a, b, beta, c, CUDA_R_32F,
-                          CUSPARSE_SPMM_CSR_ALG1, sparse_workspace.buffer);
-  if (c) cusparseDestroyDnMat(c);
-  if (b) cusparseDestroyDnMat(b);
-  if (a) cusparseDestroySpMat(a);
+    status = cusparseSpMM(handle, transA, transB, alpha, a.descr, b.descr, beta, c.descr,
+                          CUDA_R_32F, CUSPARSE_SPMM_CSR_ALG1, sparse_workspace.buffer);
   return status;
 }
 
