@@ -53,8 +53,8 @@ struct GpuBlock {
 
   DeviceArray<float> dp_dev = {};   // distances of a group of documents to the resident ones
   DeviceArray<float> Y_dev = {};    // distance rows of a tile
-  DeviceArray<float> Y_dev_t = {};  // the nearest distances of a section
-  DeviceArray<float> weights_min_dev_t = {};  // the weights behind them; read with steps only
+  DeviceArray<float> Y_dev_t = {};  // the nearest distances of a section; fused: their weights, too
+  DeviceArray<float> weights_min_dev_t = {};  // the weights; read with steps, not fused
   DeviceArray<float> weight_updated = {};     // num_vecs, what is left; with steps, not fused
   DeviceArray<float> weight_delta = {};       // num_vecs, what moves; with steps, not fused
 
@@ -134,11 +134,12 @@ void allocate_buffers(GpuBlock& block) {
   const Index table = elements(section_docs, elements(block.kept, voc_size));
   block.dp_dev = allocate_on_device<float>(group * block.stride, "dp_dev");
   block.Y_dev = allocate_on_device<float>(block_floats(budget, voc_size), "Y_dev");
-  block.Y_dev_t = allocate_on_device<float>(table, "Y_dev_t");
-  block.weights_min_dev_t =
-      allocate_on_device<float>(steps ? table : Index{voc_size}, "weights_min_dev_t");
   block.fused = steps && elements(group, num_docs) >= budget.fused_pairs;
-  if (steps && !block.fused) {
+  const bool own_weights = steps && !block.fused;
+  block.Y_dev_t = allocate_on_device<float>(block.fused ? 2 * table : table, "Y_dev_t");
+  block.weights_min_dev_t =
+      allocate_on_device<float>(own_weights ? table : Index{voc_size}, "weights_min_dev_t");
+  if (own_weights) {
     block.weight_updated = allocate_on_device<float>(num_vecs, "weight_updated");
     block.weight_delta = allocate_on_device<float>(num_vecs, "weight_delta");
   }
@@ -229,6 +230,16 @@ void compute_rows(GpuBlock& block, const DeviceRows& rows, const WordTile& tile)
                               Y);
 }
 
+// The tables of a section's documents, from its so-manyth on.
+NearestEntries tables_from(const GpuBlock& block, int doc) {
+  const auto strides = (block.fused ? pairs_by_word : rows_of_words)(block.kept, voc_size);
+  const Index first = elements(doc, strides.doc);
+  float* const distances = block.Y_dev_t.get() + first;
+  if (block.fused) return {distances, distances + 1, strides};
+  const bool weighted = block.asked.steps > 0;
+  return {distances, weighted ? block.weights_min_dev_t.get() + first : nullptr, strides};
+}
+
 // Writes, to the tables of the section's documents, the distances of the tile's words to the
 // nearest entries among those of this pass and, if it goes on, of the passes before.  A document
 // without entries is far away.
@@ -237,14 +248,14 @@ void choose_nearest(GpuBlock& block, const BatchSection& section, const RowPass&
   begin(block, GpuStep::nearest);
   const bool precompute = block.asked.precompute;
   const TopKernels kernels = top_kernels(block.kept);
-  const NearestEntries nearest{block.Y_dev_t.get(),
-                               block.asked.steps > 0 ? block.weights_min_dev_t.get() : nullptr,
-                               voc_size};
+  constexpr int from_first = 0;
+  const NearestEntries nearest = tables_from(block, from_first);
   const int docs = section.last_doc - section.first_doc;
   const int first = pass.first_entry, count = pass.last_entry - first;
   const std::vector<int>& row_of_entry = block.rows.row_of_entry;  // empty in index form
   const bool whole = tile.count == voc_size && !goes_on;
-  if (docs == 1 && whole && !precompute && consecutive(row_of_entry.data() + first, count)) {
+  if (docs == 1 && whole && !block.fused && !precompute &&
+      consecutive(row_of_entry.data() + first, count)) {
     const Index first_row = count > 0 ? row_of_entry[first] : 0;
     launch(kernels.single, column_grid(voc_size), block_shape(), count, voc_size,
            block.Y_dev.get() + elements(first_row, voc_size), nearest.distances,
@@ -306,14 +317,13 @@ void pour(GpuBlock& block, const NearestEntries& nearest, int first_doc, int doc
   if (block.fused) {
     const ResidentRows resident{num_docs, start_dev, ind_dev, weight_dev};
     launch(pour_documents, dim3(blocks_for(num_docs, threads_per_block), docs), block_shape(),
-           resident, nearest, block.kept, block.steps_dev.get() + first_doc, block.stride,
-           block.dp_dev.get());
+           resident, nearest, block.steps_dev.get() + first_doc, block.stride, block.dp_dev.get());
     return;
   }
   cudaMemset(block.dp_dev.get(), 0, docs * block.stride * sizeof(float));
   for (int q = 0; q < docs; ++q) {
-    const Index table = elements(q, elements(block.kept, voc_size));
-    pour_document(block, {nearest.distances + table, nearest.weights + table, voc_size},
+    const Index table = elements(q, nearest.strides.doc);
+    pour_document(block, {nearest.distances + table, nearest.weights + table, nearest.strides},
                   steps_of_document(block.asked.steps, entries_of(first_doc + q)),
                   block.dp_dev.get() + q * block.stride);
   }
@@ -333,13 +343,12 @@ void finish_section(GpuBlock& block, const BatchSection& section) {
   const int group = block.asked.budget.group_docs;
   for (int doc = section.first_doc; doc < section.last_doc; doc += group) {
     const int docs = std::min(group, section.last_doc - doc);
-    const Index table = elements(doc - section.first_doc, elements(block.kept, voc_size));
-    float* const distances = block.Y_dev_t.get() + table;
+    const NearestEntries nearest = tables_from(block, doc - section.first_doc);
     begin(block, GpuStep::pour);
     if (block.asked.steps > 0)
-      pour(block, {distances, block.weights_min_dev_t.get() + table, voc_size}, doc, docs);
+      pour(block, nearest, doc, docs);
     else
-      send_to_nearest(block, distances, docs);
+      send_to_nearest(block, nearest.distances, docs);
     begin(block, GpuStep::copy);
     copy_to_Z(block, doc, docs);
   }

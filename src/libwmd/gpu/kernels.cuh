@@ -89,12 +89,28 @@ struct DeviceRows {
   float* norms;   ///< squared; null if normalize_embeddings
 };
 
-/// Per document and word the nearest entries: of the r-th the distance stands at
-/// distances[(q*N + r)*voc_size + v], its weight likewise.
+/// Where the nearest entries of documents to words stand: of the r-th, of word v and document q, at
+/// q*doc + v*word + r*rank.
+struct TableStrides {
+  Index doc;
+  int word, rank;
+};
+
+/// A row of words per rank, as the sparse products take them.
+inline TableStrides rows_of_words(int kept, int voc_size) {
+  return {row_offset(kept, voc_size), 1, voc_size};
+}
+
+/// A word's distances and weights side by side, in one sector of memory (32 bytes) for 4 of them.
+inline TableStrides pairs_by_word(int kept, int voc_size) {
+  return {row_offset(2 * kept, voc_size), 2 * kept, 2};
+}
+
+/// Tables of nearest entries.
 struct NearestEntries {
   float* distances;
   float* weights;  ///< null: not kept
-  int voc_size;
+  TableStrides strides;
 };
 
 // Loads that a thread has under way before it compares: the comparisons depend on each other, and a
@@ -102,8 +118,9 @@ struct NearestEntries {
 template <int N>
 inline constexpr int loads_at_once = N <= 4 ? 8 : 4;
 
-/// The N nearest of entries [first, last) to a word, at column c of theirs and of `nearest`.  A
-/// list that they do not fill ends with far_away and no weight.
+/// The N nearest of entries [first, last) to the word at column c of their distances.  A list that
+/// they do not fill ends with far_away and no weight.
+/// @param nearest  begins at this document and word
 /// @param goes_on  nearest holds the result over earlier entries
 template <int N>
 __device__ void nearest_of_column(int c, const EntryDistances& entries, int first, int last,
@@ -112,7 +129,7 @@ __device__ void nearest_of_column(int c, const EntryDistances& entries, int firs
   float value[N], weight[N];
   const bool weighted = nearest.weights != nullptr;
   for (int r = 0; r < N; ++r) {
-    const Index at = row_offset(r, nearest.voc_size) + c;
+    const Index at = row_offset(r, nearest.strides.rank);
     value[r] = goes_on ? nearest.distances[at] : far_away;
     weight[r] = goes_on && weighted ? nearest.weights[at] : 0;
   }
@@ -129,7 +146,7 @@ __device__ void nearest_of_column(int c, const EntryDistances& entries, int firs
     insert_smallest(value, weight, entries.at(t, c), weighted ? entry_weights[t] : 0);
   }
   for (int r = 0; r < N; ++r) {
-    const Index at = row_offset(r, nearest.voc_size) + c;
+    const Index at = row_offset(r, nearest.strides.rank);
     nearest.distances[at] = value[r];
     if (weighted) nearest.weights[at] = weight[r];
   }
@@ -146,7 +163,8 @@ __global__ void nearest_of_documents(EntryDistances entries, WordTile tile, cons
   const int c = blockIdx.y * threads_per_block + threadIdx.x;
   if (c >= tile.count) return;
   const int q = blockIdx.x;
-  const Index offset = row_offset(row_offset(q, N), nearest.voc_size) + tile.first;
+  const Index offset =
+      row_offset(q, nearest.strides.doc) + row_offset(tile.first + c, nearest.strides.word);
   nearest.distances += offset;
   if (nearest.weights) nearest.weights += offset;
   const int first = start[q] > pass.first_entry ? start[q] : pass.first_entry;
@@ -162,7 +180,8 @@ __device__ void top_of_column(int rows, int cols, const float* D, float* D_k, co
   constexpr int first = 0;
   constexpr bool goes_on = false;
   if (c < cols) {
-    nearest_of_column<N>(c, {D, nullptr, cols}, first, rows, w, {D_k, w_k, cols}, goes_on);
+    nearest_of_column<N>(c, {D, nullptr, cols}, first, rows, w, {D_k + c, w_k + c, {0, 1, cols}},
+                         goes_on);
   }
 }
 
@@ -176,20 +195,19 @@ struct ResidentRows {
 /// distances[q*stride + i] = what the weights of resident document i cost on their way to document
 /// q: each of an entry's nearest in turn takes at most its own weight, the last one the rest.
 /// Column launch over resident documents, with a row of blocks per query document.
-/// @param kept   nearest entries per document and word
 /// @param steps  capacity steps of every query document
-__global__ void pour_documents(ResidentRows resident, NearestEntries nearest, int kept,
-                               const int* steps, Index stride, float* distances) {
+__global__ void pour_documents(ResidentRows resident, NearestEntries nearest, const int* steps,
+                               Index stride, float* distances) {
   const int i = column_of_thread();
   if (i >= resident.num_docs) return;
   const int q = blockIdx.y;
-  const Index offset = row_offset(row_offset(q, kept), nearest.voc_size);
+  const Index table = row_offset(q, nearest.strides.doc);
   const int last = steps[q];
   float sum = 0;
   for (int p = resident.start[i]; p < resident.start[i + 1]; ++p) {
     float left = resident.weight[p];
-    Index at = offset + resident.ind[p];
-    for (int k = 0; k < last; ++k, at += nearest.voc_size) {
+    Index at = table + row_offset(resident.ind[p], nearest.strides.word);
+    for (int k = 0; k < last; ++k, at += nearest.strides.rank) {
       const float capacity = nearest.weights[at];
       const float moved = left > capacity ? capacity : left;
       sum += moved * nearest.distances[at];
