@@ -1,6 +1,7 @@
-// The GPU engine's block on a world of text: per step what it has to do, and how long it takes; then
-// the whole block beside the CPU engine's, in both directions of a two-way run.  Without a GPU the
-// predictions alone; on the stand-in also what has been asked of the device, which computes nothing.
+// The GPU engine's block on a world of text: per step what it has to do, and how long it takes;
+// then the whole block beside the CPU engine's, in both directions of a two-way run.  Without a GPU
+// the predictions alone; on the stand-in also what has been asked of the device, which computes
+// nothing.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -138,10 +139,11 @@ DeviceRates measure_rates(int dims) {
     std::exit(1);
   }
   rates.multiply_adds = 1.0 * side * side * dims / product;
-  std::printf("rates: memory %.0f GB/s, product %.1f T multiply-adds/s, up %.1f GB/s, down %.1f "
-              "GB/s (pageable)\n",
-              1e-9 * rates.device_bytes, 1e-12 * rates.multiply_adds, 1e-9 * rates.upload,
-              1e-9 * rates.download);
+  std::printf(
+      "rates: memory %.0f GB/s, product %.1f T multiply-adds/s, up %.1f GB/s, down %.1f "
+      "GB/s (pageable)\n",
+      1e-9 * rates.device_bytes, 1e-12 * rates.multiply_adds, 1e-9 * rates.upload,
+      1e-9 * rates.download);
   return rates;
 }
 
@@ -156,8 +158,8 @@ void load_resident(const World& world) {
 }
 
 void load_gpu_batch(const World& world) {
-  copy_vectors2(static_cast<int>(world.queries.ind.size()), world.vec_size,
-                plain_pointer(world.X2), plain_pointer(world.queries.weight), world.num_queries,
+  copy_vectors2(static_cast<int>(world.queries.ind.size()), world.vec_size, plain_pointer(world.X2),
+                plain_pointer(world.queries.weight), world.num_queries,
                 plain_pointer(world.queries.start));
 }
 
@@ -207,7 +209,7 @@ void print_steps(const std::vector<Work>& works, const DeviceRates* rates, bool 
 #endif
     std::printf("\n");
   }
-  #ifndef TALVIK_DEVICE_CUDA
+#ifndef TALVIK_DEVICE_CUDA
   if (counted) {
     std::printf("  %-54s", "sum");
     print_counts(total);
@@ -220,11 +222,12 @@ void print_steps(const std::vector<Work>& works, const DeviceRates* rates, bool 
 #ifndef TALVIK_DEVICE_CUDA
 void print_total(const char* what) {
   const Counts& sum = hostdev::counts();
-  std::printf("  %s: %lld launches, %lld dense products of %.4g multiply-adds, %lld sparse "
-              "products, %lld copies, %.2f MB up, %.2f MB down, %lld waits, %lld allocations\n",
-              what, sum.launches, sum.dense_products, static_cast<double>(sum.multiply_adds),
-              sum.sparse_products, sum.copies, 1e-6 * static_cast<double>(sum.bytes_to_device),
-              1e-6 * static_cast<double>(sum.bytes_to_host), sum.waits, sum.allocations);
+  std::printf(
+      "  %s: %lld launches, %lld dense products of %.4g multiply-adds, %lld sparse "
+      "products, %lld copies, %.2f MB up, %.2f MB down, %lld waits, %lld allocations\n",
+      what, sum.launches, sum.dense_products, static_cast<double>(sum.multiply_adds),
+      sum.sparse_products, sum.copies, 1e-6 * static_cast<double>(sum.bytes_to_device),
+      1e-6 * static_cast<double>(sum.bytes_to_host), sum.waits, sum.allocations);
   hostdev::reset_counts();
 }
 #endif
@@ -243,16 +246,16 @@ void compare_with_cpu(const World& world, const char* direction) {
       ed_min_vocab_multi(Z.data(), steps, false);
       remove_vectors2();
     });
-    const double cpu =
-        best_of(cpu_repetitions, [&] { run_engine(world, steps, cpu_Z.data()); });
+    const double cpu = best_of(cpu_repetitions, [&] { run_engine(world, steps, cpu_Z.data()); });
     float apart = 0;
     for (size_t i = 0; i < Z.size(); ++i) {
       apart = std::max(apart, std::fabs(Z[i] - cpu_Z[i]) / std::max(cpu_Z[i], 1.0f));
     }
-    std::printf("%s, %d steps: GPU %.1f ms, CPU (%d threads) %.1f ms, ratio %.4f; furthest apart "
-                "%.1e%s\n",
-                direction, steps, 1e3 * gpu, num_cpu_threads, 1e3 * cpu, gpu / cpu, apart,
-                apart <= most_apart ? "" : " FAILED");
+    std::printf(
+        "%s, %d steps: GPU %.1f ms, CPU (%d threads) %.1f ms, ratio %.4f; furthest apart "
+        "%.1e%s\n",
+        direction, steps, 1e3 * gpu, num_cpu_threads, 1e3 * cpu, gpu / cpu, apart,
+        apart <= most_apart ? "" : " FAILED");
     if (!(apart <= most_apart)) std::exit(1);
   }
   remove_raw_data();
@@ -291,7 +294,7 @@ int run(int threads) {
 #endif
     if (real || counted) compute(steps, Z.data());
 #ifndef TALVIK_DEVICE_CUDA
-    
+
 #endif
     print_steps(predict_block(world, steps), real ? &rates : nullptr, counted);
   }

@@ -29,7 +29,8 @@ double rows_of_block(const World& world, int steps) {
 }
 
 double floor_of(const Work& work, const DeviceRates& rates) {
-  return std::max(work.device_bytes / rates.device_bytes, work.multiply_adds / rates.multiply_adds) +
+  return std::max(work.device_bytes / rates.device_bytes,
+                  work.multiply_adds / rates.multiply_adds) +
          work.upload / rates.upload + work.download / rates.download;
 }
 

@@ -25,8 +25,13 @@ namespace {
 // The words' rows are scaled in the caller's array, so query rows may be copies of either.
 struct EmbeddingHashes {
   std::vector<RowHash> word, scaled_word;  // per vocabulary word; scaled: with normalisation only
-  std::vector<RowHash> entry;              // per query entry, of its row as given
-  std::vector<int> row_of_entry;           // per query entry, a number that equal rows share
+  std::vector<RowHash> row;                // per row of X2_dev, as given
+};
+
+// Which row of X2_dev a query entry has.
+struct QueryRows {
+  std::vector<int> number;    // per entry, the same for equal rows
+  bool held_by_entry = true;  // else by number
 };
 
 struct BlockRequest {
@@ -40,7 +45,8 @@ struct BlockRequest {
 // One computation: what is asked for, and what it holds meanwhile.
 struct GpuBlock {
   BlockRequest asked;
-  DistinctRows rows;  // one row per distinct query row in vector form, none in index form
+  DistinctRows rows;          // one row per distinct query row in vector form, none in index form
+  std::vector<int> held_row;  // per distinct row, its place in X2_dev
   const EmbeddingHashes& hashes;  // vector form
 
   int kept = topk_size(asked.steps);  // nearest entries per document and word
@@ -62,10 +68,10 @@ struct GpuBlock {
   DeviceArray<int> steps_dev = {};         // per document, its steps; fused only
   DeviceArray<int> row_of_entry_dev = {};  // rows.row_of_entry; vector form only
 
-  // Only where rows repeat.
-  DeviceArray<int> entry_of_row_dev = {};  // rows.entry_of_row
-  DeviceArray<float> X_rows_dev = {};      // distinct rows of a pass, vec_size each
-  DeviceArray<float> Rn_rows_dev = {};     // their squared norms; without normalisation only
+  // Only where the distinct rows of a pass are not side by side in X2_dev.
+  DeviceArray<int> held_row_dev = {};   // held_row
+  DeviceArray<float> X_rows_dev = {};   // distinct rows of a pass, vec_size each
+  DeviceArray<float> Rn_rows_dev = {};  // their squared norms; without normalisation only
 
   DeviceArray<EqualRows> equal_rows_dev = {};  // words and rows of a pass that may be equal
   int equal_rows = 0;
@@ -156,10 +162,12 @@ void allocate_buffers(GpuBlock& block) {
   const DistinctRows& rows = block.rows;
   const int entries = start2[num_docs2];
   block.row_of_entry_dev = upload(rows.row_of_entry.data(), entries, "row_of_entry");
-  if (std::ssize(rows.entry_of_row) == entries) return;
+  const auto side_by_side = [&](const RowPass& pass) {
+    return consecutive(block.held_row.data() + pass.first_row, pass.last_row - pass.first_row);
+  };
+  if (std::all_of(rows.passes.begin(), rows.passes.end(), side_by_side)) return;
   const int pass_rows = largest_pass(rows, 0, static_cast<int>(rows.passes.size()));
-  block.entry_of_row_dev =
-      upload(rows.entry_of_row.data(), std::ssize(rows.entry_of_row), "entry_of_row");
+  block.held_row_dev = upload(block.held_row.data(), std::ssize(block.held_row), "held_row");
   block.X_rows_dev = allocate_on_device<float>(elements(pass_rows, vec_size), "X_rows");
   if (!normalize_embeddings) block.Rn_rows_dev = allocate_on_device<float>(pass_rows, "Rn_rows");
 }
@@ -176,15 +184,15 @@ void free_buffers(GpuBlock& block) {
 // The distinct query rows of a pass, gathered unless they are side by side already.
 DeviceRows rows_of_pass(GpuBlock& block, const RowPass& pass) {
   const int count = pass.last_row - pass.first_row;
-  const int* entries = block.rows.entry_of_row.data() + pass.first_row;
-  if (consecutive(entries, count)) {
-    float* norms = normalize_embeddings ? nullptr : Rn2_dev + entries[0];
-    return {count, X2_dev + elements(entries[0], vec_size), norms};
+  const int* held = block.held_row.data() + pass.first_row;
+  if (consecutive(held, count)) {
+    float* norms = normalize_embeddings ? nullptr : Rn2_dev + held[0];
+    return {count, X2_dev + elements(held[0], vec_size), norms};
   }
   const DeviceRows rows{count, block.X_rows_dev.get(), block.Rn_rows_dev.get()};
-  int* entries_dev = block.entry_of_row_dev.get() + pass.first_row;
+  int* held_dev = block.held_row_dev.get() + pass.first_row;
   const auto gather = [&](int cols, float* from, float* to) {
-    launch(gather_matrix_rows, row_grid(count), block_shape(), count, cols, from, entries_dev, to);
+    launch(gather_matrix_rows, row_grid(count), block_shape(), count, cols, from, held_dev, to);
   };
   gather(vec_size, X2_dev, rows.values);
   constexpr int one_norm = 1;
@@ -196,7 +204,7 @@ DeviceRows rows_of_pass(GpuBlock& block, const RowPass& pass) {
 std::vector<EqualRows> find_equal_rows(const GpuBlock& block, const RowPass& pass) {
   std::vector<RowHash> row_hash;
   for (int r = pass.first_row; r < pass.last_row; ++r) {
-    row_hash.push_back(block.hashes.entry[block.rows.entry_of_row[r]]);
+    row_hash.push_back(block.hashes.row[block.held_row[r]]);
   }
   std::vector<EqualRows> pairs = find_equal_hashes(block.hashes.word, row_hash);
   const std::vector<EqualRows> more = find_equal_hashes(block.hashes.scaled_word, row_hash);
@@ -383,7 +391,8 @@ void run_sections(GpuBlock& block) {
 }
 
 // Z of the batch held, by the state of the engine.
-void compute_block(const BlockRequest& asked, const EmbeddingHashes& hashes) {
+void compute_block(const BlockRequest& asked, const QueryRows& query_rows,
+                   const EmbeddingHashes& hashes) {
   // Nothing to launch, and nothing to pay for, where no resident document has an entry.
   if (num_docs2 <= 0 || num_docs <= 0) return;
   if (num_vecs <= 0) {
@@ -392,7 +401,13 @@ void compute_block(const BlockRequest& asked, const EmbeddingHashes& hashes) {
   }
   if (asked.begins) asked.begins(GpuStep::prepare);
   forget_earlier_errors();
-  GpuBlock block{.asked = asked, .rows = plan_rows(asked, hashes.row_of_entry), .hashes = hashes};
+  GpuBlock block{.asked = asked,
+                 .rows = plan_rows(asked, query_rows.number),
+                 .held_row = {},
+                 .hashes = hashes};
+  for (const int entry : block.rows.entry_of_row) {
+    block.held_row.push_back(query_rows.held_by_entry ? entry : query_rows.number[entry]);
+  }
   allocate_buffers(block);
   run_sections(block);
   begin(block, GpuStep::release);

@@ -6,6 +6,12 @@
 
 namespace talvik::internal {
 
+/// As copy_vectors2, for the rows `ind2` of `embeddings`, m floats each, which are only read: what
+/// a word costs on the host and on its way to the device is paid once per distinct word.  X2_dev
+/// and Rn2_dev have a row per distinct word then.  Removed by remove_vectors2.
+void copy_words2(int n2, int m, const int* ind2, const float* embeddings, const float* weight2,
+                 int num_docs2_, int* start2_);
+
 /// What a computation is at.
 enum class GpuStep {
   prepare,  ///< distinct rows, handles, buffers
