@@ -157,10 +157,11 @@ void load_resident(const World& world) {
                 plain_pointer(world.resident.start));
 }
 
-void load_gpu_batch(const World& world) {
-  copy_vectors2(static_cast<int>(world.queries.ind.size()), world.vec_size, plain_pointer(world.X2),
-                plain_pointer(world.queries.weight), world.num_queries,
-                plain_pointer(world.queries.start));
+// As the pipelines do: the rows of the words, once each.
+void load_gpu_batch(const World& world, const std::vector<float>& embeddings) {
+  internal::copy_words2(static_cast<int>(world.queries.ind.size()), world.vec_size,
+                        world.queries.ind.data(), embeddings.data(), world.queries.weight.data(),
+                        world.num_queries, plain_pointer(world.queries.start));
 }
 
 void compute(int steps, float* Z) {
@@ -170,8 +171,9 @@ void compute(int steps, float* Z) {
 }
 
 #ifndef TALVIK_DEVICE_CUDA
-void print_counts(const Counts& sum) {
-  std::printf(" %9lld %9lld %6lld %6lld", sum.launches, sum.dense_products, sum.copies, sum.waits);
+void print_counts(const Counts& sum, double seconds) {
+  std::printf(" %9lld %9lld %6lld %6lld %8.2f", sum.launches, sum.dense_products, sum.copies,
+              sum.waits, 1e3 * seconds);
 }
 #endif
 
@@ -179,7 +181,10 @@ void print_steps(const std::vector<Work>& works, const DeviceRates* rates, bool 
   std::printf("  %-8s %11s %14s %9s %9s", "step", "memory GB", "10^9 mult-adds", "up MB",
               "down MB");
   if (rates) std::printf(" %9s %11s", "floor ms", "measured ms");
-  if (counted) std::printf(" %9s %9s %6s %6s", "launches", "products", "copies", "waits");
+  // On the stand-in time is the host's own part: it computes nothing for the device.
+  if (counted) {
+    std::printf(" %9s %9s %6s %6s %8s", "launches", "products", "copies", "waits", "host ms");
+  }
   std::printf("\n");
   double floor = 0, measured = 0;
   [[maybe_unused]] Counts total{};
@@ -200,7 +205,8 @@ void print_steps(const std::vector<Work>& works, const DeviceRates* rates, bool 
         sum.copies += part.counts.copies;
         sum.waits += part.counts.waits;
       }
-      print_counts(sum);
+      print_counts(sum, seconds_of(work.step));
+      measured += seconds_of(work.step);
       total.launches += sum.launches;
       total.dense_products += sum.dense_products;
       total.copies += sum.copies;
@@ -212,7 +218,7 @@ void print_steps(const std::vector<Work>& works, const DeviceRates* rates, bool 
 #ifndef TALVIK_DEVICE_CUDA
   if (counted) {
     std::printf("  %-54s", "sum");
-    print_counts(total);
+    print_counts(total, measured);
     std::printf("\n");
   }
 #endif
@@ -233,7 +239,8 @@ void print_total(const char* what) {
 #endif
 
 // Loads the batch and computes, on either engine, as a pipeline does.
-void compare_with_cpu(const World& world, const char* direction) {
+void compare_with_cpu(const World& world, const std::vector<float>& embeddings,
+                      const char* direction) {
   constexpr int repetitions = 3, cpu_repetitions = 2;
   constexpr float most_apart = 1e-3f;
   std::vector<float> Z(block_floats_of(world)), cpu_Z(Z.size());
@@ -242,7 +249,7 @@ void compare_with_cpu(const World& world, const char* direction) {
   for (const int steps : step_counts) {
     if (steps > 1) continue;  // the engines' rules differ
     const double gpu = best_of(repetitions, [&] {
-      load_gpu_batch(world);
+      load_gpu_batch(world, embeddings);
       ed_min_vocab_multi(Z.data(), steps, false);
       remove_vectors2();
     });
@@ -276,13 +283,16 @@ int run(int threads) {
   hostdev::set_execution(false);
   load_resident(world);
   hostdev::reset_counts();
-  load_gpu_batch(world);
+  const double began = now();
+  load_gpu_batch(world, collections.embeddings);
+  std::printf("host part of loading a batch, %d threads: %.1f ms\n", threads,
+              1e3 * (now() - began));
   std::printf("Counted on the stand-in, which computed nothing:\n");
   print_total("batch loaded");
 #else
   if (real) {
     load_resident(world);
-    load_gpu_batch(world);
+    load_gpu_batch(world, collections.embeddings);
   }
 #endif
   std::vector<float> Z(block_floats_of(world));
@@ -304,9 +314,9 @@ int run(int threads) {
     remove_vocabulary();
   }
   if (!real) return 0;
-  compare_with_cpu(world, "there");
+  compare_with_cpu(world, collections.embeddings, "there");
   std::swap(collections.resident, collections.queries);
-  compare_with_cpu(world_of("text", collections), "back");
+  compare_with_cpu(world_of("text", collections), collections.embeddings, "back");
   return 0;
 }
 

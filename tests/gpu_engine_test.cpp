@@ -54,8 +54,11 @@ void expect_exact(const World& world, int steps, bool ground, const internal::Gp
                                   << ", tile " << budget.tile_words);
   const std::vector<double> oracle = oracle_block(world, steps, StepRule::powers_of_two);
   const auto compute = [&](float* Z) { internal::compute_gpu_block(Z, steps, ground, budget); };
-  EXPECT_EQ(distance_block(world, gpu_engine, ground, compute),
-            std::vector<float>(oracle.begin(), oracle.end()));
+  for (const CopyOrder order : {CopyOrder::rows_as_given, CopyOrder::by_words}) {
+    EXPECT_EQ(distance_block(world, gpu_engine, ground, compute, order),
+              std::vector<float>(oracle.begin(), oracle.end()));
+    if (ground) return;
+  }
 }
 
 TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {

@@ -224,7 +224,9 @@ void upload_equal_rows(GpuBlock& block, const RowPass& pass) {
 }
 
 // Y_dev[t*tile.count + v] = distance between word tile.first + v and distinct row t of the pass.
-void compute_rows(GpuBlock& block, const DeviceRows& rows, const WordTile& tile) {
+// The first tile comes first.
+void compute_rows(GpuBlock& block, const RowPass& pass, const DeviceRows& rows,
+                  const WordTile& tile) {
   if (rows.count == 0) return;
   const DeviceRows vocabulary{voc_size, W_dev, RW_dev};
   float* const Y = block.Y_dev.get();
@@ -232,6 +234,7 @@ void compute_rows(GpuBlock& block, const DeviceRows& rows, const WordTile& tile)
   multiply_rows(block.dense, vocabulary, tile, rows,
                 rows_of_product(block.asked.budget, tile.count), Y);
   begin(block, GpuStep::convert);
+  if (tile.first == 0) upload_equal_rows(block, pass);  // looked for while the device multiplies
   convert_products(vocabulary, tile, rows, Y);
   if (block.equal_rows == 0) return;
   set_distances_of_equal_rows(vocabulary, tile, rows, block.equal_rows_dev.get(), block.equal_rows,
@@ -371,14 +374,13 @@ void run_pass(GpuBlock& block, const BatchSection& section, int p) {
   if (!empty) {
     begin(block, GpuStep::gather);
     rows = rows_of_pass(block, pass);
-    upload_equal_rows(block, pass);
   }
   const int words = block.asked.precompute
                         ? std::min(voc_size, widest_tile)
                         : words_of_tile(block.asked.budget, voc_size, rows.count);
   for (int first = 0; first < voc_size; first += std::min(words, voc_size - first)) {
     const WordTile tile{first, std::min(words, voc_size - first)};
-    compute_rows(block, rows, tile);
+    compute_rows(block, pass, rows, tile);
     choose_nearest(block, section, pass, goes_on, tile);
   }
 }

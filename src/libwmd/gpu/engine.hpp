@@ -15,9 +15,9 @@ void copy_words2(int n2, int m, const int* ind2, const float* embeddings, const 
 /// What a computation is at.
 enum class GpuStep {
   prepare,  ///< distinct rows, handles, buffers
-  gather,   ///< distinct rows of a pass; equal rows looked for
+  gather,   ///< distinct rows of a pass
   product,
-  convert,  ///< products into distances, those of equal rows known
+  convert,  ///< equal rows are looked for; products into distances
   nearest,  ///< nearest entries of every document
   pour,     ///< weights to the nearest entries
   copy,     ///< of the distances to the host
