@@ -94,7 +94,7 @@ void copy_rows(const char* call, void* to, size_t to_pitch, const void* from, si
                size_t width, size_t height, cudaMemcpyKind kind) {
   const size_t to_bytes = (height - 1) * to_pitch + width;
   const size_t from_bytes = (height - 1) * from_pitch + width;
-  const auto bytes = static_cast<long long>(width * height);
+  const auto bytes = static_cast<long long>(width) * static_cast<long long>(height);
   if (kind == cudaMemcpyHostToDevice) {
     require_host_range(call, from, from_bytes);
     totals.bytes_to_device += bytes;
