@@ -35,7 +35,11 @@ double floor_of(const Work& work, const DeviceRates& rates) {
 }
 
 std::vector<Work> predict_block(const World& world, int steps) {
-  const double rows = rows_of_block(world, steps), words = world.voc_size, dims = world.vec_size;
+  const internal::DistinctRows distinct = plan(world, steps);
+  const auto rows = static_cast<double>(distinct.entry_of_row.size());
+  // The rows of a batch are side by side; those of a part of it need not be.
+  const double gathered = distinct.passes.size() > 1 ? rows : 0;
+  const double words = world.voc_size, dims = world.vec_size;
   const double queries = world.num_queries, resident = world.num_resident;
   const auto entries = static_cast<double>(world.queries.ind.size());
   const auto resident_entries = static_cast<double>(world.resident.ind.size());
@@ -47,7 +51,9 @@ std::vector<Work> predict_block(const World& world, int steps) {
       queries * resident_entries * std::ceil(float_bytes * (2 * steps + 1) / sector_bytes);
   return {
       {.step = GpuStep::prepare, .name = "prepare", .upload = float_bytes * (entries + rows)},
-      {.step = GpuStep::gather, .name = "gather", .device_bytes = 2 * float_bytes * rows * dims},
+      {.step = GpuStep::gather,
+       .name = "gather",
+       .device_bytes = 2 * float_bytes * gathered * dims},
       {.step = GpuStep::product,
        .name = "product",
        .device_bytes = float_bytes * dims * (rows + words) + block,
