@@ -62,12 +62,15 @@ void expect_exact(const World& world, int steps, bool ground, const internal::Gp
 }
 
 TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {
-  const World world = random_world({.voc_size = 41,  // rows start at odd addresses
-                                    .vec_size = 1,
-                                    .min_words = 0,
-                                    .max_words = 30,
-                                    .whole_numbers = true,
-                                    .repeated_words = true});
+  World world = random_world({.voc_size = 41,  // rows start at odd addresses
+                              .vec_size = 1,
+                              .min_words = 0,
+                              .max_words = 30,
+                              .whole_numbers = true,
+                              .repeated_words = true});
+  // Documents of other numbers of steps than their neighbours, one before and one among long ones.
+  world.queries[0] = {};
+  world.queries[4] = {{3, 0.125f}, {7, 0.125f}, {5, 0.125f}};
   const int voc_size = world.shape.voc_size;
   // 1 row: every distinct row by itself.  3, 9: most documents in parts.  30: groups of some.
   // Narrow tiles: the same floats hold more rows of fewer words.
