@@ -78,18 +78,22 @@ TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {
   const int voc_size = world.shape.voc_size;
   // 1 row: every distinct row by itself.  3, 9: most documents in parts.  30: groups of some.
   // Narrow tiles: the same floats hold more rows of fewer words.
+  struct Way {
+    int tile_words, group_docs;
+    bool fused;
+  };
+  const Way ways[] = {{1, 5, false},  {7, 1, false}, {7, 5, true},
+                      {7, 256, true}, {41, 1, true}, {41, 256, false}};
   for (const int rows : {1, 3, 9, 30, 100'000}) {
-    for (const int tile_words : {1, 7, 41}) {
-      for (const int group_docs : {1, 5, 256}) {
-        const internal::GpuBudget budget{.block_floats = 1ll * rows * voc_size,
-                                         .table_floats = 3ll * group_docs * voc_size,
-                                         .group_docs = group_docs,
-                                         .tile_words = tile_words,
-                                         .fused_pairs = tile_words == 7 ? 1 : 1'000'000,
-                                         .product_elements = 2ll * voc_size};
-        for (const int steps : {0, 1, 3, 20}) {
-          for (const bool ground : {false, true}) expect_exact(world, steps, ground, budget);
-        }
+    for (const auto& [tile_words, group_docs, fused] : ways) {
+      const internal::GpuBudget budget{.block_floats = 1ll * rows * voc_size,
+                                       .table_floats = 3ll * group_docs * voc_size,
+                                       .group_docs = group_docs,
+                                       .tile_words = tile_words,
+                                       .fused_pairs = fused ? 1 : 1'000'000,
+                                       .product_elements = 2ll * voc_size};
+      for (const int steps : {0, 1, 3, 20}) {
+        for (const bool ground : {false, true}) expect_exact(world, steps, ground, budget);
       }
     }
   }
