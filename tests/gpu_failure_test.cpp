@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "libwmd/gpu/engine.hpp"
 #include "libwmd/gpu/platform/hostdev_control.hpp"
 #include "support/device.hpp"
 #include "support/engine.hpp"
@@ -138,6 +139,20 @@ TEST(FailingDevice, RefusesALaunchWithALine) {
                   testing::ExitedWithCode(1), "(^|\n)GPU kernels failed: CUDA status 209\n");
     }
   }
+}
+
+// 40 documents at a time would need 160,000 bytes of tables.
+TEST(DeviceMemory, HoldsTheTablesOfAsManyDocumentsAsTheBudgetSays) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto run = [] {
+    const World world = random_world({.voc_size = 1000, .num_queries = 40});
+    distance_block(world, gpu_engine, false, [](float* Z) {
+      hostdev::plan_fault({.memory_limit = 250'000});
+      internal::compute_gpu_block(Z, 0, false, {.block_floats = 30'000, .table_floats = 2'000});
+    });
+    std::exit(0);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
