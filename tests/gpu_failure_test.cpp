@@ -148,7 +148,8 @@ TEST(DeviceMemory, HoldsTheTablesOfAsManyDocumentsAsTheBudgetSays) {
     const World world = random_world({.voc_size = 1000, .num_queries = 40});
     distance_block(world, gpu_engine, false, [](float* Z) {
       hostdev::plan_fault({.memory_limit = 250'000});
-      internal::compute_gpu_block(Z, 0, false, {.block_floats = 30'000, .table_floats = 2'000});
+      internal::compute_gpu_block(
+          Z, 0, false, {.block_floats = 20'000, .table_floats = 2'000, .tile_words = 10});
     });
     std::exit(0);
   };
