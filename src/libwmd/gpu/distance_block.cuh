@@ -7,7 +7,6 @@
 #define TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 
 #include <algorithm>
-#include <climits>
 #include <iterator>  // ssize
 #include <string>
 #include <utility>
@@ -51,7 +50,8 @@ struct GpuBlock {
 
   int kept = topk_size(asked.steps);  // nearest entries per document and word
   Index stride = distances_stride(num_docs);
-  // Else by the sparse products, where one thread for a pair of documents would leave a GPU idle.
+  // Capacity steps by a thread per pair of documents; else, where too few pairs would leave a GPU
+  // idle, by a sparse product each.
   bool fused = false;
 
   DenseLibrary dense = {};

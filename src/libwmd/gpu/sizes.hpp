@@ -21,7 +21,7 @@ struct GpuBudget {
   Index product_elements = INT_MAX;  ///< of one dense product: what libraries count in 32 bits
 };
 
-/// Words in a tile when a pass has one row: at most the vocabulary.
+/// Words that a tile has at least, unless it is the last one.
 constexpr int narrowest_tile(const GpuBudget& budget, int voc_size) {
   return std::clamp(voc_size, 1, budget.tile_words);
 }
