@@ -203,13 +203,12 @@ int remove_raw_data2() {
 int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
   std::vector<internal::RowHash> hash = hash_rows(X2, n2, m);
   const auto Rn2 = prepare_rows(X2, n2, m);
-  std::vector<int> number =
-      number_rows(X2, elements(std::max(m, 0), sizeof(float)), n2).row_of_entry;
+  internal::DistinctRows distinct = number_rows(X2, elements(std::max(m, 0), sizeof(float)), n2);
   remove_vectors2();
   num_docs2 = num_docs2_;
   hold_vectors2(n2, n2, m, X2, Rn2.get(), weight2);
   held.hashes.row = std::move(hash);
-  held.query_rows = {.number = std::move(number), .held_by_entry = true};
+  held.query_rows = {.distinct = std::move(distinct), .held_by_entry = true};
   num_vecs2 = n2;
   start2 = start2_;
   return 1;
@@ -300,7 +299,7 @@ void copy_words2(int n2, int m, const int* ind2, const float* embeddings, const 
   num_docs2 = num_docs2_;
   hold_vectors2(n2, rows, m, X2.get(), Rn2.get(), weight2);
   held.hashes.row = std::move(hash);
-  held.query_rows = {.number = std::move(distinct.row_of_entry), .held_by_entry = false};
+  held.query_rows = {.distinct = std::move(distinct), .held_by_entry = false};
   num_vecs2 = n2;
   start2 = start2_;
 }

@@ -27,10 +27,10 @@ struct EmbeddingHashes {
   std::vector<RowHash> row;                // per row of X2_dev, as given
 };
 
-// Which row of X2_dev a query entry has.
+// The distinct rows of a batch, and how X2_dev has them.
 struct QueryRows {
-  std::vector<int> number;    // per entry, the same for equal rows
-  bool held_by_entry = true;  // else by number
+  DistinctRows distinct;      // as one pass of one section
+  bool held_by_entry = true;  // else one row each
 };
 
 struct BlockRequest {
@@ -112,12 +112,18 @@ bool consecutive(const int* numbers, int count) {
 int entries_of(int doc) { return start2[doc + 1] - start2[doc]; }
 
 // With ground distances there are no rows to compute: the entries point to those of the matrix.
-// @param row_ids  per query entry, a number that entries of equal rows share; vector form
-DistinctRows plan_rows(const BlockRequest& asked, const std::vector<int>& row_ids) {
+// @param all  of the batch; vector form
+DistinctRows plan_rows(const BlockRequest& asked, const DistinctRows& all) {
   const int docs = table_docs(asked.budget, voc_size, topk_size(asked.steps));
   if (!asked.precompute) {
-    return find_distinct_rows(row_ids.data(), sizeof(int), start2, num_docs2,
-                              rows_of_block(asked.budget, voc_size), num_cpu_threads, docs);
+    const int max_rows = rows_of_block(asked.budget, voc_size);
+    if (num_docs2 > docs || std::ssize(all.entry_of_row) > max_rows) {
+      return find_distinct_rows(all.row_of_entry.data(), sizeof(int), start2, num_docs2, max_rows,
+                                num_cpu_threads, docs);
+    }
+    DistinctRows whole = all;
+    whole.sections = {{0, num_docs2, 0, 1}};
+    return whole;
   }
   DistinctRows none;
   for (int first = 0; first < num_docs2; first += std::min(docs, num_docs2 - first)) {
@@ -404,11 +410,12 @@ void compute_block(const BlockRequest& asked, const QueryRows& query_rows,
   if (asked.begins) asked.begins(GpuStep::prepare);
   forget_earlier_errors();
   GpuBlock block{.asked = asked,
-                 .rows = plan_rows(asked, query_rows.number),
+                 .rows = plan_rows(asked, query_rows.distinct),
                  .held_row = {},
                  .hashes = hashes};
   for (const int entry : block.rows.entry_of_row) {
-    block.held_row.push_back(query_rows.held_by_entry ? entry : query_rows.number[entry]);
+    block.held_row.push_back(query_rows.held_by_entry ? entry
+                                                      : query_rows.distinct.row_of_entry[entry]);
   }
   allocate_buffers(block);
   run_sections(block);
