@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <new>
@@ -154,6 +155,35 @@ TEST_F(GpuEngine, GroundDistancesOfMoreThanTwoToThe31PairsAreReadWhereTheyStand)
   remove_raw_data();
   cudaFree(D_ground_dev);
   D_ground_dev = nullptr;
+}
+
+// All metrics; weights of either sign, or words without a vector and out of reach: both together
+// would cancel to rounding.
+TEST_F(GpuEngine, BothWaysOfPouringGiveTheSameDistances) {
+  World sign = random_world({.num_resident = 30, .num_queries = 30}), far = sign;
+  for (DocumentSet* docs : {&sign.resident, &sign.queries}) {
+    for (Document& doc : *docs) {
+      if (doc.size() > 2) doc[1].second *= -1;
+    }
+  }
+  far.embeddings[3] = NAN;
+  far.embeddings[27] = 1e16f;
+  far.queries[5] = {};
+  for (const World& world : {sign, far}) {
+    for (const bool cosine : {false, true}) {
+      use_cosine = cosine;
+      for (const int steps : {1, 2, 7, 20}) {
+        SCOPED_TRACE(testing::Message() << "cosine " << cosine << ", steps " << steps);
+        const auto compute = [&](int fused_pairs) {
+          return distance_block(world, gpu_engine, false, [&](float* Z) {
+            internal::compute_gpu_block(Z, steps, false, {.fused_pairs = fused_pairs});
+          });
+        };
+        const std::vector<float> fused = compute(1), named = compute(1'000'000);
+        expect_near({named.begin(), named.end()}, fused);
+      }
+    }
+  }
 }
 
 TEST_F(GpuEngine, ExportedStateTellsWhatIsHeld) {
