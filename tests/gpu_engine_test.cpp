@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <new>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "libwmd/gpu/engine.hpp"
+#include "libwmd/gpu/platform/device.hpp"
 #include "support/device.hpp"
 #include "support/engine.hpp"
 #include "support/oracle.hpp"
@@ -49,24 +51,48 @@ class GpuEngine : public testing::Test {
 // results are exact floats, however they are computed.
 void expect_exact(const World& world, int steps, bool ground, const internal::GpuBudget& budget) {
   SCOPED_TRACE(testing::Message() << "steps " << steps << ", ground " << ground << ", floats "
-                                  << budget.block_floats << ", group " << budget.group_docs);
+                                  << budget.block_floats << ", group " << budget.group_docs
+                                  << ", tile " << budget.tile_words);
   const std::vector<double> oracle = oracle_block(world, steps, StepRule::powers_of_two);
   const auto compute = [&](float* Z) { internal::compute_gpu_block(Z, steps, ground, budget); };
-  EXPECT_EQ(distance_block(world, gpu_engine, ground, compute),
-            std::vector<float>(oracle.begin(), oracle.end()));
+  for (const CopyOrder order : {CopyOrder::rows_as_given, CopyOrder::by_words}) {
+    const std::vector<float> Z = distance_block(world, gpu_engine, ground, compute, order);
+    for (size_t at = 0; at < Z.size(); ++at) {
+      constexpr double an_empty_document = 1e29;  // 1e30 per weight is no exact float
+      const double rounding = oracle[at] > an_empty_document ? 1e-6 * oracle[at] : 0;
+      ASSERT_NEAR(Z[at], oracle[at], rounding) << "at " << at;
+    }
+    if (ground) return;
+  }
 }
 
 TEST_F(GpuEngine, SmallBlocksGiveTheSameDistances) {
-  const World world = random_world({.voc_size = 41,  // rows start at odd addresses
-                                    .vec_size = 1,
-                                    .min_words = 0,
-                                    .max_words = 30,
-                                    .whole_numbers = true,
-                                    .repeated_words = true});
+  World world = random_world({.voc_size = 41,  // rows start at odd addresses
+                              .vec_size = 1,
+                              .min_words = 0,
+                              .max_words = 30,
+                              .whole_numbers = true,
+                              .repeated_words = true});
+  // Documents of other numbers of steps than their neighbours, one before and one among long ones.
+  world.queries[0] = {};
+  world.queries[4] = {{3, 0.125f}, {7, 0.125f}, {5, 0.125f}};
+  const int voc_size = world.shape.voc_size;
   // 1 row: every distinct row by itself.  3, 9: most documents in parts.  30: groups of some.
-  for (const long long rows : {1, 3, 9, 30, 100'000}) {
-    for (const int group_docs : {1, 5, 256}) {
-      const internal::GpuBudget budget{rows * world.shape.voc_size, group_docs};
+  // Narrow tiles: the same floats hold more rows of fewer words.
+  struct Way {
+    int tile_words, group_docs;
+    bool fused;
+  };
+  const Way ways[] = {{1, 5, false},  {7, 1, false}, {7, 5, true},
+                      {7, 256, true}, {41, 1, true}, {41, 256, false}};
+  for (const int rows : {1, 3, 9, 30, 100'000}) {
+    for (const auto& [tile_words, group_docs, fused] : ways) {
+      const internal::GpuBudget budget{.block_floats = 1ll * rows * voc_size,
+                                       .table_floats = 3ll * group_docs * voc_size,
+                                       .group_docs = group_docs,
+                                       .tile_words = tile_words,
+                                       .fused_pairs = fused ? 1 : 1'000'000,
+                                       .product_elements = 2ll * voc_size};
       for (const int steps : {0, 1, 3, 20}) {
         for (const bool ground : {false, true}) expect_exact(world, steps, ground, budget);
       }
@@ -88,7 +114,74 @@ TEST_F(GpuEngine, RowsAndDocumentsFillMoreThanOneRowOfBlocks) {
   for (const bool cosine : {false, true}) {
     use_cosine = cosine;
     for (const bool ground : {false, true}) {
-      for (const int steps : {0, 1}) expect_exact(world, steps, ground, {});
+      expect_exact(world, 0, ground, {});
+      for (const int fused_pairs : {1, 1'000'000}) {
+        expect_exact(world, 1, ground, {.fused_pairs = fused_pairs});
+      }
+    }
+  }
+}
+
+// Only the rows that are read are written: on the stand-in the others never exist.
+TEST_F(GpuEngine, GroundDistancesOfMoreThanTwoToThe31PairsAreReadWhereTheyStand) {
+  constexpr int words = 46'400;
+  constexpr size_t bytes = sizeof(float) * words * words;
+  static_assert(bytes / sizeof(float) > 2'147'483'648u);
+  if (cudaMalloc(&D_ground_dev, bytes) != cudaSuccess) {
+    D_ground_dev = nullptr;
+    GTEST_SKIP() << "a GPU with less memory";
+  }
+  voc_size = words;
+  std::vector<int> query{words - 1, 3, words - 2, words - 2}, query_start{0, 2, 4};
+  std::vector<int> resident{words - 3, 3, words - 1, 7}, start{0, 1, 4};
+  std::vector<float> weight{.5f, .25f, 1, .5f}, row(words), Z(4);
+  for (const int u : query) {
+    for (int v = 0; v < words; ++v) row[v] = static_cast<float>(std::abs(u - v));
+    cudaMemcpy(D_ground_dev + size_t{words} * u, row.data(), words * sizeof(float),
+               cudaMemcpyHostToDevice);
+  }
+  copy_raw_data(4, resident.data(), weight.data(), 2, start.data());
+  copy_raw_data2(4, query.data(), weight.data(), 2, query_start.data());
+  for (const int fused_pairs : {1, 1'000'000}) {
+    for (const int steps : {0, 1}) {
+      // {46397: .5} and {3: .25, 46399: 1, 7: .5} to {46399: .5, 3: .25}, where with a step half of
+      // 46399 and of 7 goes the long way, and to {46398: 1, 46398: .5}.
+      const std::vector<float> expected{1, steps == 0 ? 2.f : 34'797.f, .5f, 34'795.25f};
+      internal::compute_gpu_block(Z.data(), steps, true, {.fused_pairs = fused_pairs});
+      EXPECT_EQ(Z, expected) << steps << ' ' << fused_pairs;
+    }
+  }
+  remove_raw_data2();
+  remove_raw_data();
+  cudaFree(D_ground_dev);
+  D_ground_dev = nullptr;
+}
+
+// All metrics; weights of either sign, or words without a vector and out of reach: both together
+// would cancel to rounding.
+TEST_F(GpuEngine, BothWaysOfPouringGiveTheSameDistances) {
+  World sign = random_world({.num_resident = 30, .num_queries = 30}), far = sign;
+  for (DocumentSet* docs : {&sign.resident, &sign.queries}) {
+    for (Document& doc : *docs) {
+      if (doc.size() > 2) doc[1].second *= -1;
+    }
+  }
+  far.embeddings[3] = NAN;
+  far.embeddings[27] = 1e16f;
+  far.queries[5] = {};
+  for (const World& world : {sign, far}) {
+    for (const bool cosine : {false, true}) {
+      use_cosine = cosine;
+      for (const int steps : {1, 2, 7, 20}) {
+        SCOPED_TRACE(testing::Message() << "cosine " << cosine << ", steps " << steps);
+        const auto compute = [&](int fused_pairs) {
+          return distance_block(world, gpu_engine, false, [&](float* Z) {
+            internal::compute_gpu_block(Z, steps, false, {.fused_pairs = fused_pairs});
+          });
+        };
+        const std::vector<float> fused = compute(1), named = compute(1'000'000);
+        expect_near({named.begin(), named.end()}, fused);
+      }
     }
   }
 }

@@ -5,10 +5,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <string>
 #include <vector>
 
+#include "libwmd/gpu/engine.hpp"
 #include "libwmd/gpu/platform/hostdev_control.hpp"
 #include "support/device.hpp"
 #include "support/engine.hpp"
@@ -60,14 +60,20 @@ const std::vector<Failures> every_failure{
     {plain, "cusparseCreateMatDescr", 2, 0, "Matrix descriptor initialization failed"},
     {plain, "cudaMalloc", 2, 0, no_memory, {"dp_dev", "Y_dev", "Y_dev_t", "weights_min_dev_t"}},
     {pour, "cudaMalloc", 2, 4, no_memory, {"weight_updated", "weight_delta"}},
-    {plain, "cudaMemcpy", 1, 0, no_copy, {"start2", "row_of_entry", "equal_rows", "Z"}},
+    {plain, "cudaMemcpy", 1, 0, no_copy, {"start2", "row_of_entry", "equal_rows"}},
+    {plain, "cudaMemcpy2D", 1, 0, no_copy + "Z"},
     {plain, "cublasSgemm_v2", 13, 0, "Dense matrix-matrix multiplication failed: 13"},
-    {plain, "cusparseScsrmm2", 7, 0, group + "7\nInternal Error"},
-    {plain, "cusparseScsrmm2", 6, 0, group + "6\nExecution Failed"},
-    {plain, "cusparseScsrmm2", 3, 0, group + "3"},
+    {plain, "cusparseSpMM", 7, 0, group + "7\nInternal Error"},
+    {plain, "cusparseSpMM", 6, 0, group + "6\nExecution Failed"},
+    {plain, "cusparseSpMM", 3, 0, group + "3"},
+    // Nothing of a product is left behind where a part of it fails.
+    {plain, "cusparseCreateCsr", 3, 0, group + "3"},
+    {plain, "cusparseCreateDnMat", 3, 0, group, {"3", "3"}},
+    {plain, "cusparseSpMM_bufferSize", 7, 0, group + "7\nInternal Error"},
+    {plain, "cudaMalloc", 2, 7, group + "2"},  // the workspace
     // 2 steps of a document of 3 entries: one step.
-    {pour, "cusparseScsrmm", 7, 0, sparse, {"iteration 0 7", "final iteration 7"}},
-    {pour_one, "cusparseScsrmm", 6, 0, sparse, {"final iteration 0 6"}},
+    {pour, "cusparseSpMM", 7, 0, sparse, {"iteration 0 7", "final iteration 7"}},
+    {pour_one, "cusparseSpMM", 6, 0, sparse, {"final iteration 0 6"}},
     {plain, "cudaFree", 1, 0, not_freed, {"Y_dev", "Y_dev_t", "weights_min_dev_t", "dp_dev"}},
     {pour, "cudaFree", 1, 4, not_freed, {"weight_updated", "weight_delta"}},
     {plain, "cusparseDestroyMatDescr", 1, 0, "Matrix descriptor destruction failed"},
@@ -104,17 +110,50 @@ TEST(FailingDevice, EndsTheProcessWithItsLine) {
               "for weight\nSize of memory requested: 24\nFree mem = 16, Total = 40\n");
 }
 
-TEST(FailingDevice, LeavesNothingBehindWhereTheConversionThrows) {
-  normalize_embeddings = true;
-  distance_block(random_world({}), gpu_engine, false, [](float* Z) {
-    hostdev::plan_fault({.call = "transform_in_place"});
-    EXPECT_THROW(ed_min_vocab_multi(Z, 0, false), std::exception);
-    hostdev::plan_fault({.call = "transform_in_place"});
-    EXPECT_THROW(compute_ground_distances(nullptr), std::exception);
-  });
-  normalize_embeddings = false;
-  EXPECT_EQ(D_ground_dev, nullptr);
-  EXPECT_TRUE(nothing_is_held());
+// Whichever launch a device refuses, and whatever Thrust makes of it.  The words repeat, so that
+// rows are gathered before they are converted.
+TEST(FailingDevice, RefusesALaunchWithALine) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto run = [](const hostdev::FaultPlan& fault, bool normalise, bool cosine, int steps) {
+    dup2(2, 1);
+    normalize_embeddings = normalise;
+    use_cosine = cosine;
+    const World world = random_world({.num_queries = 40});
+    distance_block(world, gpu_engine, false, [&](float* Z) {
+      hostdev::plan_fault(fault);
+      if (steps >= 0) ed_min_vocab_multi(Z, steps, false);
+      if (steps < 0) compute_ground_distances(nullptr);
+    });
+    std::exit(0);
+  };
+  constexpr int no_code = 209, any_step = 3, ground = -1;
+  for (const int steps : {0, any_step, ground}) {
+    for (const bool normalise : {false, true}) {
+      const hostdev::FaultPlan first_launch{.call = "launch", .status = no_code};
+      EXPECT_EXIT(run(first_launch, normalise, false, steps), testing::ExitedWithCode(1),
+                  "(^|\n)GPU kernels failed: CUDA status 209\n")
+          << steps << ' ' << normalise;
+    }
+    for (const bool cosine : {false, true}) {
+      EXPECT_EXIT(run({.call = "transform_in_place", .status = no_code}, true, cosine, steps),
+                  testing::ExitedWithCode(1), "(^|\n)GPU kernels failed: CUDA status 209\n");
+    }
+  }
+}
+
+// 40 documents at a time would need 160,000 bytes of tables.
+TEST(DeviceMemory, HoldsTheTablesOfAsManyDocumentsAsTheBudgetSays) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto run = [] {
+    const World world = random_world({.voc_size = 1000, .num_queries = 40});
+    distance_block(world, gpu_engine, false, [](float* Z) {
+      hostdev::plan_fault({.memory_limit = 250'000});
+      internal::compute_gpu_block(
+          Z, 0, false, {.block_floats = 20'000, .table_floats = 2'000, .tile_words = 10});
+    });
+    std::exit(0);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

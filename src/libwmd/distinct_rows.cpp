@@ -72,7 +72,7 @@ void grow(RowTable& table) {
 struct Search {
   EntryRows rows;
   const int* start;
-  int max_rows, threads;
+  int max_rows, max_docs, threads;
   EntryHashes hashes = {};
   RowTable table = {};
   DistinctRows found = {};
@@ -139,9 +139,11 @@ void close_section(Search& search, int last_doc) {
 // than it could be.
 bool has_room(const Search& search, int doc) {
   const int passes = static_cast<int>(search.found.passes.size());
-  const bool several_passes = passes - search.found.sections.back().first_pass > 1;
+  const BatchSection& section = search.found.sections.back();
+  const bool several_passes = passes - section.first_pass > 1;
   const int entries = search.start[doc + 1] - search.start[doc];
-  return !several_passes && entries <= search.max_rows - rows_held(search.table);
+  return !several_passes && doc - section.first_doc < search.max_docs &&
+         entries <= search.max_rows - rows_held(search.table);
 }
 
 void add_document(Search& search, int doc, int num_entries) {
@@ -179,11 +181,12 @@ std::vector<EqualRows> find_equal_hashes(std::span<const RowHash> words,
 }
 
 DistinctRows find_distinct_rows(const void* rows, Index row_bytes, const int* start, int num_docs,
-                                int max_rows, int threads) {
+                                int max_rows, int threads, int max_docs) {
   const int num_entries = start[num_docs];
   Search search{.rows = {static_cast<const char*>(rows), row_bytes},
                 .start = start,
                 .max_rows = max_rows,
+                .max_docs = max_docs,
                 .threads = threads};
   search.found.row_of_entry.assign(Index{num_entries} + row_padding, 0);
   for (int doc = 0; doc < num_docs; ++doc) {

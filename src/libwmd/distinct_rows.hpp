@@ -3,6 +3,7 @@
 #define TALVIK_LIBWMD_DISTINCT_ROWS_HPP
 
 #include <cstddef>  // size_t
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -62,8 +63,10 @@ inline constexpr int row_padding = 16;
 /// @param start      num_docs + 1 entry offsets
 /// @param max_rows   distinct rows that a pass may hold, at least 1
 /// @param threads    team that hashes the rows
+/// @param max_docs   documents that a section may hold, at least 1
 DistinctRows find_distinct_rows(const void* rows, Index row_bytes, const int* start, int num_docs,
-                                int max_rows, int threads);
+                                int max_rows, int threads,
+                                int max_docs = std::numeric_limits<int>::max());
 
 /// Rows of the largest of the passes [first_pass, last_pass).
 int largest_pass(const DistinctRows& distinct, int first_pass, int last_pass);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "internal/failure.hpp"
+#include "internal/team.hpp"
 #include "libwmd/distinct_rows.hpp"
 #include "libwmd/embedding_rows.hpp"
 #include "libwmd/gpu/calls.cuh"
@@ -56,12 +57,13 @@ struct HeldData {
   DeviceArray<float> weight;
 
   DeviceArray<int> ind2;       // query batch: index form
-  DeviceArray<float> X2, Rn2;  // vector form
+  DeviceArray<float> X2, Rn2;  // vector form: a row per entry, or per distinct one
   DeviceArray<float> weight2;  // both forms
 
   DeviceArray<float> D_ground;
 
   internal::EmbeddingHashes hashes;  // vocabulary, and query batch in vector form
+  internal::QueryRows query_rows;    // vector form
 };
 
 // Never destroyed: when static objects are, the CUDA runtime may be gone.
@@ -94,12 +96,19 @@ std::vector<internal::RowHash> hash_rows(const float* rows, int num_rows, int m)
 }
 
 // One pass over all entries: the offsets of documents are not needed for it.
-std::vector<int> number_rows(const float* rows, int m, int num_rows) {
+internal::DistinctRows number_rows(const void* rows, internal::Index row_bytes, int num_rows) {
+  if (num_rows < 0) throw std::bad_array_new_length();
   constexpr int no_limit = std::numeric_limits<int>::max(), one_doc = 1;
   const int start[] = {0, num_rows};
-  return internal::find_distinct_rows(rows, elements(std::max(m, 0), sizeof(float)), start, one_doc,
-                                      no_limit, num_cpu_threads)
-      .row_of_entry;
+  return internal::find_distinct_rows(rows, row_bytes, start, one_doc, no_limit, num_cpu_threads);
+}
+
+// Keeps a batch of n2 entries in vector form, of so many rows.
+void hold_vectors2(int n2, int rows, int m, const float* X2, const float* norms,
+                   const float* weight2) {
+  X2_dev = hold(held.X2, X2, elements(rows, m), "X2");
+  weight2_dev = hold(held.weight2, weight2, n2, "weight2");
+  Rn2_dev = hold_norms(held.Rn2, norms, rows, "Rn2");
 }
 
 DeviceArray<float> allocate_ground_distances() {
@@ -194,14 +203,12 @@ int remove_raw_data2() {
 int copy_vectors2(int n2, int m, float* X2, float* weight2, int num_docs2_, int* start2_) {
   std::vector<internal::RowHash> hash = hash_rows(X2, n2, m);
   const auto Rn2 = prepare_rows(X2, n2, m);
-  std::vector<int> row_ids2 = number_rows(X2, m, n2);
+  internal::DistinctRows distinct = number_rows(X2, elements(std::max(m, 0), sizeof(float)), n2);
   remove_vectors2();
   num_docs2 = num_docs2_;
-  X2_dev = hold(held.X2, X2, elements(n2, m), "X2");
-  weight2_dev = hold(held.weight2, weight2, n2, "weight2");
-  Rn2_dev = hold_norms(held.Rn2, Rn2.get(), n2, "Rn2");
-  held.hashes.entry = std::move(hash);
-  held.hashes.row_of_entry = std::move(row_ids2);
+  hold_vectors2(n2, n2, m, X2, Rn2.get(), weight2);
+  held.hashes.row = std::move(hash);
+  held.query_rows = {.distinct = std::move(distinct), .held_by_entry = true};
   num_vecs2 = n2;
   start2 = start2_;
   return 1;
@@ -211,8 +218,8 @@ int remove_vectors2() {
   held.X2.reset();
   held.Rn2.reset();
   held.weight2.reset();
-  held.hashes.entry = {};
-  held.hashes.row_of_entry = {};
+  held.hashes.row = {};
+  held.query_rows = {};
   return 1;
 }
 
@@ -239,9 +246,12 @@ int compute_ground_distances(float* D_ground) {
   const DenseLibrary dense;
   DeviceArray<float> matrix = allocate_ground_distances();
   const internal::DeviceRows words{voc_size, W_dev, RW_dev};
-  internal::compute_word_distances(dense, words, words, matrix.get());
+  const internal::WordTile all{0, voc_size};
+  const int rows_at_once = internal::rows_of_product(internal::GpuBudget{}, voc_size);
+  internal::multiply_rows(dense, words, all, words, rows_at_once, matrix.get());
+  internal::convert_products(words, all, words, matrix.get());
   constexpr const internal::EqualRows* every_word_and_itself = nullptr;
-  internal::set_distances_of_equal_rows(words, words, every_word_and_itself, voc_size,
+  internal::set_distances_of_equal_rows(words, all, words, every_word_and_itself, voc_size,
                                         matrix.get());
   internal::require_launched();
   if (D_ground) {
@@ -261,8 +271,37 @@ int ed_min_vocab_multi(float* Z, int delta_iterations, bool precompute) {
 
 namespace internal {
 
-void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget) {
-  compute_block(Z, delta_iterations, precompute, budget, held.hashes);
+void compute_gpu_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget,
+                       GpuStepBegins begins) {
+  compute_block({.Z = Z,
+                 .steps = delta_iterations,
+                 .precompute = precompute,
+                 .budget = budget,
+                 .begins = begins},
+                held.query_rows, held.hashes);
+}
+
+void copy_words2(int n2, int m, const int* ind2, const float* embeddings, const float* weight2,
+                 int num_docs2_, int* start2_) {
+  DistinctRows distinct = number_rows(ind2, sizeof(int), n2);
+  const int rows = static_cast<int>(distinct.entry_of_row.size()), floats = std::max(m, 0);
+  const auto X2 = std::make_unique_for_overwrite<float[]>(elements(rows, floats));
+  for_each_share(num_cpu_threads, rows, [&](int first, int last, int) {
+    for (int r = first; r < last; ++r) {
+      std::copy_n(embeddings + elements(ind2[distinct.entry_of_row[r]], floats), floats,
+                  X2.get() + elements(r, floats));
+    }
+  });
+  std::vector<RowHash> hash =
+      hash_rows(X2.get(), elements(floats, sizeof(float)), rows, num_cpu_threads);
+  const auto Rn2 = prepare_rows(X2.get(), rows, m);
+  remove_vectors2();
+  num_docs2 = num_docs2_;
+  hold_vectors2(n2, rows, m, X2.get(), Rn2.get(), weight2);
+  held.hashes.row = std::move(hash);
+  held.query_rows = {.distinct = std::move(distinct), .held_by_entry = false};
+  num_vecs2 = n2;
+  start2 = start2_;
 }
 
 }  // namespace internal

@@ -56,16 +56,21 @@ BatchArrays load_batch(const RunParameters& run, const DocumentSet& docs, int fi
   BatchArrays batch{.start = new_ints(Index{count} + 1), .weight = new_floats(entries)};
   int* const start = batch.start.get();
   float* const weight = batch.weight.get();
-  if (run.precompute) {
+  if (run.precompute || run.use_gpu) {
     batch.ind = new_ints(entries);
     setup_raw_data(docs, first, count, batch.ind.get(), start, weight);
+  }
+  if (run.precompute) {
     load_batch_indices(run.use_gpu, entries, batch.ind.get(), weight, count, start);
+  } else if (run.use_gpu) {
+    load_batch_words(entries, run.vec_size, batch.ind.get(), run.embeddings, weight, count, start);
   } else {
     const Index floats = elements(entries, run.vec_size);
     batch.X = new_floats(floats);
     begin_on_large_pages(batch.X.get(), floats * sizeof(float));
     setup_vectors(run.embeddings, run.vec_size, docs, first, count, batch.X.get(), start, weight);
-    load_batch_vectors(run.use_gpu, entries, run.vec_size, batch.X.get(), weight, count, start);
+    constexpr bool on_gpu = false;
+    load_batch_vectors(on_gpu, entries, run.vec_size, batch.X.get(), weight, count, start);
   }
   return batch;
 }

@@ -3,6 +3,7 @@
 #define TALVIK_TALVIK_ENGINE_HPP
 
 #include "libwmd/attached_words.hpp"
+#include "libwmd/gpu/engine.hpp"
 #include "talvik.hpp"
 
 namespace talvik::internal {
@@ -30,6 +31,13 @@ inline void load_batch_vectors(bool use_gpu, int entries, int vec_size, float* X
                                int count, int* start) {
   const auto load = use_gpu ? copy_vectors2 : copy_vectors2_cpu;
   load(entries, vec_size, X, weight, count, start);
+}
+
+/// The same of the rows `ind` of embeddings, for the GPU engine alone: the CPU engine works on the
+/// rows in place.
+inline void load_batch_words(int entries, int vec_size, const int* ind, const float* embeddings,
+                             const float* weight, int count, int* start) {
+  copy_words2(entries, vec_size, ind, embeddings, weight, count, start);
 }
 
 /// An engine may keep start by pointer until release_batch.

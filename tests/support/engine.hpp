@@ -61,8 +61,8 @@ struct Csr {
 
 /// Copying scales the caller's rows in place if normalisation is on.  The batch takes its rows from
 /// the vocabulary's before the vocabulary is copied, afterwards with vocabulary_first; with
-/// batch_first it is also copied before.
-enum class CopyOrder { rows_as_given, vocabulary_first, batch_first };
+/// batch_first it is also copied before.  By words the GPU engine gets the words themselves.
+enum class CopyOrder { rows_as_given, vocabulary_first, batch_first, by_words };
 
 /// Z of the whole world as one batch: Z[d * resident documents + i].
 /// @param compute  void(float* Z), run while the world is loaded
@@ -80,6 +80,10 @@ std::vector<float> distance_block(const World& world, bool use_gpu, bool ground,
     internal::attach_ground(use_gpu, voc_size, D.data());
     internal::load_batch_indices(use_gpu, batch.entries, batch.ind.data(), batch.weight.data(),
                                  batch.num_docs, batch.start.data());
+  } else if (order == CopyOrder::by_words) {
+    internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings.data());
+    internal::load_batch_words(batch.entries, vec_size, batch.ind.data(), world.embeddings.data(),
+                               batch.weight.data(), batch.num_docs, batch.start.data());
   } else {
     const auto copy_vocabulary = [&] {
       internal::load_vocabulary(use_gpu, voc_size, vec_size, embeddings.data());

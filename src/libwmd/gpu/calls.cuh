@@ -114,53 +114,65 @@ inline void require_launched() {
   if (status != cudaSuccess) fail("GPU kernels failed: CUDA status " + number_of(status));
 }
 
-/// products[t*words.count + v] = words[v] . rows[t].
+/// transform_in_place, with the same line for what Thrust throws.  The error of an earlier launch
+/// is looked for before, since Thrust forgets it or throws it as its own.
+template <class Function>
+void convert_in_place(float* values, Index count, Function function) {
+  require_launched();
+  try {
+    transform_in_place(values, count, function);
+  } catch (const thrust::system_error& failure) {
+    fail("GPU kernels failed: CUDA status " + number_of(failure.code().value()));
+  }
+}
+
+/// products[t*tile.count + v] = words[tile.first + v] . rows[t], in products of so many rows.
 inline void multiply_rows(const DenseLibrary& library, const DeviceRows& words,
-                          const DeviceRows& rows, float* products) {
+                          const WordTile& tile, const DeviceRows& rows, int rows_at_once,
+                          float* products) {
   const float fp1 = 1, fp0 = 0;
   const int stride = std::max(vec_size, 1);
-  const cublasStatus_t status =
-      cublasSgemm_v2(library.handle, CUBLAS_OP_T, CUBLAS_OP_N, words.count, rows.count, vec_size,
-                     &fp1, words.values, stride, rows.values, stride, &fp0, products, words.count);
-  if (status != CUBLAS_STATUS_SUCCESS) {
-    fail("Dense matrix-matrix multiplication failed: " + number_of(status));
+  const float* const first_word = words.values + elements(tile.first, vec_size);
+  for (int row = 0; row < rows.count; row += rows_at_once) {
+    const cublasStatus_t status =
+        cublasSgemm_v2(library.handle, CUBLAS_OP_T, CUBLAS_OP_N, tile.count,
+                       std::min(rows_at_once, rows.count - row), vec_size, &fp1, first_word, stride,
+                       rows.values + elements(row, vec_size), stride, &fp0,
+                       products + elements(row, tile.count), tile.count);
+    if (status != CUBLAS_STATUS_SUCCESS) {
+      fail("Dense matrix-matrix multiplication failed: " + number_of(status));
+    }
   }
 }
 
 /// Turns the products into distances, by the current settings.
-inline void convert_products(const DeviceRows& words, const DeviceRows& rows, float* products) {
+inline void convert_products(const DeviceRows& words, const WordTile& tile, const DeviceRows& rows,
+                             float* products) {
+  const Index count = elements(rows.count, tile.count);
   switch (chosen_metric(use_cosine, normalize_embeddings)) {
     case Metric::unit_cosine:
-      transform_in_place(products, elements(rows.count, words.count), unit_cosine());
+      convert_in_place(products, count, unit_cosine());
       return;
     case Metric::cosine:
-      launch(cos_to_dist, row_grid(rows.count), block_shape(), rows.count, words.count, products);
+      launch(cos_to_dist, row_grid(rows.count), block_shape(), rows.count, tile.count, products);
       return;
     case Metric::unit_euclidean:
-      require_launched();  // Thrust clears the error of an earlier launch
-      transform_in_place(products, elements(rows.count, words.count), c_to_e<float>());
+      convert_in_place(products, count, c_to_e<float>());
       return;
     case Metric::euclidean:
-      constexpr int first_word = 0;
-      launch(final_sqrt2, row_grid(rows.count), block_shape(), rows.count, words.count, first_word,
+      launch(final_sqrt2, row_grid(rows.count), block_shape(), rows.count, tile.count, tile.first,
              products, words.norms, rows.norms);
   }
 }
 
 /// Sets the distances of pairs of equal rows, see set_equal_rows.
-inline void set_distances_of_equal_rows(const DeviceRows& words, const DeviceRows& rows,
-                                        const EqualRows* pairs, int count, float* distances) {
+inline void set_distances_of_equal_rows(const DeviceRows& words, const WordTile& tile,
+                                        const DeviceRows& rows, const EqualRows* pairs, int count,
+                                        float* distances) {
   with_metric(chosen_metric(use_cosine, normalize_embeddings), [&]<Metric metric>() {
-    launch(set_equal_rows<metric>, column_grid(count), block_shape(), count, pairs, words, rows,
-           vec_size, distances);
+    launch(set_equal_rows<metric>, column_grid(count), block_shape(), count, pairs, words, tile,
+           rows, vec_size, distances);
   });
-}
-
-/// distances[t*words.count + v] = distance between word v and row t.  Neither is empty.
-inline void compute_word_distances(const DenseLibrary& library, const DeviceRows& words,
-                                   const DeviceRows& rows, float* distances) {
-  multiply_rows(library, words, rows, distances);
-  convert_products(words, rows, distances);
 }
 
 }  // namespace talvik::internal

@@ -1,7 +1,8 @@
 // The distance block of a query batch on the GPU.  Distance rows are computed once per distinct
-// query row, and the entries of a document point to theirs.  The nearest entries of every document
-// are chosen, and the resident weights go there.  Kernels of the default stream run in the order of
-// their launches, so only the copies wait.  Included by libwmd.cu alone.
+// query row, for a tile of the vocabulary at a time, and the entries of a document point to theirs.
+// The nearest entries of every document are chosen, and the resident weights go there.  Kernels of
+// the default stream run in the order of their launches, so only the copies wait.  Included by
+// libwmd.cu alone.
 #ifndef TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 #define TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 
@@ -13,6 +14,7 @@
 
 #include "libwmd/distinct_rows.hpp"
 #include "libwmd/gpu/calls.cuh"
+#include "libwmd/gpu/engine.hpp"
 #include "libwmd/gpu/sizes.hpp"
 
 namespace talvik::internal {
@@ -22,58 +24,81 @@ namespace {
 // The words' rows are scaled in the caller's array, so query rows may be copies of either.
 struct EmbeddingHashes {
   std::vector<RowHash> word, scaled_word;  // per vocabulary word; scaled: with normalisation only
-  std::vector<RowHash> entry;              // per query entry, of its row as given
-  std::vector<int> row_of_entry;           // per query entry, a number that equal rows share
+  std::vector<RowHash> row;                // per row of X2_dev, as given
+};
+
+// The distinct rows of a batch, and how X2_dev has them.
+struct QueryRows {
+  DistinctRows distinct;      // as one pass of one section
+  bool held_by_entry = true;  // else one row each
+};
+
+struct BlockRequest {
+  float* Z;         // host, num_docs2 x num_docs
+  int steps;        // capacity steps
+  bool precompute;  // distances from D_ground_dev
+  GpuBudget budget;
+  GpuStepBegins begins;
 };
 
 // One computation: what is asked for, and what it holds meanwhile.
 struct GpuBlock {
-  float* Z;         // host, num_docs2 x num_docs
-  int steps;        // capacity steps asked for
-  bool precompute;  // distances from D_ground_dev
-  GpuBudget budget;
-  DistinctRows rows;  // one row per distinct query row in vector form, none in index form
+  BlockRequest asked;
+  DistinctRows rows;          // one row per distinct query row in vector form, none in index form
+  std::vector<int> held_row;  // per distinct row, its place in X2_dev
   const EmbeddingHashes& hashes;  // vector form
+
+  int kept = topk_size(asked.steps);  // nearest entries per document and word
+  Index stride = distances_stride(num_docs);
+  // Capacity steps by a thread per pair of documents; else, where too few pairs would leave a GPU
+  // idle, by a sparse product each.
+  bool fused = false;
 
   DenseLibrary dense = {};
   SparseLibrary sparse = {};
 
   DeviceArray<float> dp_dev = {};   // distances of a group of documents to the resident ones
-  DeviceArray<float> Y_dev = {};    // distance rows, voc_size each
-  DeviceArray<float> Y_dev_t = {};  // the nearest distances: rows of voc_size
-  DeviceArray<float> weights_min_dev_t = {};  // the weights behind them; read with steps only
-  DeviceArray<float> weight_updated = {};     // num_vecs, what is left; with steps only
-  DeviceArray<float> weight_delta = {};       // num_vecs, what moves; with steps only
+  DeviceArray<float> Y_dev = {};    // distance rows of a tile
+  DeviceArray<float> Y_dev_t = {};  // the nearest distances of a section; fused: their weights, too
+  DeviceArray<float> weights_min_dev_t = {};  // the weights; read with steps, not fused
+  DeviceArray<float> weight_updated = {};     // num_vecs, what is left; with steps, not fused
+  DeviceArray<float> weight_delta = {};       // num_vecs, what moves; with steps, not fused
 
-  DeviceArray<int> start2_dev = {};        // start2; without steps only
+  DeviceArray<int> start2_dev = {};        // start2
+  DeviceArray<int> steps_dev = {};         // per document, its steps; fused only
   DeviceArray<int> row_of_entry_dev = {};  // rows.row_of_entry; vector form only
 
-  // Only where rows repeat.
-  DeviceArray<int> entry_of_row_dev = {};  // rows.entry_of_row
-  DeviceArray<float> X_rows_dev = {};      // distinct rows of a pass, vec_size each
-  DeviceArray<float> Rn_rows_dev = {};     // their squared norms; without normalisation only
+  // Only where the distinct rows of a pass are not side by side in X2_dev.
+  DeviceArray<int> held_row_dev = {};   // held_row
+  DeviceArray<float> X_rows_dev = {};   // distinct rows of a pass, vec_size each
+  DeviceArray<float> Rn_rows_dev = {};  // their squared norms; without normalisation only
 
   DeviceArray<EqualRows> equal_rows_dev = {};  // words and rows of a pass that may be equal
+  int equal_rows = 0;
 };
+
+void begin(const GpuBlock& block, GpuStep step) {
+  if (block.asked.begins) block.asked.begins(step);
+}
 
 // The kernels that keep one number of nearest entries.
 struct TopKernels {
   decltype(&top1_single) single;
-  decltype(&top_of_rows<1>) of_rows;
+  decltype(&nearest_of_documents<1>) of_documents;
 };
 
-TopKernels top_kernels(int nearest) {
-  switch (nearest) {
+TopKernels top_kernels(int kept) {
+  switch (kept) {
     case 1:
-      return {&top1_single, &top_of_rows<1>};
+      return {&top1_single, &nearest_of_documents<1>};
     case 2:
-      return {&top2_single, &top_of_rows<2>};
+      return {&top2_single, &nearest_of_documents<2>};
     case 4:
-      return {&top4_single, &top_of_rows<4>};
+      return {&top4_single, &nearest_of_documents<4>};
     case 8:
-      return {&top8_single, &top_of_rows<8>};
+      return {&top8_single, &nearest_of_documents<8>};
     default:
-      return {&top16_single, &top_of_rows<16>};
+      return {&top16_single, &nearest_of_documents<16>};
   }
 }
 
@@ -87,42 +112,68 @@ bool consecutive(const int* numbers, int count) {
 int entries_of(int doc) { return start2[doc + 1] - start2[doc]; }
 
 // With ground distances there are no rows to compute: the entries point to those of the matrix.
-// @param row_ids  per query entry, a number that entries of equal rows share; vector form
-DistinctRows plan_rows(bool precompute, const GpuBudget& budget, const std::vector<int>& row_ids) {
-  if (!precompute) {
-    return find_distinct_rows(row_ids.data(), sizeof(int), start2, num_docs2,
-                              rows_of_block(budget, voc_size), num_cpu_threads);
+// @param all  of the batch; vector form
+DistinctRows plan_rows(const BlockRequest& asked, const DistinctRows& all) {
+  const int docs = table_docs(asked.budget, voc_size, topk_size(asked.steps));
+  if (!asked.precompute) {
+    const int max_rows = rows_of_block(asked.budget, voc_size);
+    if (num_docs2 > docs || std::ssize(all.entry_of_row) > max_rows) {
+      return find_distinct_rows(all.row_of_entry.data(), sizeof(int), start2, num_docs2, max_rows,
+                                num_cpu_threads, docs);
+    }
+    DistinctRows whole = all;
+    whole.sections = {{0, num_docs2, 0, 1}};
+    return whole;
   }
   DistinctRows none;
-  none.passes = {{0, 0, 0, start2[num_docs2]}};
-  none.sections = {{0, num_docs2, 0, 1}};
+  for (int first = 0; first < num_docs2; first += std::min(docs, num_docs2 - first)) {
+    const int last = first + std::min(docs, num_docs2 - first);
+    const int pass = static_cast<int>(none.passes.size());
+    none.passes.push_back({0, 0, start2[first], start2[last]});
+    none.sections.push_back({first, last, pass, pass + 1});
+  }
   return none;
 }
 
 void allocate_buffers(GpuBlock& block) {
-  const bool steps = block.steps > 0;
-  const int nearest = topk_size(block.steps);
-  const int group = block.budget.group_docs;
-  block.dp_dev = allocate_on_device<float>(elements(steps ? 1 : group, num_docs), "dp_dev");
-  block.Y_dev = allocate_on_device<float>(block_floats(block.budget, voc_size), "Y_dev");
-  block.Y_dev_t = allocate_on_device<float>(elements(steps ? nearest : group, voc_size), "Y_dev_t");
+  const GpuBudget& budget = block.asked.budget;
+  const bool steps = block.asked.steps > 0;
+  int section_docs = 0;
+  for (const BatchSection& section : block.rows.sections) {
+    section_docs = std::max(section_docs, section.last_doc - section.first_doc);
+  }
+  const int group = std::min(budget.group_docs, section_docs);
+  const Index table = elements(section_docs, elements(block.kept, voc_size));
+  block.dp_dev = allocate_on_device<float>(group * block.stride, "dp_dev");
+  block.Y_dev = allocate_on_device<float>(block_floats(budget, voc_size), "Y_dev");
+  block.fused = steps && elements(group, num_docs) >= budget.fused_pairs;
+  const bool own_weights = steps && !block.fused;
+  block.Y_dev_t = allocate_on_device<float>(block.fused ? 2 * table : table, "Y_dev_t");
   block.weights_min_dev_t =
-      allocate_on_device<float>(elements(nearest, voc_size), "weights_min_dev_t");
-  if (steps) {
+      allocate_on_device<float>(own_weights ? table : Index{voc_size}, "weights_min_dev_t");
+  if (own_weights) {
     block.weight_updated = allocate_on_device<float>(num_vecs, "weight_updated");
     block.weight_delta = allocate_on_device<float>(num_vecs, "weight_delta");
-  } else {
-    block.start2_dev = upload(start2, elements(1, num_docs2) + 1, "start2");
   }
-  if (block.precompute) return;
+  block.start2_dev = upload(start2, elements(1, num_docs2) + 1, "start2");
+  if (block.fused) {
+    std::vector<int> doc_steps(num_docs2);
+    for (int q = 0; q < num_docs2; ++q) {
+      doc_steps[q] = steps_of_document(block.asked.steps, entries_of(q));
+    }
+    block.steps_dev = upload(doc_steps.data(), num_docs2, "steps");
+  }
+  if (block.asked.precompute) return;
 
   const DistinctRows& rows = block.rows;
   const int entries = start2[num_docs2];
   block.row_of_entry_dev = upload(rows.row_of_entry.data(), entries, "row_of_entry");
-  if (std::ssize(rows.entry_of_row) == entries) return;
+  const auto side_by_side = [&](const RowPass& pass) {
+    return consecutive(block.held_row.data() + pass.first_row, pass.last_row - pass.first_row);
+  };
+  if (std::all_of(rows.passes.begin(), rows.passes.end(), side_by_side)) return;
   const int pass_rows = largest_pass(rows, 0, static_cast<int>(rows.passes.size()));
-  block.entry_of_row_dev =
-      upload(rows.entry_of_row.data(), std::ssize(rows.entry_of_row), "entry_of_row");
+  block.held_row_dev = upload(block.held_row.data(), std::ssize(block.held_row), "held_row");
   block.X_rows_dev = allocate_on_device<float>(elements(pass_rows, vec_size), "X_rows");
   if (!normalize_embeddings) block.Rn_rows_dev = allocate_on_device<float>(pass_rows, "Rn_rows");
 }
@@ -139,15 +190,15 @@ void free_buffers(GpuBlock& block) {
 // The distinct query rows of a pass, gathered unless they are side by side already.
 DeviceRows rows_of_pass(GpuBlock& block, const RowPass& pass) {
   const int count = pass.last_row - pass.first_row;
-  const int* entries = block.rows.entry_of_row.data() + pass.first_row;
-  if (consecutive(entries, count)) {
-    float* norms = normalize_embeddings ? nullptr : Rn2_dev + entries[0];
-    return {count, X2_dev + elements(entries[0], vec_size), norms};
+  const int* held = block.held_row.data() + pass.first_row;
+  if (consecutive(held, count)) {
+    float* norms = normalize_embeddings ? nullptr : Rn2_dev + held[0];
+    return {count, X2_dev + elements(held[0], vec_size), norms};
   }
   const DeviceRows rows{count, block.X_rows_dev.get(), block.Rn_rows_dev.get()};
-  int* entries_dev = block.entry_of_row_dev.get() + pass.first_row;
+  int* held_dev = block.held_row_dev.get() + pass.first_row;
   const auto gather = [&](int cols, float* from, float* to) {
-    launch(gather_matrix_rows, row_grid(count), block_shape(), count, cols, from, entries_dev, to);
+    launch(gather_matrix_rows, row_grid(count), block_shape(), count, cols, from, held_dev, to);
   };
   gather(vec_size, X2_dev, rows.values);
   constexpr int one_norm = 1;
@@ -159,7 +210,7 @@ DeviceRows rows_of_pass(GpuBlock& block, const RowPass& pass) {
 std::vector<EqualRows> find_equal_rows(const GpuBlock& block, const RowPass& pass) {
   std::vector<RowHash> row_hash;
   for (int r = pass.first_row; r < pass.last_row; ++r) {
-    row_hash.push_back(block.hashes.entry[block.rows.entry_of_row[r]]);
+    row_hash.push_back(block.hashes.row[block.held_row[r]]);
   }
   std::vector<EqualRows> pairs = find_equal_hashes(block.hashes.word, row_hash);
   const std::vector<EqualRows> more = find_equal_hashes(block.hashes.scaled_word, row_hash);
@@ -172,158 +223,207 @@ std::vector<EqualRows> find_equal_rows(const GpuBlock& block, const RowPass& pas
   return pairs;
 }
 
-void set_known_distances(GpuBlock& block, const RowPass& pass, const DeviceRows& words,
-                         const DeviceRows& rows) {
+void upload_equal_rows(GpuBlock& block, const RowPass& pass) {
   const std::vector<EqualRows> pairs = find_equal_rows(block, pass);
-  if (pairs.empty()) return;
-  const int count = static_cast<int>(pairs.size());
-  block.equal_rows_dev = upload(pairs.data(), count, "equal_rows");
-  set_distances_of_equal_rows(words, rows, block.equal_rows_dev.get(), count, block.Y_dev.get());
+  block.equal_rows = static_cast<int>(pairs.size());
+  block.equal_rows_dev = upload(pairs.data(), block.equal_rows, "equal_rows");
 }
 
-// Y_dev[t*voc_size + v] = distance between vocabulary word v and distinct row t of the pass.
-void compute_rows(GpuBlock& block, const RowPass& pass) {
-  if (pass.first_row == pass.last_row) return;
+// Y_dev[t*tile.count + v] = distance between word tile.first + v and distinct row t of the pass.
+// The first tile comes first.
+void compute_rows(GpuBlock& block, const RowPass& pass, const DeviceRows& rows,
+                  const WordTile& tile) {
+  if (rows.count == 0) return;
   const DeviceRows vocabulary{voc_size, W_dev, RW_dev};
-  const DeviceRows rows = rows_of_pass(block, pass);
-  compute_word_distances(block.dense, vocabulary, rows, block.Y_dev.get());
-  set_known_distances(block, pass, vocabulary, rows);
+  float* const Y = block.Y_dev.get();
+  begin(block, GpuStep::product);
+  multiply_rows(block.dense, vocabulary, tile, rows,
+                rows_of_product(block.asked.budget, tile.count), Y);
+  begin(block, GpuStep::convert);
+  if (tile.first == 0) upload_equal_rows(block, pass);  // looked for while the device multiplies
+  convert_products(vocabulary, tile, rows, Y);
+  if (block.equal_rows == 0) return;
+  set_distances_of_equal_rows(vocabulary, tile, rows, block.equal_rows_dev.get(), block.equal_rows,
+                              Y);
 }
 
-EntryDistances entry_distances(const GpuBlock& block) {
-  if (block.precompute) return {D_ground_dev, ind2_dev, voc_size};
-  return {block.Y_dev.get(), block.row_of_entry_dev.get(), voc_size};
+// The tables of a section's documents, from its so-manyth on.
+NearestEntries tables_from(const GpuBlock& block, int doc) {
+  const auto strides = (block.fused ? pairs_by_word : rows_of_words)(block.kept, voc_size);
+  const Index first = elements(doc, strides.doc);
+  float* const distances = block.Y_dev_t.get() + first;
+  if (block.fused) return {distances, distances + 1, strides};
+  const bool weighted = block.asked.steps > 0;
+  return {distances, weighted ? block.weights_min_dev_t.get() + first : nullptr, strides};
 }
 
-// Writes, to row r of Y_dev_t, every vocabulary word's distance to the (r+1)-th nearest entry of
-// the document, among those of this pass and, if it goes on, of the passes before.  A document
+// Writes, to the tables of the section's documents, the distances of the tile's words to the
+// nearest entries among those of this pass and, if it goes on, of the passes before.  A document
 // without entries is far away.
-void choose_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int doc) {
-  const TopKernels kernels = top_kernels(topk_of_document(block.steps, entries_of(doc)));
-  const int first = std::max(start2[doc], pass.first_entry);
-  const int count = std::min(start2[doc + 1], pass.last_entry) - first;
-  const NearestEntries nearest{block.Y_dev_t.get(), block.weights_min_dev_t.get()};
-  float* weights = weight2_dev + first;
-  const std::vector<int>& rows = block.rows.row_of_entry;  // empty in index form
-  if (!block.precompute && !goes_on && consecutive(rows.data() + first, count)) {
+void choose_nearest(GpuBlock& block, const BatchSection& section, const RowPass& pass, bool goes_on,
+                    const WordTile& tile) {
+  begin(block, GpuStep::nearest);
+  const bool precompute = block.asked.precompute;
+  const TopKernels kernels = top_kernels(block.kept);
+  constexpr int from_first = 0;
+  const NearestEntries nearest = tables_from(block, from_first);
+  const int docs = section.last_doc - section.first_doc;
+  const int first = pass.first_entry, count = pass.last_entry - first;
+  const std::vector<int>& row_of_entry = block.rows.row_of_entry;  // empty in index form
+  const bool whole = tile.count == voc_size && !goes_on;
+  if (docs == 1 && whole && !block.fused && !precompute &&
+      consecutive(row_of_entry.data() + first, count)) {
+    const Index first_row = count > 0 ? row_of_entry[first] : 0;
     launch(kernels.single, column_grid(voc_size), block_shape(), count, voc_size,
-           block.Y_dev.get() + elements(rows[first], voc_size), nearest.distances, weights,
-           nearest.weights);
+           block.Y_dev.get() + elements(first_row, voc_size), nearest.distances,
+           weight2_dev + first, block.weights_min_dev_t.get());
     return;
   }
-  EntryDistances entries = entry_distances(block);
-  entries.row_of_entry += first;
-  launch(kernels.of_rows, column_grid(voc_size), block_shape(), entries, count, weights, nearest,
-         goes_on);
+  const EntryDistances ground{D_ground_dev + tile.first, ind2_dev, voc_size};
+  const EntryDistances rows{block.Y_dev.get(), block.row_of_entry_dev.get(), tile.count};
+  launch(kernels.of_documents, document_grid(docs, tile.count), block_shape(),
+         precompute ? ground : rows, tile, block.start2_dev.get() + section.first_doc, pass,
+         weight2_dev, nearest, goes_on);
 }
 
-void copy_to_Z(const GpuBlock& block, int first_doc, int count) {
-  if (cudaMemcpy(block.Z + elements(first_doc, num_docs), block.dp_dev.get(),
-                 elements(count, num_docs) * sizeof(float),
-                 cudaMemcpyDeviceToHost) != cudaSuccess) {
-    fail("Failed to copy Z");
-  }
-}
-
-// Writes, to row q of Y_dev_t, every vocabulary word's distance to the nearest entry of document
-// first_doc + q.
-void find_nearest(GpuBlock& block, const RowPass& pass, bool goes_on, int first_doc, int docs) {
-  launch(nearest_of_documents, column_grid(voc_size, docs), block_shape(), entry_distances(block),
-         block.start2_dev.get() + first_doc, pass, block.Y_dev_t.get(), goes_on);
-}
-
-// All weight goes to the nearest entry: one product for all documents of Y_dev_t.
-void send_to_nearest(GpuBlock& block, int first_doc, int docs) {
+// All weight goes to the nearest entry: one product for all documents of a group.
+void send_to_nearest(GpuBlock& block, const float* nearest, int docs) {
   const float fp1 = 1, fp0 = 0;
   const cusparseStatus_t status = cusparseScsrmm2(
       block.sparse.handle, CUSPARSE_OPERATION_NON_TRANSPOSE, CUSPARSE_OPERATION_NON_TRANSPOSE,
       num_docs, docs, voc_size, num_vecs, &fp1, block.sparse.descr, weight_dev, start_dev, ind_dev,
-      block.Y_dev_t.get(), voc_size, &fp0, block.dp_dev.get(), num_docs);
-  if (status != CUSPARSE_STATUS_SUCCESS) {
-    std::string text = "Sparse-matrix dense-matrix multiplication failed: " + number_of(status);
-    if (status == CUSPARSE_STATUS_INTERNAL_ERROR) text += "\nInternal Error";
-    if (status == CUSPARSE_STATUS_EXECUTION_FAILED) text += "\nExecution Failed";
-    fail(text);
-  }
-  copy_to_Z(block, first_doc, docs);
+      nearest, voc_size, &fp0, block.dp_dev.get(), static_cast<int>(block.stride));
+  if (status == CUSPARSE_STATUS_SUCCESS) return;
+  std::string text = "Sparse-matrix dense-matrix multiplication failed: " + number_of(status);
+  if (status == CUSPARSE_STATUS_INTERNAL_ERROR) text += "\nInternal Error";
+  if (status == CUSPARSE_STATUS_EXECUTION_FAILED) text += "\nExecution Failed";
+  fail(text);
 }
 
-// dp_dev[d] += the weights of resident document d, times the (r+1)-th nearest distances.
-void add_product(GpuBlock& block, const float* weights, int r, const std::string& failure) {
+// distances[i] += the weights of resident document i, times its words' nearest distances.
+void add_product(GpuBlock& block, const float* weights, const float* nearest, float* distances,
+                 const std::string& failure) {
   const float fp1 = 1;
   constexpr int one_document = 1;
-  const cusparseStatus_t status = cusparseScsrmm(
-      block.sparse.handle, CUSPARSE_OPERATION_NON_TRANSPOSE, num_docs, one_document, voc_size,
-      num_vecs, &fp1, block.sparse.descr, weights, start_dev, ind_dev,
-      block.Y_dev_t.get() + elements(r, voc_size), voc_size, &fp1, block.dp_dev.get(), num_docs);
+  const cusparseStatus_t status =
+      cusparseScsrmm(block.sparse.handle, CUSPARSE_OPERATION_NON_TRANSPOSE, num_docs, one_document,
+                     voc_size, num_vecs, &fp1, block.sparse.descr, weights, start_dev, ind_dev,
+                     nearest, voc_size, &fp1, distances, num_docs);
   if (status != CUSPARSE_STATUS_SUCCESS) {
     fail("Sparse matrix-matrix multiplication failed in " + failure + number_of(status));
   }
 }
 
 // Each of the nearest entries in turn takes at most its own weight; the rest goes to the next one.
-void pour(GpuBlock& block, int doc) {
-  const int steps = steps_of_document(block.steps, entries_of(doc));
-  cudaMemset(block.dp_dev.get(), 0, elements(1, num_docs) * sizeof(float));
+// The distances are zeros.
+void pour_document(GpuBlock& block, const NearestEntries& nearest, int steps, float* distances) {
   float* left = weight_dev;
   for (int k = 0; k < steps; ++k) {
     launch(update_weights_delta_multi, row_grid(num_docs), block_shape(), num_docs, left, start_dev,
-           ind_dev, voc_size, k, block.weights_min_dev_t.get(), block.weight_delta.get(),
+           ind_dev, voc_size, k, nearest.weights, block.weight_delta.get(),
            block.weight_updated.get());
     left = block.weight_updated.get();
-    add_product(block, block.weight_delta.get(), k, "iteration " + std::to_string(k) + " ");
+    add_product(block, block.weight_delta.get(), nearest.distances + elements(k, voc_size),
+                distances, "iteration " + std::to_string(k) + " ");
   }
-  add_product(block, left, steps, steps == 0 ? "final iteration 0 " : "final iteration ");
-  constexpr int one_document = 1;
-  copy_to_Z(block, doc, one_document);
+  add_product(block, left, nearest.distances + elements(steps, voc_size), distances,
+              steps == 0 ? "final iteration 0 " : "final iteration ");
+}
+
+void pour(GpuBlock& block, const NearestEntries& nearest, int first_doc, int docs) {
+  if (block.fused) {
+    const ResidentRows resident{num_docs, start_dev, ind_dev, weight_dev};
+    launch(pour_documents, dim3(blocks_for(num_docs, threads_per_block), docs), block_shape(),
+           resident, nearest, block.steps_dev.get() + first_doc, block.stride, block.dp_dev.get());
+    return;
+  }
+  cudaMemset(block.dp_dev.get(), 0, docs * block.stride * sizeof(float));
+  for (int q = 0; q < docs; ++q) {
+    const Index table = elements(q, nearest.strides.doc);
+    pour_document(block, {nearest.distances + table, nearest.weights + table, nearest.strides},
+                  steps_of_document(block.asked.steps, entries_of(first_doc + q)),
+                  block.dp_dev.get() + q * block.stride);
+  }
+}
+
+void copy_to_Z(const GpuBlock& block, int first_doc, int docs) {
+  const std::size_t row_bytes = num_docs * sizeof(float);
+  if (cudaMemcpy2D(block.asked.Z + elements(first_doc, num_docs), row_bytes, block.dp_dev.get(),
+                   block.stride * sizeof(float), row_bytes, docs,
+                   cudaMemcpyDeviceToHost) != cudaSuccess) {
+    fail("Failed to copy Z");
+  }
+}
+
+// The distances of a section, whose tables are complete.
+void finish_section(GpuBlock& block, const BatchSection& section) {
+  const int group = block.asked.budget.group_docs;
+  for (int doc = section.first_doc; doc < section.last_doc; doc += group) {
+    const int docs = std::min(group, section.last_doc - doc);
+    const NearestEntries nearest = tables_from(block, doc - section.first_doc);
+    begin(block, GpuStep::pour);
+    if (block.asked.steps > 0)
+      pour(block, nearest, doc, docs);
+    else
+      send_to_nearest(block, nearest.distances, docs);
+    begin(block, GpuStep::copy);
+    copy_to_Z(block, doc, docs);
+  }
 }
 
 // Pass p of a section holds all rows of its documents, or some of the rows of its one document.
 void run_pass(GpuBlock& block, const BatchSection& section, int p) {
   const RowPass& pass = block.rows.passes[p];
-  const bool goes_on = p > section.first_pass, complete = p + 1 == section.last_pass;
-  if (!block.precompute) compute_rows(block, pass);
-  if (block.steps > 0) {
-    for (int doc = section.first_doc; doc < section.last_doc; ++doc) {
-      choose_nearest(block, pass, goes_on, doc);
-      if (complete) pour(block, doc);
-    }
-    return;
+  const bool goes_on = p > section.first_pass;
+  const bool empty = pass.first_row == pass.last_row;
+  DeviceRows rows{};
+  if (!empty) {
+    begin(block, GpuStep::gather);
+    rows = rows_of_pass(block, pass);
   }
-  for (int doc = section.first_doc; doc < section.last_doc; doc += block.budget.group_docs) {
-    const int docs = std::min(block.budget.group_docs, section.last_doc - doc);
-    find_nearest(block, pass, goes_on, doc, docs);
-    if (complete) send_to_nearest(block, doc, docs);
+  const int words = block.asked.precompute
+                        ? std::min(voc_size, widest_tile)
+                        : words_of_tile(block.asked.budget, voc_size, rows.count);
+  for (int first = 0; first < voc_size; first += std::min(words, voc_size - first)) {
+    const WordTile tile{first, std::min(words, voc_size - first)};
+    compute_rows(block, pass, rows, tile);
+    choose_nearest(block, section, pass, goes_on, tile);
   }
 }
 
 void run_sections(GpuBlock& block) {
   for (const BatchSection& section : block.rows.sections) {
     for (int p = section.first_pass; p < section.last_pass; ++p) run_pass(block, section, p);
+    finish_section(block, section);
   }
 }
 
 // Z of the batch held, by the state of the engine.
-void compute_block(float* Z, int delta_iterations, bool precompute, const GpuBudget& budget,
+void compute_block(const BlockRequest& asked, const QueryRows& query_rows,
                    const EmbeddingHashes& hashes) {
   // Nothing to launch, and nothing to pay for, where no resident document has an entry.
   if (num_docs2 <= 0 || num_docs <= 0) return;
   if (num_vecs <= 0) {
-    std::fill_n(Z, elements(num_docs2, num_docs), 0.0f);
+    std::fill_n(asked.Z, elements(num_docs2, num_docs), 0.0f);
     return;
   }
+  if (asked.begins) asked.begins(GpuStep::prepare);
   forget_earlier_errors();
-  GpuBlock block{.Z = Z,
-                 .steps = delta_iterations,
-                 .precompute = precompute,
-                 .budget = budget,
-                 .rows = plan_rows(precompute, budget, hashes.row_of_entry),
+  GpuBlock block{.asked = asked,
+                 .rows = plan_rows(asked, query_rows.distinct),
+                 .held_row = {},
                  .hashes = hashes};
+  for (const int entry : block.rows.entry_of_row) {
+    block.held_row.push_back(query_rows.held_by_entry ? entry
+                                                      : query_rows.distinct.row_of_entry[entry]);
+  }
   allocate_buffers(block);
   run_sections(block);
+  begin(block, GpuStep::release);
   require_launched();
   free_buffers(block);
   block.sparse.close();
+  begin(block, GpuStep::finished);
 }
 
 }  // namespace

@@ -10,13 +10,14 @@
 #include "internal/index.hpp"
 #include "libwmd/distinct_rows.hpp"
 #include "libwmd/gpu/platform/device.hpp"
+#include "libwmd/gpu/sizes.hpp"
 #include "libwmd/word_distance.hpp"
 
 namespace talvik {
 
 namespace internal {
 
-inline constexpr int threads_per_block = 128;
+inline constexpr int threads_per_block = words_per_block;
 // A grid has at most 65,535 blocks in y, so rows are counted along x first.
 inline constexpr int blocks_across = 1024;
 
@@ -28,9 +29,14 @@ inline dim3 row_grid(int rows) {
   return dim3(std::min(rows, blocks_across), blocks_for(rows, blocks_across));
 }
 
-/// Column launch, a thread per column, and a row of blocks per document.
-inline dim3 column_grid(int cols, int documents = 1) {
-  return dim3(blocks_for(cols, threads_per_block), documents);
+/// Column launch, a thread per column.
+inline dim3 column_grid(int cols) { return dim3(blocks_for(cols, threads_per_block)); }
+
+/// A column of blocks per document, a thread per word of a tile.  Blocks start along x first, so
+/// that those of a few words meet the same distance rows in the second-level cache, document after
+/// document.
+inline dim3 document_grid(int docs, int words) {
+  return dim3(docs, blocks_for(words, threads_per_block));
 }
 
 inline dim3 block_shape() { return dim3(threads_per_block); }
@@ -60,7 +66,12 @@ TALVIK_BOTH inline void insert_smallest(float (&value)[N], float (&weight)[N], f
   }
 }
 
-/// The distances of entries to all words.
+/// Words [first, first + count) of the vocabulary.
+struct WordTile {
+  int first, count;
+};
+
+/// The distances of entries to the words of a tile.
 struct EntryDistances {
   const float* rows;        ///< cols distances each
   const int* row_of_entry;  ///< null: entry t has row t
@@ -78,64 +89,87 @@ struct DeviceRows {
   float* norms;   ///< squared; null if normalize_embeddings
 };
 
-/// Per column, the nearest entries: the r-th stands at r*cols + c, its weight likewise.
-struct NearestEntries {
-  float* distances;
-  float* weights;
+/// Where the nearest entries of documents to words stand: of the r-th, of word v and document q, at
+/// q*doc + v*word + r*rank.
+struct TableStrides {
+  Index doc;
+  int word, rank;
 };
 
-/// The N nearest of a document's first `count` entries to column c.  A list that they do not fill
-/// ends with far_away and no weight.
+/// A row of words per rank, as the sparse products take them.
+inline TableStrides rows_of_words(int kept, int voc_size) {
+  return {row_offset(kept, voc_size), 1, voc_size};
+}
+
+/// A word's distances and weights side by side, in one sector of memory (32 bytes) for 4 of them.
+inline TableStrides pairs_by_word(int kept, int voc_size) {
+  return {row_offset(2 * kept, voc_size), 2 * kept, 2};
+}
+
+/// Tables of nearest entries.
+struct NearestEntries {
+  float* distances;
+  float* weights;  ///< null: not kept
+  TableStrides strides;
+};
+
+// Loads that a thread has under way before it compares: the comparisons depend on each other, and a
+// load from memory takes longer than all of them.  Fewer beside lists that fill the registers.
+template <int N>
+inline constexpr int loads_at_once = N <= 4 ? 8 : 4;
+
+/// The N nearest of entries [first, last) to the word at column c of their distances.  A list that
+/// they do not fill ends with far_away and no weight.
+/// @param nearest  begins at this document and word
 /// @param goes_on  nearest holds the result over earlier entries
 template <int N>
-__device__ void nearest_of_column(int c, const EntryDistances& entries, int count,
+__device__ void nearest_of_column(int c, const EntryDistances& entries, int first, int last,
                                   const float* entry_weights, const NearestEntries& nearest,
                                   bool goes_on) {
   float value[N], weight[N];
+  const bool weighted = nearest.weights != nullptr;
   for (int r = 0; r < N; ++r) {
-    const Index at = row_offset(r, entries.cols) + c;
+    const Index at = row_offset(r, nearest.strides.rank);
     value[r] = goes_on ? nearest.distances[at] : far_away;
-    weight[r] = goes_on ? nearest.weights[at] : 0;
+    weight[r] = goes_on && weighted ? nearest.weights[at] : 0;
   }
-  for (int t = 0; t < count; ++t) {
-    insert_smallest(value, weight, entries.at(t, c), entry_weights[t]);
+  constexpr int at_once = loads_at_once<N>;
+  int t = first;
+  for (; t + at_once <= last; t += at_once) {
+    float y[at_once];
+    for (int i = 0; i < at_once; ++i) y[i] = entries.at(t + i, c);
+    for (int i = 0; i < at_once; ++i) {
+      insert_smallest(value, weight, y[i], weighted ? entry_weights[t + i] : 0);
+    }
+  }
+  for (; t < last; ++t) {
+    insert_smallest(value, weight, entries.at(t, c), weighted ? entry_weights[t] : 0);
   }
   for (int r = 0; r < N; ++r) {
-    const Index at = row_offset(r, entries.cols) + c;
+    const Index at = row_offset(r, nearest.strides.rank);
     nearest.distances[at] = value[r];
-    nearest.weights[at] = weight[r];
+    if (weighted) nearest.weights[at] = weight[r];
   }
 }
 
-/// topN_single over entries that may share a row.  Column launch.
-template <int N>
-__global__ void top_of_rows(EntryDistances entries, int count, const float* entry_weights,
-                            NearestEntries nearest, bool goes_on) {
-  const int c = column_of_thread();
-  if (c < entries.cols) {
-    nearest_of_column<N>(c, entries, count, entry_weights, nearest, goes_on);
-  }
-}
-
-/// nearest[q][c] = the smallest distance of column c to the entries of document q, of those of
-/// the pass; far_away if there are none.  Column launch, with a row of blocks per document: one
-/// document alone would leave most of a GPU idle.
-/// @param start    entry offsets, from document 0 of the launch
+/// The N nearest entries of every document, among those of the pass, to every word of the tile;
+/// far_away where there are fewer.  Launched on document_grid.
+/// @param start    entry offsets, from document 0 of the launch and of `nearest`
 /// @param goes_on  nearest holds the result over earlier passes
-__global__ void nearest_of_documents(EntryDistances entries, const int* start, RowPass pass,
-                                     float* nearest, bool goes_on) {
-  const int c = column_of_thread();
-  if (c >= entries.cols) return;
-  const int q = blockIdx.y;
+template <int N>
+__global__ void nearest_of_documents(EntryDistances entries, WordTile tile, const int* start,
+                                     RowPass pass, const float* entry_weights,
+                                     NearestEntries nearest, bool goes_on) {
+  const int c = blockIdx.y * threads_per_block + threadIdx.x;
+  if (c >= tile.count) return;
+  const int q = blockIdx.x;
+  const Index offset =
+      row_offset(q, nearest.strides.doc) + row_offset(tile.first + c, nearest.strides.word);
+  nearest.distances += offset;
+  if (nearest.weights) nearest.weights += offset;
   const int first = start[q] > pass.first_entry ? start[q] : pass.first_entry;
   const int last = start[q + 1] < pass.last_entry ? start[q + 1] : pass.last_entry;
-  float& result = nearest[row_offset(q, entries.cols) + c];
-  float smallest = goes_on ? result : far_away;
-  for (int t = first; t < last; ++t) {
-    const float y = entries.at(t, c);
-    if (y < smallest) smallest = y;
-  }
-  result = smallest;
+  nearest_of_column<N>(c, entries, first, last, entry_weights, nearest, goes_on);
 }
 
 /// The body of topN_single.
@@ -143,8 +177,45 @@ template <int N>
 __device__ void top_of_column(int rows, int cols, const float* D, float* D_k, const float* w,
                               float* w_k) {
   const int c = column_of_thread();
+  constexpr int first = 0;
   constexpr bool goes_on = false;
-  if (c < cols) nearest_of_column<N>(c, {D, nullptr, cols}, rows, w, {D_k, w_k}, goes_on);
+  if (c < cols) {
+    nearest_of_column<N>(c, {D, nullptr, cols}, first, rows, w, {D_k + c, w_k + c, {0, 1, cols}},
+                         goes_on);
+  }
+}
+
+/// The resident collection.
+struct ResidentRows {
+  int num_docs;
+  const int *start, *ind;
+  const float* weight;
+};
+
+/// distances[q*stride + i] = what the weights of resident document i cost on their way to document
+/// q: each of an entry's nearest in turn takes at most its own weight, the last one the rest.
+/// Column launch over resident documents, with a row of blocks per query document.
+/// @param steps  capacity steps of every query document
+__global__ void pour_documents(ResidentRows resident, NearestEntries nearest, const int* steps,
+                               Index stride, float* distances) {
+  const int i = column_of_thread();
+  if (i >= resident.num_docs) return;
+  const int q = blockIdx.y;
+  const Index table = row_offset(q, nearest.strides.doc);
+  const int last = steps[q];
+  float sum = 0;
+  for (int p = resident.start[i]; p < resident.start[i + 1]; ++p) {
+    float left = resident.weight[p];
+    Index at = table + row_offset(resident.ind[p], nearest.strides.word);
+    for (int k = 0; k < last; ++k, at += nearest.strides.rank) {
+      const float capacity = nearest.weights[at];
+      const float moved = left > capacity ? capacity : left;
+      sum += moved * nearest.distances[at];
+      left -= moved;
+    }
+    sum += left * nearest.distances[at];
+  }
+  distances[row_offset(q, stride) + i] = sum;
 }
 
 }  // namespace internal
@@ -238,19 +309,22 @@ inline __device__ bool are_equal(const float* word, const float* row, int m) {
   return !zero;
 }
 
-/// D[row][word] = the distance of equal rows, for all pairs whose rows are: a word that stands in a
-/// document is at distance 0, however the product has been rounded.  Column launch, a pair each.
+/// D[row][word - tile.first] = the distance of equal rows, for all pairs of words of the tile whose
+/// rows are: a word that stands in a document is at distance 0, however the product has been
+/// rounded.  Column launch, a pair each.
 /// @param pairs  null: word i and row i
 template <Metric metric>
-__global__ void set_equal_rows(int count, const EqualRows* pairs, DeviceRows words, DeviceRows rows,
-                               int m, float* D) {
+__global__ void set_equal_rows(int count, const EqualRows* pairs, DeviceRows words, WordTile tile,
+                               DeviceRows rows, int m, float* D) {
   const int i = column_of_thread();
   if (i >= count) return;
   const auto [word, row] = pairs ? pairs[i] : EqualRows{i, i};
+  if (word < tile.first || word >= tile.first + tile.count) return;
   if (!are_equal(words.values + row_offset(word, m), rows.values + row_offset(row, m), m)) return;
   const float norm = words.norms ? words.norms[word] : 1;
   if (!has_direction(norm)) return;
-  D[row_offset(row, words.count) + word] = distance_to_itself<metric>(norm, words.norms == nullptr);
+  D[row_offset(row, tile.count) + (word - tile.first)] =
+      distance_to_itself<metric>(norm, words.norms == nullptr);
 }
 
 }  // namespace internal

@@ -12,17 +12,18 @@
 #include <cublas_v2.h>
 #include <cuda_runtime.h>
 #include <cusparse.h>
-
-#include "libwmd/gpu/platform/legacy_sparse.hpp"
 #else
 // Thrust reads this when its first header comes in.
 #define THRUST_DEVICE_SYSTEM THRUST_DEVICE_SYSTEM_OMP
 #include "libwmd/gpu/platform/hostdev.hpp"
 #endif
 
+#include "libwmd/gpu/platform/legacy_sparse.hpp"
+
 #if defined(__CUDACC__) || !defined(TALVIK_DEVICE_CUDA)
 #include <thrust/device_ptr.h>
 #include <thrust/execution_policy.h>
+#include <thrust/system_error.h>
 #include <thrust/transform.h>
 
 #include <cassert>
@@ -34,9 +35,6 @@ namespace talvik {
 inline constexpr bool device_is_stand_in = false;
 #else
 inline constexpr bool device_is_stand_in = true;
-
-/// The stand-in's sparse product needs no workspace.
-inline cudaError_t release_sparse_workspace() { return cudaSuccess; }
 #endif
 
 #if defined(__CUDACC__) || !defined(TALVIK_DEVICE_CUDA)
@@ -54,12 +52,13 @@ void launch(void (*kernel)(Parameters...), dim3 grid, dim3 block,
 #endif
 }
 
-/// value = function(value) for `count` floats in device memory.  Throws Thrust's system error.
+/// value = function(value) for `count` floats in device memory.  Throws Thrust's system error, and
+/// what an earlier launch has failed with may be forgotten.
 template <class Function>
 void transform_in_place(float* device_values, size_t count, Function function) {
 #ifndef __CUDACC__
   const hostdev::DeviceWork work;
-  hostdev::check_transform(device_values, count);
+  if (!hostdev::begin_transform(device_values, count)) return;
 #endif
   const thrust::device_ptr<float> first(device_values);
   thrust::transform(first, first + count, first, function);

@@ -40,6 +40,8 @@ FaultPlan plan;
 int device_count = 1;
 thread_local int device = 0;
 cudaError_t last_error = cudaSuccess;
+Counts totals;
+bool executing = true;
 
 bool set_in_environment(const char* name) {
   const char* value = std::getenv(name);
@@ -86,6 +88,33 @@ void require_host_range(const char* call, const void* first, size_t bytes) {
   if (holder_of(first) != allocations.end() ||
       (next != allocations.end() && next->first < begin + bytes))
     die(call, "the host side of the copy lies in device memory");
+}
+
+void copy_rows(const char* call, void* to, size_t to_pitch, const void* from, size_t from_pitch,
+               size_t width, size_t height, cudaMemcpyKind kind) {
+  const size_t to_bytes = (height - 1) * to_pitch + width;
+  const size_t from_bytes = (height - 1) * from_pitch + width;
+  const auto bytes = static_cast<long long>(width) * static_cast<long long>(height);
+  if (kind == cudaMemcpyHostToDevice) {
+    require_host_range(call, from, from_bytes);
+    totals.bytes_to_device += bytes;
+  } else {
+    require_device_range(call, from, from_bytes);
+  }
+  if (kind == cudaMemcpyDeviceToHost) {
+    require_host_range(call, to, to_bytes);
+    totals.bytes_to_host += bytes;
+    ++totals.waits;
+  } else {
+    require_device_range(call, to, to_bytes);
+  }
+  if (kind != cudaMemcpyDeviceToDevice) ++totals.copies;
+  if (!executing) return;
+  const DeviceWork work;
+  for (size_t row = 0; row < height; ++row) {
+    std::memcpy(static_cast<char*>(to) + row * to_pitch,
+                static_cast<const char*>(from) + row * from_pitch, width);
+  }
 }
 
 size_t page_bytes() { return sysconf(_SC_PAGESIZE); }
@@ -142,6 +171,16 @@ int count_call(std::string_view call) {
   return plan.status;
 }
 
+Counts& open_counts() { return totals; }
+
+const Counts& counts() { return totals; }
+
+void reset_counts() { totals = {}; }
+
+bool execution_is_on() { return executing; }
+
+void set_execution(bool on) { executing = on; }
+
 void plan_fault(const FaultPlan& new_plan) { plan = new_plan; }
 
 size_t live_allocations() { return allocations.size(); }
@@ -159,12 +198,14 @@ bool interleaved() {
   return value;
 }
 
-void check_launch(dim3 grid, dim3 block) {
-  count_call("launch");
+bool begin_launch(dim3 grid, dim3 block) {
   const unsigned long long threads = 1ull * block.x * block.y * block.z;
   const bool grid_fits = grid.x >= 1 && grid.x <= most_blocks_x && grid.y >= 1 &&
                          grid.y <= most_blocks_yz && grid.z >= 1 && grid.z <= most_blocks_yz;
-  if (grid_fits && threads >= 1 && threads <= most_threads && block.z <= most_threads_z) return;
+  if (grid_fits && threads >= 1 && threads <= most_threads && block.z <= most_threads_z) {
+    ++totals.launches;
+    return planned("launch") == cudaSuccess && executing;
+  }
   const auto text = [](dim3 shape) {
     return std::to_string(shape.x) + " x " + std::to_string(shape.y) + " x " +
            std::to_string(shape.z);
@@ -172,11 +213,14 @@ void check_launch(dim3 grid, dim3 block) {
   die("launch", "a GPU refuses a grid of " + text(grid) + " blocks of " + text(block));
 }
 
-void check_transform(const float* device_values, size_t count) {
+bool begin_transform(const float* device_values, size_t count) {
   require_device_range("transform_in_place", device_values, count * sizeof(float));
   if (const int status = count_call("transform_in_place"))
     throw thrust::system_error(status, thrust::system_category(),
                                "transform: failed to synchronize");
+  last_error = cudaSuccess;
+  ++totals.launches;
+  return executing;
 }
 
 inline namespace vendor {
@@ -207,6 +251,7 @@ cudaError_t cudaMalloc(void** pointer, size_t bytes) {
   if (bytes == 0) return cudaSuccess;
   if (used_bytes > plan.memory_limit || bytes > plan.memory_limit - used_bytes)
     return result_of(cudaErrorMemoryAllocation);
+  ++totals.allocations;
   Allocation allocation{bytes, device, nullptr, 0};
   // Small allocations come from malloc, where the address sanitizer sees accesses beyond either
   // end.
@@ -226,6 +271,7 @@ cudaError_t cudaFree(void* pointer) {
   if (pointer == nullptr) return cudaSuccess;
   const auto found = allocations.find(static_cast<const char*>(pointer));
   if (found == allocations.end()) die("cudaFree", "not the start of a live device allocation");
+  ++totals.waits;
   const Allocation allocation = found->second;
   allocations.erase(found);
   used_bytes -= allocation.bytes;
@@ -240,23 +286,30 @@ cudaError_t cudaMemset(void* pointer, int value, size_t bytes) {
   if (const cudaError_t status = planned("cudaMemset")) return status;
   require_device_range("cudaMemset", pointer, bytes);
   const DeviceWork work;
-  if (bytes > 0) std::memset(pointer, value, bytes);
+  if (bytes > 0 && executing) std::memset(pointer, value, bytes);
   return cudaSuccess;
 }
 
 cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind kind) {
   if (const cudaError_t status = planned("cudaMemcpy")) return status;
   if (bytes == 0) return cudaSuccess;
-  if (kind == cudaMemcpyHostToDevice)
-    require_host_range("cudaMemcpy", from, bytes);
-  else
-    require_device_range("cudaMemcpy", from, bytes);
-  if (kind == cudaMemcpyDeviceToHost)
-    require_host_range("cudaMemcpy", to, bytes);
-  else
-    require_device_range("cudaMemcpy", to, bytes);
-  const DeviceWork work;
-  std::memcpy(to, from, bytes);
+  constexpr size_t one_row = 1;
+  copy_rows("cudaMemcpy", to, bytes, from, bytes, bytes, one_row, kind);
+  return cudaSuccess;
+}
+
+cudaError_t cudaMemcpy2D(void* to, size_t to_pitch, const void* from, size_t from_pitch,
+                         size_t width, size_t height, cudaMemcpyKind kind) {
+  if (const cudaError_t status = planned("cudaMemcpy2D")) return status;
+  if (width > to_pitch || width > from_pitch) return result_of(cudaErrorInvalidValue);
+  if (width == 0 || height == 0) return cudaSuccess;
+  copy_rows("cudaMemcpy2D", to, to_pitch, from, from_pitch, width, height, kind);
+  return cudaSuccess;
+}
+
+cudaError_t cudaDeviceSynchronize() {
+  if (const cudaError_t status = planned("cudaDeviceSynchronize")) return status;
+  ++totals.waits;
   return cudaSuccess;
 }
 

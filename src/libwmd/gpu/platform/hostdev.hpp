@@ -34,10 +34,16 @@ inline namespace vendor {
 // Numbers are the vendor's: messages print them.
 enum cudaError_t : int {
   cudaSuccess = 0,
+  cudaErrorInvalidValue = 1,
   cudaErrorMemoryAllocation = 2,
   cudaErrorInvalidDevice = 101
 };
-enum cudaMemcpyKind { cudaMemcpyHostToDevice = 1, cudaMemcpyDeviceToHost = 2 };
+enum cudaMemcpyKind {
+  cudaMemcpyHostToDevice = 1,
+  cudaMemcpyDeviceToHost = 2,
+  cudaMemcpyDeviceToDevice = 3
+};
+enum cudaDataType { CUDA_R_32F = 0, CUDA_R_64F = 1 };
 enum cublasStatus_t : int {
   CUBLAS_STATUS_SUCCESS = 0,
   CUBLAS_STATUS_NOT_INITIALIZED = 1,
@@ -47,20 +53,29 @@ enum cublasOperation_t { CUBLAS_OP_N = 0, CUBLAS_OP_T = 1 };
 enum cusparseStatus_t : int {
   CUSPARSE_STATUS_SUCCESS = 0,
   CUSPARSE_STATUS_NOT_INITIALIZED = 1,
+  CUSPARSE_STATUS_ALLOC_FAILED = 2,
   CUSPARSE_STATUS_INVALID_VALUE = 3,
   CUSPARSE_STATUS_EXECUTION_FAILED = 6,
-  CUSPARSE_STATUS_INTERNAL_ERROR = 7
+  CUSPARSE_STATUS_INTERNAL_ERROR = 7,
+  CUSPARSE_STATUS_NOT_SUPPORTED = 10
 };
-enum cusparseOperation_t { CUSPARSE_OPERATION_NON_TRANSPOSE = 0 };
+enum cusparseOperation_t { CUSPARSE_OPERATION_NON_TRANSPOSE = 0, CUSPARSE_OPERATION_TRANSPOSE = 1 };
+enum cusparseIndexType_t { CUSPARSE_INDEX_32I = 2, CUSPARSE_INDEX_64I = 3 };
+enum cusparseOrder_t { CUSPARSE_ORDER_COL = 1, CUSPARSE_ORDER_ROW = 2 };
+enum cusparseSpMMAlg_t { CUSPARSE_SPMM_CSR_ALG1 = 4 };
 enum cusparseMatrixType_t { CUSPARSE_MATRIX_TYPE_GENERAL = 0 };
 enum cusparseIndexBase_t { CUSPARSE_INDEX_BASE_ZERO = 0 };
 
 struct cublasContext;
 struct cusparseContext;
 struct cusparseMatDescr;
+struct cusparseSpMatDescr;
+struct cusparseDnMatDescr;
 using cublasHandle_t = cublasContext*;
 using cusparseHandle_t = cusparseContext*;
 using cusparseMatDescr_t = cusparseMatDescr*;
+using cusparseSpMatDescr_t = cusparseSpMatDescr*;
+using cusparseDnMatDescr_t = cusparseDnMatDescr*;
 
 // --- Device, memory, copies
 
@@ -80,6 +95,10 @@ cudaError_t cudaMalloc(T** pointer, size_t bytes) {
 cudaError_t cudaFree(void* pointer);
 cudaError_t cudaMemset(void* pointer, int value, size_t bytes);
 cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind kind);
+/// `height` rows of `width` bytes each, whose beginnings are a pitch apart.
+cudaError_t cudaMemcpy2D(void* to, size_t to_pitch, const void* from, size_t from_pitch,
+                         size_t width, size_t height, cudaMemcpyKind kind);
+cudaError_t cudaDeviceSynchronize();
 cudaError_t cudaMemGetInfo(size_t* free_bytes, size_t* total_bytes);
 
 // --- Dense and sparse products; alpha and beta lie on the host
@@ -97,15 +116,29 @@ cusparseStatus_t cusparseCreateMatDescr(cusparseMatDescr_t* descr);
 cusparseStatus_t cusparseDestroyMatDescr(cusparseMatDescr_t descr);
 cusparseStatus_t cusparseSetMatType(cusparseMatDescr_t descr, cusparseMatrixType_t type);
 cusparseStatus_t cusparseSetMatIndexBase(cusparseMatDescr_t descr, cusparseIndexBase_t base);
-cusparseStatus_t cusparseScsrmm(cusparseHandle_t handle, cusparseOperation_t transA, int m, int n,
-                                int k, int nnz, const float* alpha, cusparseMatDescr_t descrA,
-                                const float* values, const int* row_offsets, const int* columns,
-                                const float* B, int ldb, const float* beta, float* C, int ldc);
-cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperation_t transA,
-                                 cusparseOperation_t transB, int m, int n, int k, int nnz,
-                                 const float* alpha, cusparseMatDescr_t descrA, const float* values,
-                                 const int* row_offsets, const int* columns, const float* B,
-                                 int ldb, const float* beta, float* C, int ldc);
+cusparseIndexBase_t cusparseGetMatIndexBase(cusparseMatDescr_t descr);
+
+cusparseStatus_t cusparseCreateCsr(cusparseSpMatDescr_t* descr, long long rows, long long cols,
+                                   long long nnz, void* row_offsets, void* columns, void* values,
+                                   cusparseIndexType_t offset_type, cusparseIndexType_t column_type,
+                                   cusparseIndexBase_t base, cudaDataType value_type);
+cusparseStatus_t cusparseDestroySpMat(cusparseSpMatDescr_t descr);
+cusparseStatus_t cusparseCreateDnMat(cusparseDnMatDescr_t* descr, long long rows, long long cols,
+                                     long long ld, void* values, cudaDataType value_type,
+                                     cusparseOrder_t order);
+cusparseStatus_t cusparseDestroyDnMat(cusparseDnMatDescr_t descr);
+cusparseStatus_t cusparseSpMM_bufferSize(cusparseHandle_t handle, cusparseOperation_t opA,
+                                         cusparseOperation_t opB, const void* alpha,
+                                         cusparseSpMatDescr_t A, cusparseDnMatDescr_t B,
+                                         const void* beta, cusparseDnMatDescr_t C,
+                                         cudaDataType compute_type, cusparseSpMMAlg_t alg,
+                                         size_t* bytes);
+/// Rows of A, or columns of B, that do not fit an int are refused.  C lies at a multiple of 16
+/// bytes, and `workspace` holds what cusparseSpMM_bufferSize has asked for.
+cusparseStatus_t cusparseSpMM(cusparseHandle_t handle, cusparseOperation_t opA,
+                              cusparseOperation_t opB, const void* alpha, cusparseSpMatDescr_t A,
+                              cusparseDnMatDescr_t B, const void* beta, cusparseDnMatDescr_t C,
+                              cudaDataType compute_type, cusparseSpMMAlg_t alg, void* workspace);
 
 // --- Kernels
 
@@ -126,10 +159,12 @@ class DeviceWork {
   DeviceWork& operator=(const DeviceWork&) = delete;
 };
 
-/// Ends the process for a shape that a GPU refuses.
-void check_launch(dim3 grid, dim3 block);
+/// Ends the process for a shape that a GPU refuses.  False where the launch is not to be executed:
+/// a fault is planned, whose status cudaGetLastError() then has, or execution is off.
+bool begin_launch(dim3 grid, dim3 block);
 /// Ends the process unless the floats lie in one allocation; throws where a fault is planned.
-void check_transform(const float* device_values, size_t count);
+/// Forgets the error of an earlier launch, as Thrust may.  False where execution is off.
+bool begin_transform(const float* device_values, size_t count);
 bool interleaved();
 
 // The i-th position of a shape, counted along x, then y, then z.
@@ -145,7 +180,7 @@ constexpr dim3 position(long long i, dim3 shape) {
 template <class DeviceThread>
 void run_grid(dim3 grid, dim3 block, const DeviceThread& device_thread) {
   const DeviceWork work;
-  check_launch(grid, block);
+  if (!begin_launch(grid, block)) return;
   const long long blocks = 1LL * grid.x * grid.y * grid.z;
   const long long block_threads = 1LL * block.x * block.y * block.z;
   const bool by_threads = interleaved();

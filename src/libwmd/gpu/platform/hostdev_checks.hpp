@@ -14,6 +14,12 @@ namespace talvik::hostdev {
 /// Ends the process unless the bytes lie in one live allocation of the selected device.
 void require_device_range(const char* call, const void* first, size_t bytes);
 
+/// What the call is counted as, for hostdev_vendor.cpp to add to.
+struct Counts;
+Counts& open_counts();
+
+bool execution_is_on();
+
 /// Counts the call; the status that a fault plan has for it now, or 0.
 int count_call(std::string_view call);
 

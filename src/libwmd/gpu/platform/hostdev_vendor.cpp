@@ -2,6 +2,11 @@
 #include <Eigen/Core>
 #include <Eigen/SparseCore>
 #include <algorithm>
+#include <climits>
+#include <cstdint>  // uintptr_t
+#include <cstring>  // memset
+#include <initializer_list>
+#include <memory>
 #include <set>
 
 #include "internal/index.hpp"
@@ -15,6 +20,15 @@ inline namespace vendor {
 struct cublasContext {};
 struct cusparseContext {};
 struct cusparseMatDescr {};
+struct cusparseSpMatDescr {
+  int rows, cols, nnz;
+  const int *row_offsets, *columns;
+  const float* values;
+};
+struct cusparseDnMatDescr {
+  int rows, cols, ld;
+  float* values;
+};
 }  // namespace vendor
 
 namespace {
@@ -29,8 +43,9 @@ std::set<const void*> handles;
 template <class Status, class Handle>
 Status create(const char* call, Handle** handle) {
   if (const int status = count_call(call)) return static_cast<Status>(status);
-  *handle = new Handle;
-  handles.insert(*handle);
+  auto created = std::make_unique<Handle>();
+  handles.insert(created.get());
+  *handle = created.release();
   return Status{};
 }
 
@@ -51,7 +66,8 @@ void require_values(const char* call, const void* values, Index count) {
 
 // From the first element to the last of a column-major matrix.
 void require_matrix(const char* call, const float* matrix, int rows, int columns, int ld) {
-  if (rows > 0) require_values(call, matrix, internal::elements(columns - 1, ld) + rows);
+  if (rows > 0 && columns > 0)
+    require_values(call, matrix, internal::elements(columns - 1, ld) + rows);
 }
 
 // C = alpha product + beta C.  Under beta 0 C is not read: it may hold NaNs.
@@ -71,6 +87,30 @@ void check_csr(const char* call, int m, int k, int nnz, const int* row_offsets,
     die(call, "the row offsets do not ascend from 0 to the number of entries");
   if (std::any_of(columns, columns + nnz, [k](int column) { return column < 0 || column >= k; }))
     die(call, "a column index lies outside the matrix");
+}
+
+bool positive_ints(std::initializer_list<long long> sizes) {
+  return std::all_of(sizes.begin(), sizes.end(), [](long long n) { return n > 0 && n <= INT_MAX; });
+}
+
+// What newer releases of the sparse library ask for.
+constexpr std::uintptr_t output_alignment = 16;
+
+cusparseStatus_t check_product(cusparseHandle_t handle, cusparseOperation_t opA,
+                               cusparseOperation_t opB, cusparseSpMatDescr_t A,
+                               cusparseDnMatDescr_t B, cusparseDnMatDescr_t C,
+                               cudaDataType compute_type) {
+  if (!live(handle) || !live(A) || !live(B) || !live(C)) return CUSPARSE_STATUS_NOT_INITIALIZED;
+  if (opA != CUSPARSE_OPERATION_NON_TRANSPOSE || opB != CUSPARSE_OPERATION_NON_TRANSPOSE ||
+      compute_type != CUDA_R_32F)
+    return CUSPARSE_STATUS_NOT_SUPPORTED;
+  const bool fit = A->rows == C->rows && A->cols == B->rows && B->cols == C->cols;
+  return fit ? CUSPARSE_STATUS_SUCCESS : CUSPARSE_STATUS_INVALID_VALUE;
+}
+
+// Of the operands' sizes, so that another product's workspace may be too small.
+size_t workspace_bytes(const cusparseSpMatDescr& A, const cusparseDnMatDescr& B) {
+  return sizeof(int) * (static_cast<size_t>(A.rows) + static_cast<size_t>(B.cols));
 }
 
 }  // namespace
@@ -100,6 +140,9 @@ cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
   require_matrix(call, A, k, m, lda);
   require_matrix(call, B, k, n, ldb);
   require_matrix(call, C, m, n, ldc);
+  ++open_counts().dense_products;
+  open_counts().multiply_adds += internal::elements(internal::elements(m, n), k);
+  if (!execution_is_on()) return CUBLAS_STATUS_SUCCESS;
 
   const DeviceWork work;
   const ConstColumns a(A, k, m, Eigen::OuterStride<>(lda));
@@ -132,37 +175,90 @@ cusparseStatus_t cusparseSetMatIndexBase(cusparseMatDescr_t descr, cusparseIndex
   return live(descr) ? CUSPARSE_STATUS_SUCCESS : CUSPARSE_STATUS_INVALID_VALUE;
 }
 
-cusparseStatus_t cusparseScsrmm(cusparseHandle_t handle, cusparseOperation_t transA, int m, int n,
-                                int k, int nnz, const float* alpha, cusparseMatDescr_t descrA,
-                                const float* values, const int* row_offsets, const int* columns,
-                                const float* B, int ldb, const float* beta, float* C, int ldc) {
-  if (const int status = count_call("cusparseScsrmm")) return static_cast<cusparseStatus_t>(status);
-  return cusparseScsrmm2(handle, transA, CUSPARSE_OPERATION_NON_TRANSPOSE, m, n, k, nnz, alpha,
-                         descrA, values, row_offsets, columns, B, ldb, beta, C, ldc);
+cusparseIndexBase_t cusparseGetMatIndexBase(cusparseMatDescr_t descr) {
+  if (!live(descr)) die("cusparseGetMatIndexBase", "not a live matrix descriptor");
+  return CUSPARSE_INDEX_BASE_ZERO;
 }
 
-// There is one operation, one matrix type and one index base, which the enumerations hold.
-cusparseStatus_t cusparseScsrmm2(cusparseHandle_t handle, cusparseOperation_t /*transA*/,
-                                 cusparseOperation_t /*transB*/, int m, int n, int k, int nnz,
-                                 const float* alpha, cusparseMatDescr_t descrA, const float* values,
-                                 const int* row_offsets, const int* columns, const float* B,
-                                 int ldb, const float* beta, float* C, int ldc) {
-  const char* const call = "cusparseScsrmm2";
+cusparseStatus_t cusparseCreateCsr(cusparseSpMatDescr_t* descr, long long rows, long long cols,
+                                   long long nnz, void* row_offsets, void* columns, void* values,
+                                   cusparseIndexType_t offset_type, cusparseIndexType_t column_type,
+                                   cusparseIndexBase_t /*base*/, cudaDataType value_type) {
+  if (!positive_ints({rows, cols, nnz})) return CUSPARSE_STATUS_INVALID_VALUE;
+  if (offset_type != CUSPARSE_INDEX_32I || column_type != CUSPARSE_INDEX_32I ||
+      value_type != CUDA_R_32F)
+    return CUSPARSE_STATUS_NOT_SUPPORTED;
+  const auto status = create<cusparseStatus_t>("cusparseCreateCsr", descr);
+  if (status == CUSPARSE_STATUS_SUCCESS)
+    **descr = {static_cast<int>(rows),
+               static_cast<int>(cols),
+               static_cast<int>(nnz),
+               static_cast<const int*>(row_offsets),
+               static_cast<const int*>(columns),
+               static_cast<const float*>(values)};
+  return status;
+}
+
+cusparseStatus_t cusparseDestroySpMat(cusparseSpMatDescr_t descr) {
+  return destroy("cusparseDestroySpMat", descr, CUSPARSE_STATUS_INVALID_VALUE);
+}
+
+cusparseStatus_t cusparseCreateDnMat(cusparseDnMatDescr_t* descr, long long rows, long long cols,
+                                     long long ld, void* values, cudaDataType value_type,
+                                     cusparseOrder_t order) {
+  if (!positive_ints({rows, cols, ld}) || ld < rows) return CUSPARSE_STATUS_INVALID_VALUE;
+  if (value_type != CUDA_R_32F || order != CUSPARSE_ORDER_COL) return CUSPARSE_STATUS_NOT_SUPPORTED;
+  const auto status = create<cusparseStatus_t>("cusparseCreateDnMat", descr);
+  if (status == CUSPARSE_STATUS_SUCCESS)
+    **descr = {static_cast<int>(rows), static_cast<int>(cols), static_cast<int>(ld),
+               static_cast<float*>(values)};
+  return status;
+}
+
+cusparseStatus_t cusparseDestroyDnMat(cusparseDnMatDescr_t descr) {
+  return destroy("cusparseDestroyDnMat", descr, CUSPARSE_STATUS_INVALID_VALUE);
+}
+
+cusparseStatus_t cusparseSpMM_bufferSize(cusparseHandle_t handle, cusparseOperation_t opA,
+                                         cusparseOperation_t opB, const void* /*alpha*/,
+                                         cusparseSpMatDescr_t A, cusparseDnMatDescr_t B,
+                                         const void* /*beta*/, cusparseDnMatDescr_t C,
+                                         cudaDataType compute_type, cusparseSpMMAlg_t /*alg*/,
+                                         size_t* bytes) {
+  if (const int status = count_call("cusparseSpMM_bufferSize"))
+    return static_cast<cusparseStatus_t>(status);
+  const cusparseStatus_t status = check_product(handle, opA, opB, A, B, C, compute_type);
+  if (status == CUSPARSE_STATUS_SUCCESS) *bytes = workspace_bytes(*A, *B);
+  return status;
+}
+
+cusparseStatus_t cusparseSpMM(cusparseHandle_t handle, cusparseOperation_t opA,
+                              cusparseOperation_t opB, const void* alpha, cusparseSpMatDescr_t A,
+                              cusparseDnMatDescr_t B, const void* beta, cusparseDnMatDescr_t C,
+                              cudaDataType compute_type, cusparseSpMMAlg_t /*alg*/,
+                              void* workspace) {
+  const char* const call = "cusparseSpMM";
   if (const int status = count_call(call)) return static_cast<cusparseStatus_t>(status);
-  if (!live(handle) || !live(descrA)) return CUSPARSE_STATUS_NOT_INITIALIZED;
-  if (m < 1 || n < 1 || k < 1 || nnz < 1 || ldb < k || ldc < m)
-    return CUSPARSE_STATUS_INVALID_VALUE;
-  require_values(call, row_offsets, Index{m} + 1);
-  require_values(call, columns, nnz);
-  require_values(call, values, nnz);
-  require_matrix(call, B, k, n, ldb);
-  require_matrix(call, C, m, n, ldc);
+  const cusparseStatus_t status = check_product(handle, opA, opB, A, B, C, compute_type);
+  if (status != CUSPARSE_STATUS_SUCCESS) return status;
+  if (reinterpret_cast<std::uintptr_t>(C->values) % output_alignment != 0)
+    die(call, "the result does not lie at a multiple of 16 bytes");
+  require_values(call, A->row_offsets, Index{A->rows} + 1);
+  require_values(call, A->columns, A->nnz);
+  require_values(call, A->values, A->nnz);
+  require_matrix(call, B->values, B->rows, B->cols, B->ld);
+  require_matrix(call, C->values, C->rows, C->cols, C->ld);
+  require_device_range(call, workspace, workspace_bytes(*A, *B));
+  ++open_counts().sparse_products;
+  if (!execution_is_on()) return CUSPARSE_STATUS_SUCCESS;
 
   const DeviceWork work;
-  check_csr(call, m, k, nnz, row_offsets, columns);
-  const ConstColumns b(B, k, n, Eigen::OuterStride<>(ldb));
-  store(Columns(C, m, n, Eigen::OuterStride<>(ldc)), *alpha, *beta,
-        ConstCsr(m, k, nnz, row_offsets, columns, values) * b);
+  std::memset(workspace, 0xff, workspace_bytes(*A, *B));  // written over, as the library may
+  check_csr(call, A->rows, A->cols, A->nnz, A->row_offsets, A->columns);
+  const ConstColumns b(B->values, B->rows, B->cols, Eigen::OuterStride<>(B->ld));
+  store(Columns(C->values, C->rows, C->cols, Eigen::OuterStride<>(C->ld)),
+        *static_cast<const float*>(alpha), *static_cast<const float*>(beta),
+        ConstCsr(A->rows, A->cols, A->nnz, A->row_offsets, A->columns, A->values) * b);
   return CUSPARSE_STATUS_SUCCESS;
 }
 
