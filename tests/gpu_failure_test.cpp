@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -110,14 +111,13 @@ TEST(FailingDevice, EndsTheProcessWithItsLine) {
               "for weight\nSize of memory requested: 24\nFree mem = 16, Total = 40\n");
 }
 
-// Whichever launch a device refuses, and whatever Thrust makes of it.  The words repeat, so that
-// rows are gathered before they are converted.
+// Whichever launch a device refuses, and whatever Thrust would make of it.  The words repeat, so
+// that rows are gathered before they are converted.
 TEST(FailingDevice, RefusesALaunchWithALine) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto run = [](const hostdev::FaultPlan& fault, bool normalise, bool cosine, int steps) {
+  const auto run = [](const hostdev::FaultPlan& fault, bool normalise, int steps) {
     dup2(2, 1);
     normalize_embeddings = normalise;
-    use_cosine = cosine;
     const World world = random_world({.num_queries = 40});
     distance_block(world, gpu_engine, false, [&](float* Z) {
       hostdev::plan_fault(fault);
@@ -130,15 +130,35 @@ TEST(FailingDevice, RefusesALaunchWithALine) {
   for (const int steps : {0, any_step, ground}) {
     for (const bool normalise : {false, true}) {
       const hostdev::FaultPlan first_launch{.call = "launch", .status = no_code};
-      EXPECT_EXIT(run(first_launch, normalise, false, steps), testing::ExitedWithCode(1),
+      EXPECT_EXIT(run(first_launch, normalise, steps), testing::ExitedWithCode(1),
                   "(^|\n)GPU kernels failed: CUDA status 209\n")
           << steps << ' ' << normalise;
     }
-    for (const bool cosine : {false, true}) {
-      EXPECT_EXIT(run({.call = "transform_in_place", .status = no_code}, true, cosine, steps),
-                  testing::ExitedWithCode(1), "(^|\n)GPU kernels failed: CUDA status 209\n");
+  }
+}
+
+// What Thrust itself fails with is the caller's, and the engine goes on after it.
+TEST(FailingDevice, LetsTheExceptionOfThrustThrough) {
+  const World world = random_world({.num_queries = 40});
+  normalize_embeddings = true;
+  for (const bool cosine : {false, true}) {
+    use_cosine = cosine;
+    for (const bool ground : {false, true}) {
+      const auto compute = [&](float* Z) {
+        if (ground) compute_ground_distances(nullptr);
+        if (!ground) ed_min_vocab_multi(Z, 3, false);
+      };
+      distance_block(world, gpu_engine, false, [&](float* Z) {
+        hostdev::plan_fault({.call = "transform_in_place", .status = 209});
+        EXPECT_THROW(compute(Z), std::runtime_error);
+        hostdev::plan_fault({});
+        compute(Z);
+      });
+      remove_ground_distances();
+      EXPECT_TRUE(nothing_is_held());
     }
   }
+  normalize_embeddings = use_cosine = false;
 }
 
 // 40 documents at a time would need 160,000 bytes of tables.

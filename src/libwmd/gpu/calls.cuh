@@ -114,16 +114,13 @@ inline void require_launched() {
   if (status != cudaSuccess) fail("GPU kernels failed: CUDA status " + number_of(status));
 }
 
-/// transform_in_place, with the same line for what Thrust throws.  The error of an earlier launch
-/// is looked for before, since Thrust forgets it or throws it as its own.
+/// transform_in_place, whose failure reaches the caller as the exception that Thrust throws.  The
+/// error of an earlier launch is looked for before, since Thrust forgets it or throws it as its
+/// own.
 template <class Function>
 void convert_in_place(float* values, Index count, Function function) {
   require_launched();
-  try {
-    transform_in_place(values, count, function);
-  } catch (const thrust::system_error& failure) {
-    fail("GPU kernels failed: CUDA status " + number_of(failure.code().value()));
-  }
+  transform_in_place(values, count, function);
 }
 
 /// products[t*tile.count + v] = words[tile.first + v] . rows[t], in products of so many rows.

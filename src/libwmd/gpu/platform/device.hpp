@@ -23,7 +23,6 @@
 #if defined(__CUDACC__) || !defined(TALVIK_DEVICE_CUDA)
 #include <thrust/device_ptr.h>
 #include <thrust/execution_policy.h>
-#include <thrust/system_error.h>
 #include <thrust/transform.h>
 
 #include <cassert>
