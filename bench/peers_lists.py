@@ -22,8 +22,8 @@ EXACT_QUERIES = 6
 
 
 def texts_of(tree):
-    """The texts below a folder of classes, in the order of their paths."""
-    files = sorted(path for path in pathlib.Path(tree).rglob("*") if path.is_file())
+    """The texts of a folder's classes, in the order of their paths."""
+    files = sorted(path for path in pathlib.Path(tree).glob("*/**/*") if path.is_file())
     return [path.read_text(encoding="latin-1") for path in files]
 
 
