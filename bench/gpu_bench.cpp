@@ -255,8 +255,9 @@ void compare_with_cpu(const World& world, const std::vector<float>& embeddings,
     });
     const double cpu = best_of(cpu_repetitions, [&] { run_engine(world, steps, cpu_Z.data()); });
     float apart = 0;
-    for (size_t i = 0; i < Z.size(); ++i) {
-      apart = std::max(apart, std::fabs(Z[i] - cpu_Z[i]) / std::max(cpu_Z[i], 1.0f));
+    for (size_t i = 0; i < Z.size() && !std::isnan(apart); ++i) {
+      const float error = std::fabs(Z[i] - cpu_Z[i]) / std::max(cpu_Z[i], 1.0f);
+      if (!(error <= apart)) apart = error;
     }
     std::printf(
         "%s, %d steps: GPU %.1f ms, CPU (%d threads) %.1f ms, ratio %.4f; furthest apart "
@@ -304,7 +305,7 @@ int run(int threads) {
 #endif
     if (real || counted) compute(steps, Z.data());
 #ifndef TALVIK_DEVICE_CUDA
-
+    print_total("block");
 #endif
     print_steps(predict_block(world, steps), real ? &rates : nullptr, counted);
   }

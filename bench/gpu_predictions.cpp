@@ -50,7 +50,7 @@ std::vector<Work> predict_block(const World& world, int steps) {
   const double sectors =
       queries * resident_entries * std::ceil(float_bytes * (2 * steps + 1) / sector_bytes);
   return {
-      {.step = GpuStep::prepare, .name = "prepare", .upload = float_bytes * (entries + rows)},
+      {.step = GpuStep::prepare, .name = "prepare", .upload = float_bytes * (entries + gathered)},
       {.step = GpuStep::gather,
        .name = "gather",
        .device_bytes = 2 * float_bytes * gathered * dims},

@@ -154,7 +154,7 @@ def timed(task, who=resource.RUSAGE_SELF):
 
 
 class PairPool:
-    """Processes that compute one pair at a time; made before the pairs are timed."""
+    """Processes that compute one pair at a time."""
 
     def __init__(self, vectors, resident, queries):
         self.data = vectors, resident, queries

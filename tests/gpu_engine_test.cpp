@@ -57,6 +57,7 @@ void expect_exact(const World& world, int steps, bool ground, const internal::Gp
   const auto compute = [&](float* Z) { internal::compute_gpu_block(Z, steps, ground, budget); };
   for (const CopyOrder order : {CopyOrder::rows_as_given, CopyOrder::by_words}) {
     const std::vector<float> Z = distance_block(world, gpu_engine, ground, compute, order);
+    ASSERT_EQ(Z.size(), oracle.size());
     for (size_t at = 0; at < Z.size(); ++at) {
       constexpr double an_empty_document = 1e29;  // 1e30 per weight is no exact float
       const double rounding = oracle[at] > an_empty_document ? 1e-6 * oracle[at] : 0;

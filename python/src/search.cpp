@@ -128,6 +128,9 @@ py::array_t<double> pair_distances(const SharedCollection& collection,
                                    const py::array_t<Count, py::array::c_style>& pairs,
                                    const Settings& settings) {
   static_assert(sizeof(Pair) == 2 * sizeof(Count));
+  if (pairs.ndim() != 2 || pairs.shape(1) != 2) {
+    throw ArgumentError("pairs", "an array of two columns is needed: document, query");
+  }
   const Shared resident = collection.held, asked = queries.held;
   const std::span<const Pair> rows(reinterpret_cast<const Pair*>(pairs.data()),
                                    static_cast<std::size_t>(pairs.shape(0)));

@@ -115,6 +115,17 @@ class WordMoverBase(BaseEstimator):
         check_non_negative(X, f"{type(self).__name__}: X")
         return X
 
+    @contextmanager
+    def _whole(self) -> Iterator[None]:
+        """Puts every attribute back where a fit fails."""
+        before = self.__dict__.copy()
+        try:
+            yield
+        except BaseException:
+            self.__dict__.clear()
+            self.__dict__.update(before)
+            raise
+
     def _fit_documents(self, X: Any, labels: Any, ids: Any) -> None:
         self._settings(address=communicator_address(self.comm))
         check_whole("n_neighbors", self.n_neighbors, 1)

@@ -1,4 +1,6 @@
-"""Kernels of OpenBLAS for processors that are newer than its release."""
+"""Kernels of OpenBLAS by what the processor has, for those that are newer than its release."""
+
+from __future__ import annotations
 
 import contextlib
 import os
@@ -26,8 +28,10 @@ def kernels_of_processor() -> Iterator[None]:
     """Lets an OpenBLAS that is loaded meanwhile take the kernels for this processor.
 
     It picks them by the model number when it is loaded; for one that its release does not know it
-    falls back on those of 2004, which take several times as long.  What ``OPENBLAS_CORETYPE`` says
-    counts; else the variable is set for as long as the loading takes.
+    falls back on those of 2004, which take several times as long.  What has been picked can be seen
+    only afterwards, so they are named by the instructions that there are, on known processors,
+    too.  What ``OPENBLAS_CORETYPE`` says counts; else the variable is set for as long as the
+    loading takes.
     """
     kernels = None if _VARIABLE in os.environ else _kernels_of_processor()
     if kernels is None:

@@ -88,12 +88,15 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
         """
         self._check_weights()
         labels = None if y is None else self._check_labels(y)
-        self._fit_documents(X, labels, ids)
-        if labels is None:
-            labels = np.array(self._collection.labels)
-            if len(labels) == 0:
-                raise ValueError("y: the classifier requires y to be passed, but the target y is None")
-        self._set_labels(labels)
+        with self._whole():
+            self._fit_documents(X, labels, ids)
+            if labels is None:
+                labels = np.array(self._collection.labels)
+                if len(labels) == 0:
+                    raise ValueError(
+                        "y: the classifier requires y to be passed, but the target y is None"
+                    )
+            self._set_labels(labels)
         return self
 
     def partial_fit(
@@ -113,14 +116,15 @@ class WordMoverClassifier(ClassifierMixin, DocumentSearch):
         self
         """
         labels = self._check_labels(y)
-        if hasattr(self, "_collection"):
-            self._append_more(X, labels, ids)
-            labels = np.concatenate([self.classes_[self._labels], labels])
-            known = self.classes_
-        else:
-            self.fit(X, labels, ids)
-            known = labels
-        self._set_labels(labels, known if classes is None else np.union1d(known, classes))
+        with self._whole():
+            if hasattr(self, "_collection"):
+                self._append_more(X, labels, ids)
+                labels = np.concatenate([self.classes_[self._labels], labels])
+                known = self.classes_
+            else:
+                self.fit(X, labels, ids)
+                known = labels
+            self._set_labels(labels, known if classes is None else np.union1d(known, classes))
         return self
 
     def _check_weights(self) -> None:

@@ -85,10 +85,14 @@ def append(
         )
 
 
+def package_of(frame: Any) -> str:
+    return (frame.f_globals.get("__name__") or "").partition(".")[0]
+
+
 def callers_level() -> int:
     """Tell how far up the stack, for who asks, is what called the package or a pipeline."""
     level, frame = 1, sys._getframe(1)
-    while frame.f_back and frame.f_globals["__name__"].partition(".")[0] in ("talvik", "sklearn"):
+    while frame.f_back and package_of(frame) in ("talvik", "sklearn"):
         level, frame = level + 1, frame.f_back
     return level
 

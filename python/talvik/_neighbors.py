@@ -323,12 +323,15 @@ class WordMoverNeighbors(DocumentSearch):
         """
         if y is not None:
             y = check_flat("y", y)
-        self._fit_documents(X, y, ids)
-        labels = self._collection.labels if y is None else y.tolist()
-        if len(labels):
-            self.classes_ = distinct(labels)
-        elif hasattr(self, "classes_"):
-            del self.classes_  # of an earlier fit
+        with self._whole():
+            self._fit_documents(X, y, ids)
+            labels = self._collection.labels if y is None else y.tolist()
+            if y is not None and len(labels) != self.n_samples_fit_:
+                raise ValueError(f"y: {len(labels)} labels for {self.n_samples_fit_} documents")
+            if len(labels):
+                self.classes_ = distinct(labels)
+            elif hasattr(self, "classes_"):
+                del self.classes_  # of an earlier fit
         return self
 
     def partial_fit(self, X: Any, y: Any = None, ids: Any = None) -> WordMoverNeighbors:
@@ -347,7 +350,8 @@ class WordMoverNeighbors(DocumentSearch):
             return self.fit(X, y, ids)
         if y is not None:
             y = check_flat("y", y)
-        self._append_more(X, y, ids)
-        if y is not None:
-            self.classes_ = np.union1d(self.classes_, distinct(y.tolist()))
+        with self._whole():
+            self._append_more(X, y, ids)
+            if y is not None:
+                self.classes_ = np.union1d(self.classes_, distinct(y.tolist()))
         return self

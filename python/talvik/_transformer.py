@@ -70,7 +70,8 @@ class WordMoverTransformer(TransformerMixin, DocumentSearch):
     def fit(self, X: Any, y: Any = None, ids: Any = None) -> WordMoverTransformer:
         """Take the documents that are searched; see `WordMoverNeighbors.fit`.  y is not read."""
         check_choice("mode", self.mode, GRAPH_MODES)
-        self._fit_documents(X, None, ids)
+        with self._whole():
+            self._fit_documents(X, None, ids)
         return self
 
     def fit_transform(self, X: Any, y: Any = None, ids: Any = None) -> sparse.csr_matrix:

@@ -181,3 +181,13 @@ def test_calls_that_make_no_sense_are_named_and_change_nothing(small, message):
         call(nn)
     nn.set_params(**neighbours_of(small).get_params())
     assert nn.ids_[nn.kneighbors(["puppy"])[1]].tolist() == [["c"]]
+
+
+def test_a_classifier_whose_fit_fails_is_what_it_was(small, tmp_path):
+    saved = tmp_path / "unlabelled.talvik"
+    neighbours_of(small).fit(TEXTS[:2]).save(saved)
+    classifier = WordMoverClassifier(1, vectors=small).fit(TEXTS, ["x", "y", "z"])
+    for labels in None, ["x"]:
+        with pytest.raises(ValueError, match="^y: "):
+            classifier.fit(saved, labels)
+        assert classifier.predict(TEXTS).tolist() == ["x", "y", "z"]

@@ -109,12 +109,13 @@ def test_the_import_starts_no_mpi():
     subprocess.run([sys.executable, "-c", code], check=True)
 
 
-@pytest.mark.skipif(" avx2 " not in Path("/proc/cpuinfo").read_text(), reason="for AVX2 and later")
 def test_the_import_leaves_no_products_to_the_kernels_for_unknown_processors():
+    if " avx2 " not in Path("/proc/cpuinfo").read_text():
+        pytest.skip("a processor without AVX2")
     code = "import os, talvik, threadpoolctl; assert 'OPENBLAS_CORETYPE' not in os.environ; "
     code += "print([used.get('architecture') for used in threadpoolctl.threadpool_info()])"
     unset = {name: value for name, value in os.environ.items() if name != "OPENBLAS_CORETYPE"}
     ran = subprocess.run(
         [sys.executable, "-c", code], env=unset, stdout=subprocess.PIPE, text=True, check=True
     )
-    assert "Prescott" not in ran.stdout
+    assert "'" in ran.stdout and "Prescott" not in ran.stdout
