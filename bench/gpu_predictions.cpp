@@ -58,7 +58,7 @@ std::vector<Work> predict_block(const World& world, int steps) {
        .name = "product",
        .device_bytes = float_bytes * dims * (rows + words) + block,
        .multiply_adds = rows * words * dims},
-      {.step = GpuStep::convert, .name = "convert", .device_bytes = 2 * block},
+      {.step = GpuStep::equal, .name = "equal"},
       {.step = GpuStep::nearest,
        .name = "nearest",
        .device_bytes = block + float_bytes * queries * words * kept * tables},

@@ -158,6 +158,20 @@ TEST_F(GpuEngine, GroundDistancesOfMoreThanTwoToThe31PairsAreReadWhereTheyStand)
   D_ground_dev = nullptr;
 }
 
+// The word 2 is nearer to itself than to 3 then: the squares are |2 - 8| and |2 - 12|.
+TEST_F(GpuEngine, NormalisationSwitchedAfterTheCopiesKeepsTheOrderOfDistances) {
+  World world{{.voc_size = 2, .vec_size = 1}, {2, 3}, {{{0, 1.0f}}}, {{{0, .5f}, {1, .5f}}}};
+  for (const int documents : {1, 2}) {
+    const std::vector<float> Z = distance_block(world, gpu_engine, false, [](float* out) {
+      normalize_embeddings = true;
+      ed_min_vocab_multi(out, 0, false);
+      normalize_embeddings = false;
+    });
+    EXPECT_EQ(Z, std::vector<float>(documents, std::sqrt(6.0f)));
+    world.queries.push_back(world.queries[0]);
+  }
+}
+
 // All metrics; weights of either sign, or words without a vector and out of reach: both together
 // would cancel to rounding.
 TEST_F(GpuEngine, BothWaysOfPouringGiveTheSameDistances) {

@@ -251,8 +251,9 @@ int compute_ground_distances(float* D_ground) {
   internal::multiply_rows(dense, words, all, words, rows_at_once, matrix.get());
   internal::convert_products(words, all, words, matrix.get());
   constexpr const internal::EqualRows* every_word_and_itself = nullptr;
-  internal::set_distances_of_equal_rows(words, all, words, every_word_and_itself, voc_size,
-                                        matrix.get());
+  constexpr bool products = false;
+  internal::set_pairs_of_equal_rows(words, all, words, every_word_and_itself, voc_size, products,
+                                    matrix.get());
   internal::require_launched();
   if (D_ground) {
     const std::size_t bytes = elements(voc_size, voc_size) * sizeof(float);

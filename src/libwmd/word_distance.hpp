@@ -52,8 +52,8 @@ TALVIK_BOTH inline float word_distance(float dot, float norm_a, float norm_b) {
   return std::sqrt(std::fabs((-2 * dot + norm_a) + norm_b));
 }
 
-// The CPU engine compares scores instead of distances.  For one vocabulary word, the scores of
-// query words are ordered as their distances, so that only the nearest ones need a square root.
+// The engines compare scores instead of distances.  For one vocabulary word, the scores of query
+// words are ordered as their distances, so that only the nearest ones need a square root.
 //   euclidean       score = query norm - 2 dot    distance = sqrt(|score + vocabulary norm|)
 //   unit_euclidean  score = -2 dot                distance = sqrt(|2 + score|)
 //   cosine          score = -2 dot                distance = 1 + score / 2
@@ -64,6 +64,16 @@ inline constexpr float score_per_dot = -2;
 /// Stands for the product of two equal rows where no other row can be nearer: its score is below
 /// all others, which rounding may have made too small, and its distance is 0.
 inline constexpr float product_of_nearest = std::numeric_limits<float>::infinity();
+inline constexpr float score_of_nearest = score_per_dot * product_of_nearest;
+
+/// The distance of a score.
+/// @param norm  of the vocabulary word, squared; only euclidean reads it
+template <Metric metric>
+TALVIK_BOTH inline float distance_of_score(float score, float norm) {
+  constexpr bool rooted = metric == Metric::euclidean || metric == Metric::unit_euclidean;
+  if (rooted && score == score_of_nearest) return 0;
+  return word_distance<metric>(score / score_per_dot, norm, 0);
+}
 
 /// The product of a row with itself, without the rounding of a dense product.  For the metrics of
 /// unit rows, and for the cosine, a row that came at unit length counts as such.
@@ -73,6 +83,13 @@ TALVIK_BOTH inline float product_with_itself(Metric metric, float norm, bool uni
   constexpr float rounding = 1e-6f;
   const bool near_one = metric != Metric::euclidean && std::fabs(norm - 1) <= rounding;
   return unit_rows || near_one ? 1 : norm;
+}
+
+/// What stands for the product of two equal rows where rows are chosen by their scores.  A cosine
+/// of rows of any length has no bound, so there they need not be the nearest.
+TALVIK_BOTH inline float product_of_equal_rows(Metric metric, float norm, bool unit_rows) {
+  return metric == Metric::cosine ? product_with_itself(metric, norm, unit_rows)
+                                  : product_of_nearest;
 }
 
 /// The distance of two words that have the same row: 0 but for the cosine of rows of any length.

@@ -161,13 +161,12 @@ bool metric_fits_rows(const SectionTask& task) {
   }
 }
 
-// A word that stands in a document is at distance 0, however the dense product rounds.  A cosine of
-// rows of any length has no bound, so there the word need not be the nearest.
+// A word that stands in a document is at distance 0, however the dense product rounds.
 void set_products_of_equal_rows(const SectionTask& task, const Words& words, int p,
                                 const Panel& panel, float* products) {
   const Vocabulary& vocabulary = task.vocabulary;
   const Index m = vocabulary.vec_size;
-  const bool nearest = task.request.metric != Metric::cosine && metric_fits_rows(task);
+  const auto product = metric_fits_rows(task) ? product_of_equal_rows : product_with_itself;
   const int first_row = task.batch.distinct->passes[p].first_row;
   const auto& all = task.equal_rows[p - task.section.first_pass];
   auto pair = std::lower_bound(all.begin(), all.end(), words.first,
@@ -178,8 +177,7 @@ void set_products_of_equal_rows(const SectionTask& task, const Words& words, int
     const float* word_row = vocabulary.rows + elements(pair->word, m);
     if (!has_direction(norm) || !std::equal(row, row + m, word_row)) continue;
     products[elements(pair->row - first_row, panel.stride) + pair->word - words.first] =
-        nearest ? product_of_nearest
-                : product_with_itself(task.request.metric, norm, unit_rows(task));
+        product(task.request.metric, norm, unit_rows(task));
   }
 }
 

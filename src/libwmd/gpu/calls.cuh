@@ -162,13 +162,13 @@ inline void convert_products(const DeviceRows& words, const WordTile& tile, cons
   }
 }
 
-/// Sets the distances of pairs of equal rows, see set_equal_rows.
-inline void set_distances_of_equal_rows(const DeviceRows& words, const WordTile& tile,
-                                        const DeviceRows& rows, const EqualRows* pairs, int count,
-                                        float* distances) {
+/// Sets the distances, or the products, of pairs of equal rows, see set_equal_rows.
+inline void set_pairs_of_equal_rows(const DeviceRows& words, const WordTile& tile,
+                                    const DeviceRows& rows, const EqualRows* pairs, int count,
+                                    bool products, float* D) {
   with_metric(chosen_metric(use_cosine, normalize_embeddings), [&]<Metric metric>() {
     launch(set_equal_rows<metric>, column_grid(count), block_shape(), count, pairs, words, tile,
-           rows, vec_size, distances);
+           rows, vec_size, products, D);
   });
 }
 

@@ -1,13 +1,15 @@
-// The distance block of a query batch on the GPU.  Distance rows are computed once per distinct
-// query row, for a tile of the vocabulary at a time, and the entries of a document point to theirs.
-// The nearest entries of every document are chosen, and the resident weights go there.  Kernels of
-// the default stream run in the order of their launches, so only the copies wait.  Included by
-// libwmd.cu alone.
+// The distance block of a query batch on the GPU.  Products are computed once per distinct query
+// row, for a tile of the vocabulary at a time, and the entries of a document point to theirs.  The
+// nearest entries of every document are chosen by the scores of their products, and theirs alone
+// become distances; the products of a document by itself become distances first.  Then the resident
+// weights go to the nearest entries.  Kernels of the default stream run in the order of their
+// launches, so only the copies wait.  Included by libwmd.cu alone.
 #ifndef TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 #define TALVIK_LIBWMD_GPU_DISTANCE_BLOCK_CUH
 
 #include <algorithm>
 #include <iterator>  // ssize
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,7 +60,7 @@ struct GpuBlock {
   SparseLibrary sparse = {};
 
   DeviceArray<float> dp_dev = {};   // distances of a group of documents to the resident ones
-  DeviceArray<float> Y_dev = {};    // distance rows of a tile
+  DeviceArray<float> Y_dev = {};    // products or distances of a tile
   DeviceArray<float> Y_dev_t = {};  // the nearest distances of a section; fused: their weights, too
   DeviceArray<float> weights_min_dev_t = {};  // the weights; read with steps, not fused
   DeviceArray<float> weight_updated = {};     // num_vecs, what is left; with steps, not fused
@@ -229,22 +231,49 @@ void upload_equal_rows(GpuBlock& block, const RowPass& pass) {
   block.equal_rows_dev = upload(pairs.data(), block.equal_rows, "equal_rows");
 }
 
-// Y_dev[t*tile.count + v] = distance between word tile.first + v and distinct row t of the pass.
-// The first tile comes first.
-void compute_rows(GpuBlock& block, const RowPass& pass, const DeviceRows& rows,
+// Whether the section's one document, whose rows are side by side, takes the kernels that know
+// nothing of other documents.
+bool is_by_itself(const GpuBlock& block, const BatchSection& section, const RowPass& pass,
                   const WordTile& tile) {
-  if (rows.count == 0) return;
+  return section.last_doc - section.first_doc == 1 && section.last_pass - section.first_pass == 1 &&
+         tile.count == voc_size && !block.fused && !block.asked.precompute &&
+         consecutive(block.rows.row_of_entry.data() + pass.first_entry,
+                     pass.last_entry - pass.first_entry);
+}
+
+// Whether the scores of products are ordered as the distances.  They are not where the host has
+// switched normalisation between a copy and the computation: there the argument of the root may be
+// well below 0.
+bool scores_fit_rows(const DeviceRows& words, const DeviceRows& rows) {
+  const bool as_given = words.norms || rows.norms;
+  return chosen_metric(use_cosine, normalize_embeddings) != Metric::unit_euclidean || !as_given;
+}
+
+// What the nearest entries of a tile are chosen by.
+struct TileScores {
+  bool products;      // of row t and word tile.first + v at Y_dev[t*tile.count + v]; else distances
+  const float* bias;  // per row, of its products' scores; or null
+};
+
+// Writes a tile of Y_dev.  The first tile comes first.
+TileScores compute_rows(GpuBlock& block, const RowPass& pass, const DeviceRows& rows,
+                        const WordTile& tile, bool by_itself) {
+  if (rows.count == 0) return {};
   const DeviceRows vocabulary{voc_size, W_dev, RW_dev};
   float* const Y = block.Y_dev.get();
   begin(block, GpuStep::product);
   multiply_rows(block.dense, vocabulary, tile, rows,
                 rows_of_product(block.asked.budget, tile.count), Y);
-  begin(block, GpuStep::convert);
+  begin(block, GpuStep::equal);
   if (tile.first == 0) upload_equal_rows(block, pass);  // looked for while the device multiplies
-  convert_products(vocabulary, tile, rows, Y);
-  if (block.equal_rows == 0) return;
-  set_distances_of_equal_rows(vocabulary, tile, rows, block.equal_rows_dev.get(), block.equal_rows,
-                              Y);
+  const bool products = !by_itself && scores_fit_rows(vocabulary, rows);
+  if (!products) convert_products(vocabulary, tile, rows, Y);
+  if (block.equal_rows > 0) {
+    set_pairs_of_equal_rows(vocabulary, tile, rows, block.equal_rows_dev.get(), block.equal_rows,
+                            products, Y);
+  }
+  const Metric metric = chosen_metric(use_cosine, normalize_embeddings);
+  return {products, products && metric == Metric::euclidean ? rows.norms : nullptr};
 }
 
 // The tables of a section's documents, from its so-manyth on.
@@ -257,33 +286,38 @@ NearestEntries tables_from(const GpuBlock& block, int doc) {
   return {distances, weighted ? block.weights_min_dev_t.get() + first : nullptr, strides};
 }
 
-// Writes, to the tables of the section's documents, the distances of the tile's words to the
-// nearest entries among those of this pass and, if it goes on, of the passes before.  A document
-// without entries is far away.
-void choose_nearest(GpuBlock& block, const BatchSection& section, const RowPass& pass, bool goes_on,
-                    const WordTile& tile) {
-  begin(block, GpuStep::nearest);
-  const bool precompute = block.asked.precompute;
-  const TopKernels kernels = top_kernels(block.kept);
+// The section's one document to the kernel of its own.
+void choose_nearest_of_document(GpuBlock& block, const RowPass& pass) {
   constexpr int from_first = 0;
   const NearestEntries nearest = tables_from(block, from_first);
-  const int docs = section.last_doc - section.first_doc;
   const int first = pass.first_entry, count = pass.last_entry - first;
-  const std::vector<int>& row_of_entry = block.rows.row_of_entry;  // empty in index form
-  const bool whole = tile.count == voc_size && !goes_on;
-  if (docs == 1 && whole && !block.fused && !precompute &&
-      consecutive(row_of_entry.data() + first, count)) {
-    const Index first_row = count > 0 ? row_of_entry[first] : 0;
-    launch(kernels.single, column_grid(voc_size), block_shape(), count, voc_size,
-           block.Y_dev.get() + elements(first_row, voc_size), nearest.distances,
-           weight2_dev + first, block.weights_min_dev_t.get());
-    return;
+  const Index first_row = count > 0 ? block.rows.row_of_entry[first] : 0;
+  launch(top_kernels(block.kept).single, column_grid(voc_size), block_shape(), count, voc_size,
+         block.Y_dev.get() + elements(first_row, voc_size), nearest.distances, weight2_dev + first,
+         block.weights_min_dev_t.get());
+}
+
+// Writes, to the tables of the section's documents, the distances of the tile's words to the
+// nearest entries among those of pass p and of the passes before, or their scores where passes
+// follow.  A document without entries is far away.
+void choose_nearest(GpuBlock& block, const BatchSection& section, int p, const WordTile& tile,
+                    const TileScores& scores) {
+  const RowPass& pass = block.rows.passes[p];
+  constexpr int from_first = 0;
+  const EntryScores ground{D_ground_dev + tile.first, ind2_dev, voc_size};
+  const EntryScores rows{block.Y_dev.get(), block.row_of_entry_dev.get(), tile.count,
+                         scores.products ? score_per_dot : 1, scores.bias};
+  ListEnds ends;
+  if (scores.products) {
+    ends = {.missing = std::numeric_limits<float>::infinity(),
+            .convert = p + 1 == section.last_pass,
+            .metric = chosen_metric(use_cosine, normalize_embeddings),
+            .word_norms = RW_dev};
   }
-  const EntryDistances ground{D_ground_dev + tile.first, ind2_dev, voc_size};
-  const EntryDistances rows{block.Y_dev.get(), block.row_of_entry_dev.get(), tile.count};
-  launch(kernels.of_documents, document_grid(docs, tile.count), block_shape(),
-         precompute ? ground : rows, tile, block.start2_dev.get() + section.first_doc, pass,
-         weight2_dev, nearest, goes_on);
+  launch(top_kernels(block.kept).of_documents,
+         document_grid(section.last_doc - section.first_doc, tile.count), block_shape(),
+         block.asked.precompute ? ground : rows, tile, block.start2_dev.get() + section.first_doc,
+         pass, weight2_dev, tables_from(block, from_first), p > section.first_pass, ends);
 }
 
 // All weight goes to the nearest entry: one product for all documents of a group.
@@ -374,7 +408,6 @@ void finish_section(GpuBlock& block, const BatchSection& section) {
 // Pass p of a section holds all rows of its documents, or some of the rows of its one document.
 void run_pass(GpuBlock& block, const BatchSection& section, int p) {
   const RowPass& pass = block.rows.passes[p];
-  const bool goes_on = p > section.first_pass;
   const bool empty = pass.first_row == pass.last_row;
   DeviceRows rows{};
   if (!empty) {
@@ -386,8 +419,13 @@ void run_pass(GpuBlock& block, const BatchSection& section, int p) {
                         : words_of_tile(block.asked.budget, voc_size, rows.count);
   for (int first = 0; first < voc_size; first += std::min(words, voc_size - first)) {
     const WordTile tile{first, std::min(words, voc_size - first)};
-    compute_rows(block, pass, rows, tile);
-    choose_nearest(block, section, pass, goes_on, tile);
+    const bool by_itself = is_by_itself(block, section, pass, tile);
+    const TileScores scores = compute_rows(block, pass, rows, tile, by_itself);
+    begin(block, GpuStep::nearest);
+    if (by_itself)
+      choose_nearest_of_document(block, pass);
+    else
+      choose_nearest(block, section, p, tile, scores);
   }
 }
 

@@ -17,7 +17,7 @@ enum class GpuStep {
   prepare,  ///< distinct rows, handles, buffers
   gather,   ///< distinct rows of a pass
   product,
-  convert,  ///< equal rows are looked for; products into distances
+  equal,    ///< equal rows are looked for; the products of a document by itself into distances
   nearest,  ///< nearest entries of every document
   pour,     ///< weights to the nearest entries
   copy,     ///< of the distances to the host

@@ -71,14 +71,47 @@ struct WordTile {
   int first, count;
 };
 
-/// The distances of entries to the words of a tile.
-struct EntryDistances {
-  const float* rows;        ///< cols distances each
+/// What entries are chosen by, for the words of a tile: their distances, or the scores that dot
+/// products give.
+struct EntryScores {
+  const float* rows;        ///< cols distances or products each
   const int* row_of_entry;  ///< null: entry t has row t
   int cols;
+  float scale = 1;                  ///< score_per_dot for products
+  const float* row_bias = nullptr;  ///< added to all scores of a row; null: nothing
 
   TALVIK_BOTH float at(int entry, int c) const {
-    return rows[row_offset(row_of_entry ? row_of_entry[entry] : entry, cols) + c];
+    const int row = row_of_entry ? row_of_entry[entry] : entry;
+    const float scaled = scale * rows[row_offset(row, cols) + c];
+    return row_bias ? scaled + row_bias[row] : scaled;
+  }
+};
+
+/// What the lists of nearest entries begin and end as.
+struct ListEnds {
+  float missing = far_away;  ///< what fills a list that has not its N entries yet
+  bool convert = false;      ///< the list's scores into distances, by the two below
+  Metric metric = Metric::euclidean;
+  const float* word_norms = nullptr;  ///< squared, per word of the vocabulary; euclidean
+
+  TALVIK_BOTH float end(float score, int word) const {
+    if (!convert) return score;
+    float distance = 0;
+    switch (metric) {
+      case Metric::euclidean:
+        distance = distance_of_score<Metric::euclidean>(score, word_norms[word]);
+        break;
+      case Metric::unit_euclidean:
+        distance = distance_of_score<Metric::unit_euclidean>(score, 1);
+        break;
+      case Metric::cosine:
+        distance = distance_of_score<Metric::cosine>(score, 1);
+        break;
+      case Metric::unit_cosine:
+        distance = distance_of_score<Metric::unit_cosine>(score, 1);
+        break;
+    }
+    return distance <= far_away ? distance : far_away;
   }
 };
 
@@ -118,19 +151,19 @@ struct NearestEntries {
 template <int N>
 inline constexpr int loads_at_once = N <= 4 ? 8 : 4;
 
-/// The N nearest of entries [first, last) to the word at column c of their distances.  A list that
-/// they do not fill ends with far_away and no weight.
+/// The N nearest of entries [first, last) to a word, which is at column c of their scores.  A list
+/// that they do not fill ends with far_away and no weight.
 /// @param nearest  begins at this document and word
-/// @param goes_on  nearest holds the result over earlier entries
+/// @param goes_on  nearest holds the result over earlier entries, not converted
 template <int N>
-__device__ void nearest_of_column(int c, const EntryDistances& entries, int first, int last,
+__device__ void nearest_of_column(int word, int c, const EntryScores& entries, int first, int last,
                                   const float* entry_weights, const NearestEntries& nearest,
-                                  bool goes_on) {
+                                  bool goes_on, const ListEnds& ends) {
   float value[N], weight[N];
   const bool weighted = nearest.weights != nullptr;
   for (int r = 0; r < N; ++r) {
     const Index at = row_offset(r, nearest.strides.rank);
-    value[r] = goes_on ? nearest.distances[at] : far_away;
+    value[r] = goes_on ? nearest.distances[at] : ends.missing;
     weight[r] = goes_on && weighted ? nearest.weights[at] : 0;
   }
   constexpr int at_once = loads_at_once<N>;
@@ -147,7 +180,7 @@ __device__ void nearest_of_column(int c, const EntryDistances& entries, int firs
   }
   for (int r = 0; r < N; ++r) {
     const Index at = row_offset(r, nearest.strides.rank);
-    nearest.distances[at] = value[r];
+    nearest.distances[at] = ends.end(value[r], word);
     if (weighted) nearest.weights[at] = weight[r];
   }
 }
@@ -155,21 +188,21 @@ __device__ void nearest_of_column(int c, const EntryDistances& entries, int firs
 /// The N nearest entries of every document, among those of the pass, to every word of the tile;
 /// far_away where there are fewer.  Launched on document_grid.
 /// @param start    entry offsets, from document 0 of the launch and of `nearest`
-/// @param goes_on  nearest holds the result over earlier passes
+/// @param goes_on  nearest holds the result over earlier passes, not converted
 template <int N>
-__global__ void nearest_of_documents(EntryDistances entries, WordTile tile, const int* start,
+__global__ void nearest_of_documents(EntryScores entries, WordTile tile, const int* start,
                                      RowPass pass, const float* entry_weights,
-                                     NearestEntries nearest, bool goes_on) {
+                                     NearestEntries nearest, bool goes_on, ListEnds ends) {
   const int c = blockIdx.y * threads_per_block + threadIdx.x;
   if (c >= tile.count) return;
   const int q = blockIdx.x;
-  const Index offset =
-      row_offset(q, nearest.strides.doc) + row_offset(tile.first + c, nearest.strides.word);
+  const int word = tile.first + c;
+  const Index offset = row_offset(q, nearest.strides.doc) + row_offset(word, nearest.strides.word);
   nearest.distances += offset;
   if (nearest.weights) nearest.weights += offset;
   const int first = start[q] > pass.first_entry ? start[q] : pass.first_entry;
   const int last = start[q + 1] < pass.last_entry ? start[q + 1] : pass.last_entry;
-  nearest_of_column<N>(c, entries, first, last, entry_weights, nearest, goes_on);
+  nearest_of_column<N>(word, c, entries, first, last, entry_weights, nearest, goes_on, ends);
 }
 
 /// The body of topN_single.
@@ -180,8 +213,8 @@ __device__ void top_of_column(int rows, int cols, const float* D, float* D_k, co
   constexpr int first = 0;
   constexpr bool goes_on = false;
   if (c < cols) {
-    nearest_of_column<N>(c, {D, nullptr, cols}, first, rows, w, {D_k + c, w_k + c, {0, 1, cols}},
-                         goes_on);
+    nearest_of_column<N>(c, c, {D, nullptr, cols}, first, rows, w, {D_k + c, w_k + c, {0, 1, cols}},
+                         goes_on, ListEnds{});
   }
 }
 
@@ -309,13 +342,14 @@ inline __device__ bool are_equal(const float* word, const float* row, int m) {
   return !zero;
 }
 
-/// D[row][word - tile.first] = the distance of equal rows, for all pairs of words of the tile whose
-/// rows are: a word that stands in a document is at distance 0, however the product has been
-/// rounded.  Column launch, a pair each.
-/// @param pairs  null: word i and row i
+/// D[row][word - tile.first] = what equal rows have, for all pairs of words of the tile whose rows
+/// are: a word that stands in a document is at distance 0, however the product has been rounded.
+/// Column launch, a pair each.
+/// @param pairs     null: word i and row i
+/// @param products  D holds products that are not converted yet
 template <Metric metric>
 __global__ void set_equal_rows(int count, const EqualRows* pairs, DeviceRows words, WordTile tile,
-                               DeviceRows rows, int m, float* D) {
+                               DeviceRows rows, int m, bool products, float* D) {
   const int i = column_of_thread();
   if (i >= count) return;
   const auto [word, row] = pairs ? pairs[i] : EqualRows{i, i};
@@ -323,8 +357,10 @@ __global__ void set_equal_rows(int count, const EqualRows* pairs, DeviceRows wor
   if (!are_equal(words.values + row_offset(word, m), rows.values + row_offset(row, m), m)) return;
   const float norm = words.norms ? words.norms[word] : 1;
   if (!has_direction(norm)) return;
+  const bool unit_rows = words.norms == nullptr;
   D[row_offset(row, tile.count) + (word - tile.first)] =
-      distance_to_itself<metric>(norm, words.norms == nullptr);
+      products ? product_of_equal_rows(metric, norm, unit_rows)
+               : distance_to_itself<metric>(norm, unit_rows);
 }
 
 }  // namespace internal
