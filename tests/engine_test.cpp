@@ -187,10 +187,16 @@ TEST_F(Engines, WordWithoutAVectorIsFarAway) {
                     {{{0, 1.0f}}, {{1, 1.0f}}},
                     {{{2, 1.0f}, {1, 1.0f}}, {{2, 1.0f}, {0, 1.0f}}, {{0, 1.0f}, {2, 1.0f}}}};
   const std::vector<float> expected{1e30f, 0, 1e30f, 5, 1e30f, 5};
+  // The square of its length, and its product with the other, are no floats.
+  const World endless{
+      {.voc_size = 2, .vec_size = 1}, {1e30f, 1e10f}, {{{0, 1.0f}}}, {{{1, 1.0f}}, {{1, 1.0f}}}};
   for (const Mode& mode : every_mode()) {
     if (mode.steps > 1 || mode.cosine || mode.normalise) continue;
-    run(mode,
-        [&] { EXPECT_EQ(distance_block(world, mode.steps, mode.rule, mode.ground), expected); });
+    run(mode, [&] {
+      EXPECT_EQ(distance_block(world, mode.steps, mode.rule, mode.ground), expected);
+      EXPECT_EQ(distance_block(endless, mode.steps, mode.rule, mode.ground),
+                std::vector<float>(2, 1e30f));
+    });
   }
 }
 

@@ -170,6 +170,20 @@ TEST_F(GpuEngine, NormalisationSwitchedAfterTheCopiesKeepsTheOrderOfDistances) {
     EXPECT_EQ(Z, std::vector<float>(documents, std::sqrt(6.0f)));
     world.queries.push_back(world.queries[0]);
   }
+  // Switched on for the vocabulary and for the computation, not for the queries: |2 - 4|, |2 - 3|.
+  std::vector<float> W{1}, X{2, 1.5f, 2, 1.5f}, weight(4, 1), Z(2);
+  std::vector<int> ind{0}, start{0, 1}, query_start{0, 2, 4};
+  normalize_embeddings = true;
+  copy_vocabulary(0, 1, 1, W.data());
+  copy_raw_data(1, ind.data(), weight.data(), 1, start.data());
+  normalize_embeddings = false;
+  copy_vectors2(4, 1, X.data(), weight.data(), 2, query_start.data());
+  normalize_embeddings = true;
+  ed_min_vocab_multi(Z.data(), 0, false);
+  EXPECT_EQ(Z, std::vector<float>(2, 1));
+  remove_vectors2();
+  remove_raw_data();
+  remove_vocabulary();
 }
 
 // All metrics; weights of either sign, or words without a vector and out of reach: both together

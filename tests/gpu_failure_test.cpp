@@ -111,7 +111,8 @@ TEST(FailingDevice, EndsTheProcessWithItsLine) {
               "for weight\nSize of memory requested: 24\nFree mem = 16, Total = 40\n");
 }
 
-// Whichever launch a device refuses, and whatever Thrust would make of it.
+// Whichever launch a device refuses, and whatever Thrust would make of it: every document is by
+// itself, so that Thrust comes after launches.
 TEST(FailingDevice, RefusesALaunchWithALine) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto run = [](const hostdev::FaultPlan& fault, bool normalise, int steps) {
@@ -120,7 +121,7 @@ TEST(FailingDevice, RefusesALaunchWithALine) {
     const World world = random_world({.num_queries = 40});
     distance_block(world, gpu_engine, false, [&](float* Z) {
       hostdev::plan_fault(fault);
-      if (steps >= 0) ed_min_vocab_multi(Z, steps, false);
+      if (steps >= 0) internal::compute_gpu_block(Z, steps, false, {.table_floats = 1});
       if (steps < 0) compute_ground_distances(nullptr);
     });
     std::exit(0);
@@ -159,6 +160,20 @@ TEST(FailingDevice, LetsTheExceptionOfThrustThrough) {
     }
   }
   normalize_embeddings = use_cosine = false;
+}
+
+TEST(FailingDevice, HasNoNormsOfVectorsThatWereNormalised) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto run = [] {
+    dup2(2, 1);
+    normalize_embeddings = true;
+    distance_block(random_world({}), gpu_engine, false, [](float* Z) {
+      normalize_embeddings = false;
+      ed_min_vocab_multi(Z, 0, false);
+    });
+    std::exit(0);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(1), "Vectors were normalised when they were copied");
 }
 
 // 40 documents at a time would need 160,000 bytes of tables.

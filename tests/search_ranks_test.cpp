@@ -91,13 +91,17 @@ TEST_F(Ranks, AllGiveTheAnswerOfAllDistances) {
   const std::vector<SearchQuestion> two_questions = {{.k = 9}, {.radius = 0.8}};
   const std::vector<SearchQuestion> every_question = {
       {.k = 1}, {.k = 9}, {.k = 500}, {.radius = 0}, {.radius = 0.8}};
-  // With 3 documents and 9 processes most have none; 140 are several batches and blocks.
+  // With 3 documents and 9 processes most have none.  160 are several batches and blocks, with too
+  // little memory for words to be shared, and with just enough for that.
+  constexpr std::size_t words_do_not_fit = 1 << 14, words_fit = 100 << 10, all_fits = 1 << 20;
+  const std::pair<int, std::size_t> sizes[] = {
+      {160, words_do_not_fit}, {160, words_fit}, {20, all_fits}, {3, all_fits}, {0, all_fits}};
   unsigned seed = 20;
-  for (const int documents : {140, 20, 3, 0}) {
+  for (const auto& [documents, memory] : sizes) {
     use(test::search_world({.seed = ++seed, .documents = documents, .queries = 70}));
     for (const Distance& distance : some_distances) {
       options.distance = distance;
-      options.memory = std::size_t{1} << (documents > 20 ? 14 : 20);
+      options.memory = memory;
       for (const bool self : {false, true}) {
         const AllDistances all = all_distances(self);
         for (const SearchQuestion& question : documents == 20 ? every_question : two_questions) {

@@ -52,6 +52,12 @@ TALVIK_BOTH inline float word_distance(float dot, float norm_a, float norm_b) {
   return std::sqrt(std::fabs((-2 * dot + norm_a) + norm_b));
 }
 
+inline constexpr float largest_norm = std::numeric_limits<float>::max();
+
+/// Whether rows that are equal have a known distance.  A zero row has one in any case, since its
+/// products are exact, and a row without a finite norm has none.
+TALVIK_BOTH inline bool has_direction(float norm) { return norm > 0 && norm <= largest_norm; }
+
 // The engines compare scores instead of distances.  For one vocabulary word, the scores of query
 // words are ordered as their distances, so that only the nearest ones need a square root.
 //   euclidean       score = query norm - 2 dot    distance = sqrt(|score + vocabulary norm|)
@@ -71,7 +77,8 @@ inline constexpr float score_of_nearest = score_per_dot * product_of_nearest;
 template <Metric metric>
 TALVIK_BOTH inline float distance_of_score(float score, float norm) {
   constexpr bool rooted = metric == Metric::euclidean || metric == Metric::unit_euclidean;
-  if (rooted && score == score_of_nearest) return 0;
+  // Products with a row of endless norm may be endless, too.
+  if (rooted && score == score_of_nearest && norm <= largest_norm) return 0;
   return word_distance<metric>(score / score_per_dot, norm, 0);
 }
 
@@ -97,12 +104,6 @@ template <Metric metric>
 TALVIK_BOTH inline float distance_to_itself(float norm, bool unit_rows) {
   return word_distance<metric>(product_with_itself(metric, norm, unit_rows), norm, norm);
 }
-
-inline constexpr float largest_norm = std::numeric_limits<float>::max();
-
-/// Whether rows that are equal have a known distance.  A zero row has one in any case, since its
-/// products are exact, and a row without a finite norm has none.
-TALVIK_BOTH inline bool has_direction(float norm) { return norm > 0 && norm <= largest_norm; }
 
 /// The cost per unit of weight for which there is no query word.
 inline constexpr float far_away = 1e30f;

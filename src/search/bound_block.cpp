@@ -12,9 +12,6 @@
 namespace talvik::internal {
 namespace {
 
-// Arrays of the workspace.
-enum : size_t { turned_part, panels, first_table };
-
 // The offsets of a range of documents, counted from its first entry.
 std::vector<int> offsets_of(const Side& side, const Range& range) {
   std::vector<int> offsets(range.count + 1);
@@ -85,6 +82,13 @@ float* Workspace::floats(size_t number, Index count) {
   return array.floats.get();
 }
 
+RangeOfEntries::RangeOfEntries(const Side& side, const Range& range)
+    : start(offsets_of(side, range)),
+      documents{.num_docs = range.count,
+                .start = start.data(),
+                .ind = side.entry_words() + side.begin(range.first),
+                .weight = side.documents().weights().data() + side.begin(range.first)} {}
+
 void one_way_block(const Side& from, const Range& from_range, const Side& to, const Range& to_range,
                    const BlockRules& rules, Workspace& workspace, float* Z) {
   if (from.words() == 0) {  // no document of it has an entry
@@ -92,12 +96,7 @@ void one_way_block(const Side& from, const Range& from_range, const Side& to, co
     return;
   }
   const Batch batch(to, to_range, rows_per_pass(rules.budget, rules.threads), rules.threads);
-  const std::vector<int> start = offsets_of(from, from_range);
-  const Index first_entry = from.begin(from_range.first);
-  const CsrCollection resident{.num_docs = from_range.count,
-                               .start = start.data(),
-                               .ind = from.entry_words() + first_entry,
-                               .weight = from.documents().weights().data() + first_entry};
+  const RangeOfEntries resident(from, from_range);
   const Vocabulary vocabulary{.voc_size = from.words(),
                               .vec_size = from.dimensions(),
                               .rows = from.rows(),
@@ -115,14 +114,14 @@ void one_way_block(const Side& from, const Range& from_range, const Side& to, co
   const BlockSizes sizes = block_sizes(vocabulary, batch.batch, request);
   const int nearest = nearest_of_batch(batch.batch, rules.steps, request.rule);
   BlockBuffers buffers{
-      .panels = workspace.floats(panels, sizes.panels), .distance = {}, .capacity = {}};
+      .panels = workspace.floats(Workspace::panels, sizes.panels), .distance = {}, .capacity = {}};
   for (int t = 0; t < nearest; ++t) {
-    buffers.distance.push_back(workspace.floats(first_table + t, sizes.table));
+    buffers.distance.push_back(workspace.floats(Workspace::first_table + t, sizes.table));
   }
   for (int t = 0; t + 1 < nearest; ++t) {
-    buffers.capacity.push_back(workspace.floats(first_table + nearest + t, sizes.table));
+    buffers.capacity.push_back(workspace.floats(Workspace::first_table + nearest + t, sizes.table));
   }
-  compute_distance_block(vocabulary, resident, batch.batch, request, buffers, Z);
+  compute_distance_block(vocabulary, resident.documents, batch.batch, request, buffers, Z);
 }
 
 void turned_one_way_block(const Side& from, const Range& from_range, const Side& to,
@@ -132,7 +131,8 @@ void turned_one_way_block(const Side& from, const Range& from_range, const Side&
   constexpr int parts = 8;
   constexpr int together_least = 1024;
   const int together = std::max(to_range.count / parts, std::min(to_range.count, together_least));
-  float* const part = workspace.floats(turned_part, elements(together, from_range.count));
+  float* const part =
+      workspace.floats(Workspace::turned_part, elements(together, from_range.count));
   for (int first = 0; first < to_range.count; first += together) {
     const int count = std::min(together, to_range.count - first);
     one_way_block(from, from_range, to, {to_range.first + first, count}, rules, workspace, part);

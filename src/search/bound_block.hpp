@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "libwmd/cpu/pour.hpp"
 #include "libwmd/cpu/sizes.hpp"
 #include "search/side.hpp"
 
@@ -33,6 +34,9 @@ struct BlockRules {
 /// Working memory that is kept from block to block, so that its pages are there already.
 class Workspace {
  public:
+  /// The blocks' arrays; from first_table on are tables of nearest distances.
+  enum : size_t { turned_part, panels, first_table };
+
   /// Array `number`, of at least so many floats; their values mean nothing.
   float* floats(size_t number, Index count);
 
@@ -42,6 +46,16 @@ class Workspace {
     Index count = 0;
   };
   std::vector<Array> arrays_;
+};
+
+/// The documents of a range as the engine takes them.
+struct RangeOfEntries {
+  RangeOfEntries(const Side& side, const Range& range);
+  RangeOfEntries(const RangeOfEntries&) = delete;
+  RangeOfEntries& operator=(const RangeOfEntries&) = delete;
+
+  std::vector<int> start;
+  CsrCollection documents;
 };
 
 /// Every word of a document of `from` travels to the nearest words of a document of `to`:

@@ -50,6 +50,11 @@ class Group {
   double largest(double value) const;
   Count sum(Count value) const;
 
+  /// Every process's part of an array, on every process.
+  /// @param parts  size() + 1 ascending offsets, of which process p has [parts[p], parts[p+1]);
+  ///               checked by the caller: no more than ints can count
+  void gather(const std::vector<int>& parts, float* values) const;
+
   /// Lists of the processes, per query, to the k first of all, on every process.
   void merge(std::vector<std::vector<Found>>& lists, Count k) const;
 

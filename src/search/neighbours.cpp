@@ -11,6 +11,7 @@
 #include "search/group.hpp"
 #include "search/query_search.hpp"
 #include "search/search_plan.hpp"
+#include "search/shared_words.hpp"
 #include "search/ticker.hpp"
 #include "search/timer.hpp"
 #include "talvik/error.hpp"
@@ -38,6 +39,13 @@ int terms_of(int dimensions) {
   return terms_of_product(dimensions, product_scratch(dimensions).on_matrix_unit);
 }
 
+// Words whose nearest words among the queries' all processes look for together.  In the other
+// direction each has its own documents' words to look through.
+int words_to_share(const Question& question, const Group& group) {
+  const bool shared = group.size() > 1 && question.options.distance.measure != Measure::other_way;
+  return shared ? question.collection.used_words() : 0;
+}
+
 class Search {
  public:
   Search(const Question& question, Count total_queries)
@@ -47,7 +55,8 @@ class Search {
         total_documents_(group_.sum(question.collection.size())),
         first_document_(-group_.largest(-question.collection.first_document())),
         plan_(plan_search(question.options.memory, threads_,
-                          group_.largest(question.collection.size()))),
+                          group_.largest(question.collection.size()),
+                          words_to_share(question, group_))),
         ticker_(question.options, total_queries) {}
 
   /// Answers the queries, which follow those of earlier calls.
@@ -63,6 +72,7 @@ class Search {
   void share_limits(Batch& batch, std::vector<std::vector<Found>>& known);
   void search_block(Batch& batch, const Range& block);
   void bound_block(Batch& batch, const Range& block);
+  BlockRules block_rules();
   void bound(const Prepared& prepared, const Range& queries, const Range& block, float* Z);
   void make_states(Batch& batch) const;
   void begin_together(Batch& batch);
@@ -84,6 +94,7 @@ class Search {
   SearchPlan plan_;
   Ticker ticker_;
   Workspace workspace_, distances_;
+  std::unique_ptr<SharedWords> shared_words_;  // or null
   Neighbours result_;
 };
 
@@ -149,16 +160,22 @@ struct Search::Prepared {
   std::vector<Range> blocks;
 };
 
+BlockRules Search::block_rules() {
+  return {.metric = question_.options.distance.metric,
+          .steps = 0,
+          .threads = threads_,
+          .budget = plan_.engine,
+          .checkpoint = [this](int thread) { ticker_.tick(thread); }};
+}
+
 // The first bound of every pair: Z[q*block.count + i].
 void Search::bound(const Prepared& prepared, const Range& queries, const Range& block, float* Z) {
-  const BlockRules rules{.metric = question_.options.distance.metric,
-                         .steps = 0,
-                         .threads = threads_,
-                         .budget = plan_.engine,
-                         .checkpoint = [this](int thread) { ticker_.tick(thread); }};
+  const BlockRules rules = block_rules();
   if (prepared.task.distance.measure == Measure::other_way) {
     turned_one_way_block(prepared.query_side, queries, prepared.resident, block, rules, workspace_,
                          Z);
+  } else if (shared_words_) {
+    shared_words_->pour_block(prepared.resident, block, rules, workspace_, Z);
   } else {
     one_way_block(prepared.resident, block, prepared.query_side, queries, rules, workspace_, Z);
   }
@@ -273,6 +290,10 @@ void Search::answer_batch(const Prepared& prepared, const Range& queries, Count 
   std::span<const Range> blocks(prepared.blocks);
   const bool shared = group_.size() > 1;
   group_.together([&] { make_states(batch); });
+  if (shared_words_) {
+    const Timer timer(result_.stats.bound_seconds);
+    shared_words_->find_nearest(prepared.query_side, queries, block_rules(), workspace_);
+  }
   if (shared) begin_together(batch);
   std::vector<std::vector<Found>> lists;
   group_.together([&] {
@@ -328,6 +349,10 @@ void Search::answer(const Collection& queries, Count first_query) {
   group_.together([&] {
     if (result_.offsets.empty()) result_.offsets.push_back(0);
     prepared = std::make_unique<Prepared>(question_, queries, threads_, group_.size(), plan_);
+    if (plan_.shares_words && !shared_words_) {
+      shared_words_ = std::make_unique<SharedWords>(group_, question_.collection,
+                                                    question_.options.distance.metric, threads_);
+    }
   });
   for (Count first = 0; first < queries.size(); first += plan_.queries_at_a_time) {
     const auto count =

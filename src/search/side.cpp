@@ -33,21 +33,27 @@ Side::Side(const Collection& documents, talvik::Metric metric, int threads)
 void Side::leave_out_unused_words() {
   std::vector<int> number(num_words_, -1);
   for (const int word : documents_.words()) number[word] = 0;
-  int used = 0;
-  for (int& n : number) {
-    if (n == 0) n = used++;
+  int used = 0, first = 0, last = -1;
+  for (int word = 0; word < num_words_; ++word) {
+    if (number[word] < 0) continue;
+    if (used == 0) first = word;
+    last = word;
+    number[word] = used++;
   }
   constexpr double worth_a_copy = 0.95;
   if (used >= worth_a_copy * num_words_) return;
+  const bool side_by_side = last - first + 1 == used;
   const Index m = dimensions();
-  own_rows_.resize(elements(used, m));
+  own_rows_.resize(side_by_side ? 0 : elements(used, m));
   own_norms_.resize(round_up(used, line_floats));
   own_hash_.resize(used);
   table_words_.resize(used);
-  for (int word = 0; word < num_words_; ++word) {
+  for (int word = first; word <= last; ++word) {
     const int n = number[word];
     if (n < 0) continue;
-    std::copy_n(rows_ + elements(word, m), m, own_rows_.data() + elements(n, m));
+    if (!side_by_side) {
+      std::copy_n(rows_ + elements(word, m), m, own_rows_.data() + elements(n, m));
+    }
     own_norms_[n] = norms_[word];
     own_hash_[n] = row_hash_[word];
     table_words_[n] = word;
@@ -56,7 +62,9 @@ void Side::leave_out_unused_words() {
   for (const int word : documents_.words()) own_entry_words_.push_back(number[word]);
   num_words_ = used;
   entry_words_ = own_entry_words_.data();
-  take_own_rows();
+  rows_ = side_by_side ? rows_ + elements(first, m) : own_rows_.data();
+  norms_ = own_norms_.data();
+  row_hash_ = own_hash_;
 }
 
 void Side::scale_rows(int threads) {
@@ -66,10 +74,6 @@ void Side::scale_rows(int threads) {
   // Those are the norms from before.
   for (float& norm : own_norms_) norm = norm > 0 ? 1 : 0;
   own_hash_ = hash_rows(own_rows_.data(), elements(dimensions(), sizeof(float)), words(), threads);
-  take_own_rows();
-}
-
-void Side::take_own_rows() {
   rows_ = own_rows_.data();
   norms_ = own_norms_.data();
   row_hash_ = own_hash_;

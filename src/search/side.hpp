@@ -17,7 +17,8 @@ namespace talvik::internal {
 class Side {
  public:
   /// For the cosine the rows are those of length 1: copies, unless the table has such already.
-  /// Where many words do not occur, as in a slice of a collection, those that do are copied, too.
+  /// Where many words do not occur, as in a slice of a collection, those that do are copied, too,
+  /// unless they are side by side.
   Side(const Collection& documents, talvik::Metric metric, int threads);
   Side(const Side&) = delete;
   Side& operator=(const Side&) = delete;
@@ -32,10 +33,11 @@ class Side {
   const int* entry_words() const { return entry_words_; }
   /// words() x dimensions()
   const float* rows() const { return rows_; }
+  /// The number of a word in the vocabulary; ascends with the words.
+  int table_word(int word) const { return table_words_.empty() ? word : table_words_[word]; }
   /// The row of a word as it is in the vocabulary.
   const float* table_row(int word) const {
-    const int number = table_words_.empty() ? word : table_words_[word];
-    return table().rows.data() + elements(number, dimensions());
+    return table().rows.data() + elements(table_word(word), dimensions());
   }
   /// Squared norms of the rows, readable up to a multiple of line_floats.
   const float* norms() const { return norms_; }
@@ -54,7 +56,6 @@ class Side {
  private:
   void leave_out_unused_words();
   void scale_rows(int threads);
-  void take_own_rows();
 
   const Collection& documents_;
   int num_words_;

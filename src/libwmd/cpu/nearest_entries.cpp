@@ -178,7 +178,8 @@ void Distances(Metric metric, const float* norms, int words, float* scores) {
       } else {
         const Vector norm = m == Metric::unit_euclidean ? hn::Set(d, 2) : hn::LoadU(d, norms + v);
         const Vector distance = hn::Sqrt(hn::Abs(hn::Add(score, norm)));
-        const auto equal = hn::Eq(score, hn::Set(d, score_of_nearest));
+        const auto equal = hn::And(hn::Eq(score, hn::Set(d, score_of_nearest)),
+                                   hn::Le(norm, hn::Set(d, largest_norm)));
         hn::StoreU(hn::IfThenZeroElse(equal, distance), d, scores + v);
       }
     }

@@ -231,8 +231,8 @@ void upload_equal_rows(GpuBlock& block, const RowPass& pass) {
   block.equal_rows_dev = upload(pairs.data(), block.equal_rows, "equal_rows");
 }
 
-// Whether the section's one document, whose rows are side by side, takes the kernels that know
-// nothing of other documents.
+// Whether the section's one document, whose rows are side by side, takes the plain kernels, which
+// know nothing of other documents: what the others do is measured against them.
 bool is_by_itself(const GpuBlock& block, const BatchSection& section, const RowPass& pass,
                   const WordTile& tile) {
   return section.last_doc - section.first_doc == 1 && section.last_pass - section.first_pass == 1 &&
@@ -241,12 +241,17 @@ bool is_by_itself(const GpuBlock& block, const BatchSection& section, const RowP
                      pass.last_entry - pass.first_entry);
 }
 
-// Whether the scores of products are ordered as the distances.  They are not where the host has
-// switched normalisation between a copy and the computation: there the argument of the root may be
-// well below 0.
-bool scores_fit_rows(const DeviceRows& words, const DeviceRows& rows) {
-  const bool as_given = words.norms || rows.norms;
-  return chosen_metric(use_cosine, normalize_embeddings) != Metric::unit_euclidean || !as_given;
+// Whether the scores of products are ordered as the distances.  They need not be where the host has
+// switched normalisation on between a copy and the computation: there the argument of the root may
+// be well below 0.  Only rows as given have norms.
+bool scores_fit_rows() { return !normalize_embeddings || (!RW_dev && !Rn2_dev); }
+
+// The other way round, the rows are of unit length, and their norms are not there.
+void require_norms() {
+  const bool read = chosen_metric(use_cosine, normalize_embeddings) == Metric::euclidean;
+  if (read && num_vecs2 > 0 && (!RW_dev || !Rn2_dev)) {
+    fail("Vectors were normalised when they were copied, and are not to be any more");
+  }
 }
 
 // What the nearest entries of a tile are chosen by.
@@ -255,7 +260,7 @@ struct TileScores {
   const float* bias;  // per row, of its products' scores; or null
 };
 
-// Writes a tile of Y_dev.  The first tile comes first.
+// Writes a tile of Y_dev, and says what it holds then.  The first tile comes first.
 TileScores compute_rows(GpuBlock& block, const RowPass& pass, const DeviceRows& rows,
                         const WordTile& tile, bool by_itself) {
   if (rows.count == 0) return {};
@@ -266,7 +271,7 @@ TileScores compute_rows(GpuBlock& block, const RowPass& pass, const DeviceRows& 
                 rows_of_product(block.asked.budget, tile.count), Y);
   begin(block, GpuStep::equal);
   if (tile.first == 0) upload_equal_rows(block, pass);  // looked for while the device multiplies
-  const bool products = !by_itself && scores_fit_rows(vocabulary, rows);
+  const bool products = !by_itself && scores_fit_rows();
   if (!products) convert_products(vocabulary, tile, rows, Y);
   if (block.equal_rows > 0) {
     set_pairs_of_equal_rows(vocabulary, tile, rows, block.equal_rows_dev.get(), block.equal_rows,
@@ -307,9 +312,9 @@ void choose_nearest(GpuBlock& block, const BatchSection& section, int p, const W
   const EntryScores ground{D_ground_dev + tile.first, ind2_dev, voc_size};
   const EntryScores rows{block.Y_dev.get(), block.row_of_entry_dev.get(), tile.count,
                          scores.products ? score_per_dot : 1, scores.bias};
-  ListEnds ends;
+  ListRule rule;
   if (scores.products) {
-    ends = {.missing = std::numeric_limits<float>::infinity(),
+    rule = {.missing = std::numeric_limits<float>::infinity(),
             .convert = p + 1 == section.last_pass,
             .metric = chosen_metric(use_cosine, normalize_embeddings),
             .word_norms = RW_dev};
@@ -317,7 +322,7 @@ void choose_nearest(GpuBlock& block, const BatchSection& section, int p, const W
   launch(top_kernels(block.kept).of_documents,
          document_grid(section.last_doc - section.first_doc, tile.count), block_shape(),
          block.asked.precompute ? ground : rows, tile, block.start2_dev.get() + section.first_doc,
-         pass, weight2_dev, tables_from(block, from_first), p > section.first_pass, ends);
+         pass, weight2_dev, tables_from(block, from_first), p > section.first_pass, rule);
 }
 
 // All weight goes to the nearest entry: one product for all documents of a group.
@@ -446,6 +451,7 @@ void compute_block(const BlockRequest& asked, const QueryRows& query_rows,
     return;
   }
   if (asked.begins) asked.begins(GpuStep::prepare);
+  if (!asked.precompute) require_norms();
   forget_earlier_errors();
   GpuBlock block{.asked = asked,
                  .rows = plan_rows(asked, query_rows.distinct),

@@ -33,7 +33,7 @@ inline dim3 row_grid(int rows) {
 inline dim3 column_grid(int cols) { return dim3(blocks_for(cols, threads_per_block)); }
 
 /// A column of blocks per document, a thread per word of a tile.  Blocks start along x first, so
-/// that those of a few words meet the same distance rows in the second-level cache, document after
+/// that those of a few words meet the same rows in the second-level cache, document after
 /// document.
 inline dim3 document_grid(int docs, int words) {
   return dim3(docs, blocks_for(words, threads_per_block));
@@ -87,14 +87,14 @@ struct EntryScores {
   }
 };
 
-/// What the lists of nearest entries begin and end as.
-struct ListEnds {
-  float missing = far_away;  ///< what fills a list that has not its N entries yet
-  bool convert = false;      ///< the list's scores into distances, by the two below
+/// What the lists of nearest entries begin with, and what becomes of them.
+struct ListRule {
+  float missing = far_away;  ///< fills a list that has not its N entries yet
+  bool convert = false;      ///< scores become distances, by metric and word_norms
   Metric metric = Metric::euclidean;
   const float* word_norms = nullptr;  ///< squared, per word of the vocabulary; euclidean
 
-  TALVIK_BOTH float end(float score, int word) const {
+  TALVIK_BOTH float finished(float score, int word) const {
     if (!convert) return score;
     float distance = 0;
     switch (metric) {
@@ -141,8 +141,8 @@ inline TableStrides pairs_by_word(int kept, int voc_size) {
 
 /// Tables of nearest entries.
 struct NearestEntries {
-  float* distances;
-  float* weights;  ///< null: not kept
+  float* distances;  ///< scores, until a section's last pass
+  float* weights;    ///< null: not kept
   TableStrides strides;
 };
 
@@ -152,18 +152,18 @@ template <int N>
 inline constexpr int loads_at_once = N <= 4 ? 8 : 4;
 
 /// The N nearest of entries [first, last) to a word, which is at column c of their scores.  A list
-/// that they do not fill ends with far_away and no weight.
+/// that they do not fill ends with rule.missing, far_away once converted, and no weight.
 /// @param nearest  begins at this document and word
 /// @param goes_on  nearest holds the result over earlier entries, not converted
 template <int N>
 __device__ void nearest_of_column(int word, int c, const EntryScores& entries, int first, int last,
                                   const float* entry_weights, const NearestEntries& nearest,
-                                  bool goes_on, const ListEnds& ends) {
+                                  bool goes_on, const ListRule& rule) {
   float value[N], weight[N];
   const bool weighted = nearest.weights != nullptr;
   for (int r = 0; r < N; ++r) {
     const Index at = row_offset(r, nearest.strides.rank);
-    value[r] = goes_on ? nearest.distances[at] : ends.missing;
+    value[r] = goes_on ? nearest.distances[at] : rule.missing;
     weight[r] = goes_on && weighted ? nearest.weights[at] : 0;
   }
   constexpr int at_once = loads_at_once<N>;
@@ -180,19 +180,19 @@ __device__ void nearest_of_column(int word, int c, const EntryScores& entries, i
   }
   for (int r = 0; r < N; ++r) {
     const Index at = row_offset(r, nearest.strides.rank);
-    nearest.distances[at] = ends.end(value[r], word);
+    nearest.distances[at] = rule.finished(value[r], word);
     if (weighted) nearest.weights[at] = weight[r];
   }
 }
 
-/// The N nearest entries of every document, among those of the pass, to every word of the tile;
-/// far_away where there are fewer.  Launched on document_grid.
+/// The N nearest entries of every document, among those of the pass, to every word of the tile.
+/// Launched on document_grid.
 /// @param start    entry offsets, from document 0 of the launch and of `nearest`
 /// @param goes_on  nearest holds the result over earlier passes, not converted
 template <int N>
 __global__ void nearest_of_documents(EntryScores entries, WordTile tile, const int* start,
                                      RowPass pass, const float* entry_weights,
-                                     NearestEntries nearest, bool goes_on, ListEnds ends) {
+                                     NearestEntries nearest, bool goes_on, ListRule rule) {
   const int c = blockIdx.y * threads_per_block + threadIdx.x;
   if (c >= tile.count) return;
   const int q = blockIdx.x;
@@ -202,7 +202,7 @@ __global__ void nearest_of_documents(EntryScores entries, WordTile tile, const i
   if (nearest.weights) nearest.weights += offset;
   const int first = start[q] > pass.first_entry ? start[q] : pass.first_entry;
   const int last = start[q + 1] < pass.last_entry ? start[q + 1] : pass.last_entry;
-  nearest_of_column<N>(word, c, entries, first, last, entry_weights, nearest, goes_on, ends);
+  nearest_of_column<N>(word, c, entries, first, last, entry_weights, nearest, goes_on, rule);
 }
 
 /// The body of topN_single.
@@ -214,7 +214,7 @@ __device__ void top_of_column(int rows, int cols, const float* D, float* D_k, co
   constexpr bool goes_on = false;
   if (c < cols) {
     nearest_of_column<N>(c, c, {D, nullptr, cols}, first, rows, w, {D_k + c, w_k + c, {0, 1, cols}},
-                         goes_on, ListEnds{});
+                         goes_on, ListRule{});
   }
 }
 

@@ -12,7 +12,7 @@ namespace talvik::internal {
 /// What one computation may hold on the device, and from which sizes on it goes another way; tests
 /// make all of it small.
 struct GpuBudget {
-  Index block_floats = Index{1} << 29;  ///< distance rows: 2 GiB
+  Index block_floats = Index{1} << 29;  ///< rows of products: 2 GiB
   Index table_floats = Index{1} << 28;  ///< nearest distances of a section: 1 GiB; weights likewise
   int group_docs = 256;                 ///< query documents whose distances are copied together
   int tile_words = 4096;                ///< a tile is not narrower for the sake of more rows
@@ -26,7 +26,7 @@ constexpr int narrowest_tile(const GpuBudget& budget, int voc_size) {
   return std::clamp(voc_size, 1, budget.tile_words);
 }
 
-/// Floats of the distance rows: one row of a tile at least.
+/// Floats of the rows of products: one row of a tile at least.
 constexpr Index block_floats(const GpuBudget& budget, int voc_size) {
   return std::max<Index>(budget.block_floats, narrowest_tile(budget, voc_size));
 }
@@ -42,7 +42,7 @@ static_assert(rows_of_block(GpuBudget{.block_floats = 1, .tile_words = 8}, 50'00
 // A launch over documents and words has the words along y, of which a grid has 65,535 blocks.
 inline constexpr int words_per_block = 128, widest_tile = 65'535 * words_per_block;
 
-/// Words whose distances to so many rows fit the block: whole blocks of a launch, if there is more
+/// Words whose products with so many rows fit the block: whole blocks of a launch, if there is more
 /// than one tile.
 constexpr int words_of_tile(const GpuBudget& budget, int voc_size, int rows) {
   const Index words = block_floats(budget, voc_size) / std::max(rows, 1);
