@@ -106,7 +106,8 @@ void SharedWords::pour_block(const Side& from, const Range& from_range, const Bl
                                  .distance = {table},
                                  .capacity = {}};
       fill_table(from, tables, query, rules, table);
-      pour(tables, resident.documents, rules.threads, ranges, Z + elements(query, from_range.count));
+      pour(tables, resident.documents, rules.threads, ranges,
+           Z + elements(query, from_range.count));
     }
   }
 }
