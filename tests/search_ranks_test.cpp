@@ -87,13 +87,15 @@ class Ranks : public testing::Test {
 constexpr Distance some_distances[] = {
     {Measure::two_way, 0}, {Measure::other_way, 1}, {Measure::exact, 0, Metric::cosine}};
 
+// Bytes, for the smaller worlds here.
+constexpr std::size_t words_do_not_fit = 1 << 14, words_fit = 100 << 10, all_fits = 1 << 20;
+
 TEST_F(Ranks, AllGiveTheAnswerOfAllDistances) {
   const std::vector<SearchQuestion> two_questions = {{.k = 9}, {.radius = 0.8}};
   const std::vector<SearchQuestion> every_question = {
       {.k = 1}, {.k = 9}, {.k = 500}, {.radius = 0}, {.radius = 0.8}};
   // With 3 documents and 9 processes most have none.  160 are several batches and blocks, with too
-  // little memory for words to be shared, and with just enough for that.
-  constexpr std::size_t words_do_not_fit = 1 << 14, words_fit = 100 << 10, all_fits = 1 << 20;
+  // little memory for words to be shared, and on two processes also with just enough for that.
   const std::pair<int, std::size_t> sizes[] = {
       {160, words_do_not_fit}, {160, words_fit}, {20, all_fits}, {3, all_fits}, {0, all_fits}};
   unsigned seed = 20;
@@ -118,10 +120,10 @@ TEST_F(Ranks, AllGiveTheAnswerOfAllDistances) {
 
 TEST_F(Ranks, OneEndsTheSearchOfAll) {
   use(test::search_world({.seed = 30, .documents = 60, .queries = 70}));
-  options.memory = 1 << 14;
   for (const Distance& distance : some_distances) {
     options.distance = distance;
     for (const bool self : {false, true}) {
+      options.memory = self ? words_do_not_fit : words_fit;
       const int ending = static_cast<int>(self) % processes->size();
       int ended = processes->size();
       for (int least = 0; ended > 0; least += 1 + least / 2) {
@@ -144,10 +146,10 @@ TEST_F(Ranks, OneEndsTheSearchOfAll) {
 
 TEST_F(Ranks, OneThatIsOutOfMemoryFailsTheSearchOfAll) {
   use(test::search_world({.seed = 31, .documents = 30, .queries = 70}));
-  options.memory = 1 << 13;
   for (const Distance& distance : {Distance{}, Distance{Measure::exact}}) {
     options.distance = distance;
     for (const SearchQuestion question : {SearchQuestion{.k = 4}, {.radius = 1, .self = true}}) {
+      options.memory = question.self ? words_fit : words_do_not_fit;
       const int failing = (question.self ? 0 : 1) % processes->size();
       bool ended = true;
       for (int allocations = 0; ended; allocations += 1 + allocations / 4) {

@@ -46,7 +46,8 @@ struct Distance {
   Metric metric = Metric::euclidean;  ///< between words
 };
 
-/// How far a search has come.  Collective searches report on every process that has documents.
+/// How far a search has come.  Collective searches report on every process that has documents,
+/// and perhaps on others.
 struct Progress {
   Count done;      ///< queries answered
   Count total;     ///< queries in all

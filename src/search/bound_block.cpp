@@ -82,12 +82,12 @@ float* Workspace::floats(size_t number, Index count) {
   return array.floats.get();
 }
 
-RangeOfEntries::RangeOfEntries(const Side& side, const Range& range)
+EngineDocuments::EngineDocuments(const Side& side, const Range& range)
     : start(offsets_of(side, range)),
-      documents{.num_docs = range.count,
-                .start = start.data(),
-                .ind = side.entry_words() + side.begin(range.first),
-                .weight = side.documents().weights().data() + side.begin(range.first)} {}
+      csr{.num_docs = range.count,
+          .start = start.data(),
+          .ind = side.entry_words() + side.begin(range.first),
+          .weight = side.documents().weights().data() + side.begin(range.first)} {}
 
 void one_way_block(const Side& from, const Range& from_range, const Side& to, const Range& to_range,
                    const BlockRules& rules, Workspace& workspace, float* Z) {
@@ -96,7 +96,7 @@ void one_way_block(const Side& from, const Range& from_range, const Side& to, co
     return;
   }
   const Batch batch(to, to_range, rows_per_pass(rules.budget, rules.threads), rules.threads);
-  const RangeOfEntries resident(from, from_range);
+  const EngineDocuments resident(from, from_range);
   const Vocabulary vocabulary{.voc_size = from.words(),
                               .vec_size = from.dimensions(),
                               .rows = from.rows(),
@@ -121,7 +121,7 @@ void one_way_block(const Side& from, const Range& from_range, const Side& to, co
   for (int t = 0; t + 1 < nearest; ++t) {
     buffers.capacity.push_back(workspace.floats(Workspace::first_table + nearest + t, sizes.table));
   }
-  compute_distance_block(vocabulary, resident.documents, batch.batch, request, buffers, Z);
+  compute_distance_block(vocabulary, resident.csr, batch.batch, request, buffers, Z);
 }
 
 void turned_one_way_block(const Side& from, const Range& from_range, const Side& to,

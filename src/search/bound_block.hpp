@@ -49,13 +49,13 @@ class Workspace {
 };
 
 /// The documents of a range as the engine takes them.
-struct RangeOfEntries {
-  RangeOfEntries(const Side& side, const Range& range);
-  RangeOfEntries(const RangeOfEntries&) = delete;
-  RangeOfEntries& operator=(const RangeOfEntries&) = delete;
+struct EngineDocuments {
+  EngineDocuments(const Side& side, const Range& range);
+  EngineDocuments(const EngineDocuments&) = delete;
+  EngineDocuments& operator=(const EngineDocuments&) = delete;
 
   std::vector<int> start;
-  CsrCollection documents;
+  CsrCollection csr;
 };
 
 /// Every word of a document of `from` travels to the nearest words of a document of `to`:

@@ -1,4 +1,5 @@
 // The k nearest documents, and those within a radius: batches of queries, blocks of documents.
+#include <algorithm>
 #include <climits>
 #include <limits>
 #include <memory>
@@ -39,11 +40,36 @@ int terms_of(int dimensions) {
   return terms_of_product(dimensions, product_scratch(dimensions).on_matrix_unit);
 }
 
-// Words whose nearest words among the queries' all processes look for together.  In the other
-// direction each has its own documents' words to look through.
-int words_to_share(const Question& question, const Group& group) {
-  const bool shared = group.size() > 1 && question.options.distance.measure != Measure::other_way;
-  return shared ? question.collection.used_words() : 0;
+int table_dimensions(const Question& question) {
+  return question.collection.vocabulary().table().dimensions;
+}
+
+// The most of any process: they multiply each other's words.
+int agreed_terms(const Question& question, const Group& group) {
+  return static_cast<int>(group.largest(Count{terms_of(table_dimensions(question))}));
+}
+
+Count words_of(const Collection& slice) {
+  std::vector<bool> occurs(slice.used_words());
+  for (const int word : slice.words()) occurs[word] = true;
+  return std::count(occurs.begin(), occurs.end(), true);
+}
+
+SearchPlan agreed_plan(const Question& question, const Group& group, int threads,
+                       Count total_queries) {
+  const Collection& slice = question.collection;
+  const Count documents = group.largest(slice.size());
+  SharingProcesses processes;
+  // In the other direction each has its own documents' words to look through.
+  if (group.size() > 1 && question.options.distance.measure != Measure::other_way) {
+    Count own_words = 0;
+    group.together([&] { own_words = words_of(slice); });
+    processes = {.count = group.size(),
+                 .words = slice.used_words(),
+                 .own_words = group.largest(own_words),
+                 .queries = question.self ? documents : total_queries};
+  }
+  return plan_search(question.options.memory, threads, documents, processes);
 }
 
 class Search {
@@ -54,9 +80,8 @@ class Search {
         threads_(team_threads(question.options)),
         total_documents_(group_.sum(question.collection.size())),
         first_document_(-group_.largest(-question.collection.first_document())),
-        plan_(plan_search(question.options.memory, threads_,
-                          group_.largest(question.collection.size()),
-                          words_to_share(question, group_))),
+        terms_(agreed_terms(question, group_)),
+        plan_(agreed_plan(question, group_, threads_, total_queries)),
         ticker_(question.options, total_queries) {}
 
   /// Answers the queries, which follow those of earlier calls.
@@ -91,6 +116,7 @@ class Search {
   Group group_;
   int threads_;
   Count total_documents_, first_document_;  // of all slices
+  int terms_;                               // of a product
   SearchPlan plan_;
   Ticker ticker_;
   Workspace workspace_, distances_;
@@ -101,7 +127,7 @@ class Search {
 // What is made once for all batches of a collection of queries.
 struct Search::Prepared {
   Prepared(const Question& question, const Collection& queries, int threads, int processes,
-           const SearchPlan& plan)
+           int terms, const SearchPlan& plan)
       : resident(question.collection, question.options.distance.metric, threads),
         query_side(queries, question.options.distance.metric, threads),
         equal(resident, query_side),
@@ -113,7 +139,7 @@ struct Search::Prepared {
                         .steps = question.options.distance.steps,
                         .capacity_scale = 1,
                         .rounding = Rounding::of(
-                            question.options.distance.metric, terms_of(resident.dimensions()),
+                            question.options.distance.metric, terms,
                             std::max(resident.largest_norm(), query_side.largest_norm())),
                         .table_floats = plan.table_floats},
              .distance = question.options.distance,
@@ -348,7 +374,8 @@ void Search::answer(const Collection& queries, Count first_query) {
   std::unique_ptr<Prepared> prepared;
   group_.together([&] {
     if (result_.offsets.empty()) result_.offsets.push_back(0);
-    prepared = std::make_unique<Prepared>(question_, queries, threads_, group_.size(), plan_);
+    prepared =
+        std::make_unique<Prepared>(question_, queries, threads_, group_.size(), terms_, plan_);
     if (plan_.shares_words && !shared_words_) {
       shared_words_ = std::make_unique<SharedWords>(group_, question_.collection,
                                                     question_.options.distance.metric, threads_);

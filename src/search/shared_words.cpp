@@ -91,7 +91,7 @@ void SharedWords::pour_block(const Side& from, const Range& from_range, const Bl
     std::fill_n(Z, elements(queries_, from_range.count), 0.0f);
     return;
   }
-  const RangeOfEntries resident(from, from_range);
+  const EngineDocuments resident(from, from_range);
   EntryRanges ranges{std::vector<int>(from_range.count), std::vector<int>(from_range.count)};
   const int width = table_width(queries_);
   const Index fitting = std::max<Index>(rules.budget.table_floats / width, 1);
@@ -106,8 +106,7 @@ void SharedWords::pour_block(const Side& from, const Range& from_range, const Bl
                                  .distance = {table},
                                  .capacity = {}};
       fill_table(from, tables, query, rules, table);
-      pour(tables, resident.documents, rules.threads, ranges,
-           Z + elements(query, from_range.count));
+      pour(tables, resident.csr, rules.threads, ranges, Z + elements(query, from_range.count));
     }
   }
 }
