@@ -24,10 +24,9 @@ std::vector<int> offsets_of(const Side& side, const Range& range) {
 
 // A batch whose words are known by number: entries of one word share a row.
 struct Batch {
-  Batch(const Side& side, const Range& range, int max_rows, int threads)
-      : start(offsets_of(side, range)) {
-    const int* const words = side.entry_words() + side.begin(range.first);
-    distinct = find_distinct_rows(words, sizeof(int), start.data(), range.count, max_rows, threads);
+  Batch(const Side& side, const Range& range, int max_rows, int threads) : documents(side, range) {
+    const auto& [num_docs, start, words, weight] = documents.csr;
+    distinct = find_distinct_rows(words, sizeof(int), start, num_docs, max_rows, threads);
     const Index m = side.dimensions();
     const auto num_rows = static_cast<int>(distinct.entry_of_row.size());
     rows.resize(elements(num_rows, m));
@@ -37,9 +36,9 @@ struct Batch {
       std::copy_n(side.rows() + elements(word, m), m, rows.data() + elements(r, m));
       norms[r] = side.norms()[word];
     }
-    batch = {.num_docs = range.count,
-             .start = start.data(),
-             .weight = side.documents().weights().data() + side.begin(range.first),
+    batch = {.num_docs = num_docs,
+             .start = start,
+             .weight = weight,
              .ind = words,
              .distinct = &distinct,
              .rows = rows.data(),
@@ -49,7 +48,7 @@ struct Batch {
   Batch(const Batch&) = delete;
   Batch& operator=(const Batch&) = delete;
 
-  std::vector<int> start;
+  EngineDocuments documents;
   DistinctRows distinct;
   std::vector<float> rows, norms;
   QueryBatch batch;

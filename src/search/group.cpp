@@ -97,14 +97,11 @@ Count Group::sum(Count value) const {
   return sum;
 }
 
-void Group::gather(const std::vector<int>& parts, float* values) const {
+void Group::gather(const std::vector<int>& counts, const std::vector<int>& places,
+                   float* values) const {
   if (size() == 1) return;
-  std::vector<int> counts;
-  together([&] {
-    for (int p = 0; p < size(); ++p) counts.push_back(parts[p + 1] - parts[p]);
-  });
-  MPI_Allgatherv(MPI_IN_PLACE, 0, MPI_DATATYPE_NULL, values, counts.data(), parts.data(), MPI_FLOAT,
-                 communicator_->get());
+  MPI_Allgatherv(MPI_IN_PLACE, 0, MPI_DATATYPE_NULL, values, counts.data(), places.data(),
+                 MPI_FLOAT, communicator_->get());
 }
 
 void Group::merge(std::vector<std::vector<Found>>& lists, Count k) const {

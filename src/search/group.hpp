@@ -51,9 +51,9 @@ class Group {
   Count sum(Count value) const;
 
   /// Every process's part of an array, on every process.
-  /// @param parts  size() + 1 ascending offsets, of which process p has [parts[p], parts[p+1]);
-  ///               checked by the caller: no more than ints can count
-  void gather(const std::vector<int>& parts, float* values) const;
+  /// @param counts  per process, of its part
+  /// @param places  per process, where its part begins
+  void gather(const std::vector<int>& counts, const std::vector<int>& places, float* values) const;
 
   /// Lists of the processes, per query, to the k first of all, on every process.
   void merge(std::vector<std::vector<Found>>& lists, Count k) const;

@@ -39,19 +39,20 @@ SharedWords::SharedWords(const Group& group, const Collection& slice, talvik::Me
 
 void SharedWords::find_nearest(const Side& queries, const Range& range, const BlockRules& rules,
                                Workspace& workspace) {
-  std::vector<int> parts;
+  std::vector<int> counts, places;
   float* values = nullptr;
   group_.together([&] {
-    for (const int word : first_word_) {
-      parts.push_back(static_cast<int>(elements(word, range.count)));
+    for (int p = 0; p < group_.size(); ++p) {
+      places.push_back(first_word_[p] * range.count);  // the plan sees to it that ints suffice
+      counts.push_back((first_word_[p + 1] - first_word_[p]) * range.count);
     }
-    values = gathered_.floats(0, parts.back());
+    values = gathered_.floats(0, elements(first_word_.back(), range.count));
     const int words = static_cast<int>(share_.size());
     if (words == 0) return;
     one_way_block(share_side_, {0, words}, queries, range, rules, workspace,
-                  values + parts[group_.rank()]);
+                  values + places[group_.rank()]);
   });
-  group_.gather(parts, values);
+  group_.gather(counts, places, values);
   queries_ = range.count;
   nearest_ = values;
 }

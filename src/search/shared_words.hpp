@@ -12,8 +12,8 @@
 
 namespace talvik::internal {
 
-/// Slices of a collection have almost the same words.  If each process multiplied its own with
-/// those of the queries, all would do nearly the same products; so each does a share of the
+/// Large slices of a collection have almost the same words.  If each process multiplied its own
+/// with those of the queries, all would do nearly the same products; so each does a share of the
 /// vocabulary, and gets the distances of the other words from the other processes.
 class SharedWords {
  public:
